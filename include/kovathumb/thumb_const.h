@@ -1,0 +1,39 @@
+// Names shared across libkovathumb: the size names, their letters in stored
+// thumbnail names, and the file-name extensions of supported photos and
+// videos. Constants only; safe to use from any thread.
+#ifndef KOVATHUMB_THUMB_CONST_H_
+#define KOVATHUMB_THUMB_CONST_H_
+
+namespace kovathumb {
+
+inline constexpr char kSizeSmall[] = "small";
+inline constexpr char kSizeMedium[] = "medium";
+inline constexpr char kSizeBig[] = "big";
+inline constexpr char kSizeLarge[] = "large";
+inline constexpr char kSizeXLarge[] = "xlarge";
+inline constexpr char kSizeOriginal[] = "original";
+// Size name of a request made with explicit dimensions.
+inline constexpr char kSizeCustom[] = "__CUSTOM_SIZE__";
+
+inline constexpr char kLetterSmall[] = "S";
+inline constexpr char kLetterMedium[] = "M";
+inline constexpr char kLetterBig[] = "B";
+inline constexpr char kLetterLarge[] = "L";  // defined, but "large" is stored as "XL"
+inline constexpr char kLetterXLarge[] = "XL";
+
+inline constexpr const char* kImageExtensions[] = {
+    "jpg", "jpeg", "jpe", "bmp", "png", "tif", "tiff", "gif",  "arw", "srf", "sr2",
+    "dcr", "k25",  "kdc", "cr2", "crw", "nef", "mrw",  "ptx",  "pef", "raf", "3fr",
+    "erf", "mef",  "mos", "orf", "rw2", "dng", "x3f",  "raw",  "heic", "heif"};
+
+// Audio-only and disc names ("m4a", "ac3", "iso", ...) count as videos.
+inline constexpr const char* kVideoExtensions[] = {
+    "3gp",  "3g2",  "asf",  "dat",  "divx", "dvr-ms", "m2t",   "m2ts",  "mk3d",   "mka",
+    "mks",  "m4a",  "m4v",  "mkv",  "mp4",  "mts",    "m4p",   "m4b",   "m4r",    "mov",
+    "qt",   "tp",   "trp",  "ts",   "vob",  "wmv",    "xvid",  "ac3",   "amr",    "rm",
+    "rmvb", "ifo",  "mpeg", "mpg",  "mpe",  "m1v",    "m2v",   "mpeg1", "mpeg2",  "mpeg4",
+    "ogv",  "webm", "flv",  "f4v",  "avi",  "swf",    "vdr",   "iso"};
+
+}  // namespace kovathumb
+
+#endif  // KOVATHUMB_THUMB_CONST_H_

@@ -1,0 +1,22 @@
+#!/usr/bin/env bash
+# Installs what building, testing and the demo need, from Debian's packages.
+set -euo pipefail
+
+packages=(
+  cmake g++ make pkg-config
+  libexiv2-dev libheif-dev libcli11-dev nlohmann-json3-dev libgtest-dev
+  imagemagick libjpeg-turbo-progs dcraw
+  exiv2 libheif-examples libimage-exiftool-perl
+)
+
+missing=()
+for p in "${packages[@]}"; do
+  dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "ok installed" || missing+=("$p")
+done
+[ ${#missing[@]} -eq 0 ] && exit 0
+
+SUDO=""
+[ "$(id -u)" -ne 0 ] && SUDO="sudo"
+export DEBIAN_FRONTEND=noninteractive
+$SUDO apt-get update -qq
+$SUDO apt-get install -y -qq --no-install-recommends "${missing[@]}"

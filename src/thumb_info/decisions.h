@@ -1,0 +1,44 @@
+// Pure decisions of ThumbInfo, kept apart from Exiv2 so they can be tested
+// with plain values.
+#ifndef KOVATHUMB_THUMB_INFO_DECISIONS_H_
+#define KOVATHUMB_THUMB_INFO_DECISIONS_H_
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "kovathumb/thumb_info.h"
+
+namespace kovathumb {
+namespace internal {
+
+// Index into ThumbInfo::rotateFlopMappingList_ from the text of
+// "Exif.Image.Orientation" (null when absent) and, only consulted when that
+// text is exactly "1", of the first maker-note rotation key present (null
+// when none). Throws std::invalid_argument / std::out_of_range for text that
+// is no number, as std::stoi does.
+int OrientationIndex(const std::string* standard, const std::string* makerNote);
+
+struct PreviewProps {
+  std::string mimeType;
+  uint32_t width;
+  uint32_t height;
+};
+
+// Which embedded preview makes a thumbnail for `box` of a source of type
+// `sourceMime`: an index into `previews`, or -1 when none is suitable.
+int ChoosePreview(const std::vector<PreviewProps>& previews, const std::string& sourceMime,
+                  ThumbDimension box);
+
+// rotate + userRotate in 32 bits, wrapping rather than overflowing.
+inline int32_t TurnSum(int32_t rotate, int32_t userRotate) {
+  return static_cast<int32_t>(static_cast<uint32_t>(rotate) + static_cast<uint32_t>(userRotate));
+}
+
+// "" or "_r<n>" for a total rotation of `sum` quarter turns.
+std::string RotateSuffix(int32_t sum);
+
+}  // namespace internal
+}  // namespace kovathumb
+
+#endif  // KOVATHUMB_THUMB_INFO_DECISIONS_H_

@@ -1,0 +1,182 @@
+#include "kovathumb/thumb_info.h"
+
+#include <string.h>
+#include <sys/stat.h>
+#include <utime.h>
+
+#include <exiv2/exiv2.hpp>
+#include <string>
+
+#include "kovathumb/error.h"
+#include "kovathumb/file.h"
+#include "thumb_info/decisions.h"
+#include "util/log.h"
+
+namespace kovathumb {
+
+namespace {
+
+constexpr char kMimeJpeg[] = "image/jpeg";
+constexpr char kMimePng[] = "image/png";
+constexpr char kMimeGif[] = "image/gif";
+constexpr char kMimeBmp[] = "image/x-ms-bmp";
+
+// Exiv2's "unknown image type" and "cannot open the data source".
+constexpr int kExivUnknownType = 11;
+constexpr int kExivCannotOpen = 9;
+
+std::string BaseName(const std::string& path) {
+  size_t slash = path.rfind('/');
+  return slash == std::string::npos ? path : path.substr(slash + 1);
+}
+
+bool OddTurns(int32_t rotate, int32_t userRotate) {
+  return internal::TurnSum(rotate, userRotate) & 1;
+}
+
+// Debian's Exiv2 0.27 opens HEIF files as QuickTime video with no size,
+// instead of rejecting them. We read photos only, so a source it takes for a
+// video container is an unknown image type to us.
+bool IsVideoContainer(const Exiv2::Image& image) {
+  return image.mimeType().compare(0, 6, "video/") == 0;
+}
+
+}  // namespace
+
+const uint32_t ThumbInfo::LARGE_ORIG_THRESHOLD;
+std::mutex ThumbInfo::exiv2_mutex_;
+
+ThumbInfo::ThumbInfo(const std::string& path, const std::string& size, const ThumbDimension& dim)
+    : path_(path),
+      size_(size),
+      dimension_(dim),
+      width_(0),
+      height_(0),
+      rotate_(0),
+      userRotate_(0),
+      good_(false),
+      heic_(false),
+      flop_(false),
+      enableGIF_(false),
+      cropMode_(false) {
+  memset(&fileStat_, 0, sizeof fileStat_);
+  if (stat64(path_.c_str(), &fileStat_) != 0) throw Error(601, "Can't stat " + path_);
+}
+
+ThumbInfo::~ThumbInfo() = default;
+
+void ThumbInfo::ExtractImgInfo(bool withPreview) {
+  if (IsSupportVideo(BaseName(path_))) return;
+
+  bool failed = false;
+  int code = 0;
+  std::string text;
+  int index = 0;
+  {
+    std::lock_guard<std::mutex> lock(exiv2_mutex_);
+    try {
+      Exiv2::Image::AutoPtr image = Exiv2::ImageFactory::open(path_, true);
+      if (IsVideoContainer(*image)) {
+        throw Exiv2::Error(Exiv2::kerFileContainsUnknownImageType, path_);
+      }
+      image->readMetadata();
+      mimeType_ = image->mimeType();
+      width_ = static_cast<uint32_t>(image->pixelWidth());
+      height_ = static_cast<uint32_t>(image->pixelHeight());
+      if (withPreview) ExtractEXIFPreviewInfo(image);
+      index = ResolveOrientationIndex(*image);
+    } catch (const Exiv2::AnyError& e) {
+      failed = true;
+      code = e.code();
+      text = e.what();
+    }
+  }
+
+  if (failed) {
+    if (code != kExivCannotOpen && code != kExivUnknownType) {
+      KT_LOG("Exiv2 exception: E%d %s", code, text.c_str());
+    }
+    if (code == kExivCannotOpen) throw Error(603, text);
+    if (code != kExivUnknownType) throw Error(601, text);
+    const std::string ext = file::GetFileExt(BaseName(path_));
+    if (ext == "heif" || ext == "heic") {
+      CheckAndGetHeif();
+      if (IsHeic()) return;
+    }
+    throw Error(602, text);
+  }
+
+  rotate_ = rotateFlopMappingList_[static_cast<size_t>(index)].first;
+  flop_ = rotateFlopMappingList_[static_cast<size_t>(index)].second;
+  good_ = true;
+}
+
+bool ThumbInfo::IsGood() const { return good_ || heic_; }
+bool ThumbInfo::IsHeic() const { return heic_; }
+const std::string& ThumbInfo::GetMimeType() const { return mimeType_; }
+const std::string& ThumbInfo::GetSize() const { return size_; }
+ThumbDimension ThumbInfo::GetDimension() const { return dimension_; }
+unsigned ThumbInfo::GetWidth() const { return width_; }
+unsigned ThumbInfo::GetHeight() const { return height_; }
+unsigned ThumbInfo::GetFileSize() const { return static_cast<uint32_t>(fileStat_.st_size); }
+int ThumbInfo::GetRotate() const { return rotate_; }
+int ThumbInfo::GetUserRotate() const { return userRotate_; }
+bool ThumbInfo::GetFlop() const { return flop_; }
+bool ThumbInfo::GetEnableGIF() const { return enableGIF_; }
+bool ThumbInfo::GetCropMode() const { return cropMode_; }
+
+void ThumbInfo::SetUserRotate(int quarterTurns) { userRotate_ = quarterTurns; }
+void ThumbInfo::SetEnableGIF(bool enable) { enableGIF_ = enable; }
+void ThumbInfo::SetCropMode(bool crop) { cropMode_ = crop; }
+
+std::string ThumbInfo::GetOutputMimeType() const {
+  if (mimeType_ == kMimeGif && enableGIF_ && !cropMode_) return kMimeGif;
+  if (mimeType_ == kMimePng) return kMimePng;
+  return kMimeJpeg;
+}
+
+std::string ThumbInfo::GetOutputExtension() const {
+  if (mimeType_ == kMimeGif && enableGIF_ && !cropMode_) return ".gif";
+  if (mimeType_ == kMimePng) return ".png";
+  return ".jpg";
+}
+
+ThumbDimension ThumbInfo::GetTargetDimension() const {
+  const bool odd = OddTurns(rotate_, userRotate_);
+  const uint32_t w = dimension_.width;
+  const uint32_t h = dimension_.height;
+  if (width_ == 0 || height_ == 0) return odd ? ThumbDimension{h, w} : ThumbDimension{w, h};
+  if (odd) return ThumbDimension{std::min(width_, h), std::min(height_, w)};
+  return ThumbDimension{std::min(width_, w), std::min(height_, h)};
+}
+
+bool ThumbInfo::IsNeedConvert() const {
+  if (mimeType_ == kMimeGif && !enableGIF_) return true;
+  if (!IsWebAcceptable()) return true;
+  if (internal::TurnSum(rotate_, userRotate_) != 0) return true;
+  if (size_ == "large") return width_ * height_ >= LARGE_ORIG_THRESHOLD;
+  const bool odd = OddTurns(rotate_, userRotate_);
+  const uint32_t bw = odd ? dimension_.height : dimension_.width;
+  const uint32_t bh = odd ? dimension_.width : dimension_.height;
+  return width_ > bw || height_ > bh;
+}
+
+bool ThumbInfo::IsWebAcceptable() const {
+  return mimeType_ == kMimeJpeg || mimeType_ == kMimePng || mimeType_ == kMimeGif ||
+         mimeType_ == kMimeBmp;
+}
+
+bool ThumbInfo::IsThumbUptoDate(const std::string& thumbPath) const {
+  struct stat64 st;
+  if (stat64(thumbPath.c_str(), &st) != 0) return false;
+  return fileStat_.st_mtime <= st.st_mtime;
+}
+
+int ThumbInfo::UpdateAMTime(const std::string& file) const {
+  struct utimbuf times;
+  times.actime = fileStat_.st_atime;
+  times.modtime = fileStat_.st_mtime;
+  return utime(file.c_str(), &times);
+}
+
+}  // namespace kovathumb

@@ -1,0 +1,68 @@
+#include "util/log.h"
+
+#include <errno.h>
+#include <stdarg.h>
+#include <stdio.h>
+#include <syslog.h>
+
+#include <atomic>
+#include <string>
+
+namespace kovathumb {
+namespace internal {
+namespace {
+
+std::atomic<LogSink> g_sink{nullptr};
+
+// Formats with the C library's printf, which also knows "%m" (errno's text).
+std::string Format(const char* fmt, va_list ap) {
+  char small[512];
+  va_list copy;
+  va_copy(copy, ap);
+  int n = vsnprintf(small, sizeof small, fmt, copy);
+  va_end(copy);
+  if (n < 0) return std::string();
+  if (static_cast<size_t>(n) < sizeof small) return std::string(small, static_cast<size_t>(n));
+  std::string big(static_cast<size_t>(n) + 1, '\0');
+  vsnprintf(&big[0], big.size(), fmt, ap);
+  big.resize(static_cast<size_t>(n));
+  return big;
+}
+
+void Emit(int priority, const std::string& line) {
+  LogSink sink = g_sink.load();
+  if (sink != nullptr) {
+    sink(priority, line.c_str());
+  } else {
+    syslog(priority, "%s", line.c_str());
+  }
+}
+
+}  // namespace
+
+void LogError(const char* file, int line, const char* func, const char* fmt, ...) {
+  int saved = errno;
+  va_list ap;
+  va_start(ap, fmt);
+  std::string msg = Format(fmt, ap);
+  va_end(ap);
+  char head[256];
+  snprintf(head, sizeof head, "%s:%d (%s) ", file, line, func);
+  Emit(LOG_ERR, std::string(head) + "\"" + msg + "\"");
+  errno = saved;
+}
+
+void LogRaw(int priority, const char* fmt, ...) {
+  int saved = errno;
+  va_list ap;
+  va_start(ap, fmt);
+  std::string msg = Format(fmt, ap);
+  va_end(ap);
+  Emit(priority, msg);
+  errno = saved;
+}
+
+void SetLogSink(LogSink sink) { g_sink.store(sink); }
+
+}  // namespace internal
+}  // namespace kovathumb

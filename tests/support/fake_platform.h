@@ -1,0 +1,30 @@
+// A recording fake of the platform library, linked into the test program.
+// Each call passes through to the real implementation unless a test sets an
+// override; Reset() clears overrides and records.
+#ifndef KOVATHUMB_TESTS_FAKE_PLATFORM_H_
+#define KOVATHUMB_TESTS_FAKE_PLATFORM_H_
+
+#include <string>
+#include <vector>
+
+namespace kovathumb {
+namespace fake {
+
+struct Platform {
+  // File-system type answered by KOVAGetFSType; -2 passes through.
+  int fs_type = -2;
+  // Result of KLIBCExecv/KLIBCExecl without running anything; -2 runs for real.
+  int exec_result = -2;
+  // Executable path and arguments of every KLIBCExecv, KLIBCExecl and
+  // KLIBCPopenv call.
+  std::vector<std::vector<std::string>> exec_calls;
+  int eamkdir_calls = 0;
+};
+
+Platform& State();
+void Reset();
+
+}  // namespace fake
+}  // namespace kovathumb
+
+#endif  // KOVATHUMB_TESTS_FAKE_PLATFORM_H_

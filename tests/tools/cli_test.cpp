@@ -1,0 +1,87 @@
+// The kovathumb program as a user runs it.
+#include <sys/wait.h>
+
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+#include <sstream>
+
+#include "support/test_util.h"
+
+namespace kovathumb {
+namespace {
+
+using test::Quote;
+
+struct CliRun {
+  int status;
+  std::string out;
+};
+
+CliRun Kovathumb(const std::string& args) {
+  CliRun r;
+  const std::string cmd = std::string(KOVATHUMB_CLI) + " " + args;
+  FILE* p = popen(cmd.c_str(), "r");
+  char buf[4096];
+  size_t n;
+  while ((n = fread(buf, 1, sizeof buf, p)) > 0) r.out.append(buf, n);
+  int status = pclose(p);
+  r.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  return r;
+}
+
+std::vector<nlohmann::json> Lines(const std::string& out) {
+  std::vector<nlohmann::json> lines;
+  std::istringstream in(out);
+  for (std::string line; std::getline(in, line);) lines.push_back(nlohmann::json::parse(line));
+  return lines;
+}
+
+TEST(CliInfoTest, ReportsFactsNamesAndErrors) {
+  test::TempDir dir;
+  const std::string jpg = dir / "a b.jpg";
+  test::MakeImage(jpg, 400, 300);
+  test::SetExif(jpg, "Exif.Image.Orientation", "8");
+  CliRun r = Kovathumb("info --size small " + Quote(jpg) + " " + Quote(dir / "missing.jpg"));
+  EXPECT_EQ(r.status, 1);
+  auto lines = Lines(r.out);
+  ASSERT_EQ(lines.size(), 2u);
+  EXPECT_EQ(lines[0]["path"], jpg);
+  EXPECT_EQ(lines[0]["mime"], "image/jpeg");
+  EXPECT_EQ(lines[0]["rotate"], 3);
+  EXPECT_EQ(lines[0]["flop"], false);
+  EXPECT_EQ(lines[0]["target"], nlohmann::json({120, 120}));
+  EXPECT_EQ(lines[0]["names"]["dossiva"], "KOVAFILE_THUMB_S_r3.jpg");
+  EXPECT_EQ(lines[1]["error"]["code"], 601);
+
+  r = Kovathumb("info --box 100x50 --user-rotate 1 " + Quote(jpg));
+  EXPECT_EQ(r.status, 0);
+  lines = Lines(r.out);
+  EXPECT_TRUE(lines[0]["names"]["pictavo"].is_null());
+  EXPECT_EQ(lines[0]["names"]["dossiva"], "KOVAFILE_THUMB_100x50.jpg");  // 3 + 1 turns: none
+}
+
+TEST(CliInfoTest, PreviewIsRemovedUnlessKept) {
+  test::TempDir dir;
+  const std::string jpg = dir / "cam.jpg";
+  test::MakeImage(jpg, 800, 600);
+  test::MakeImage(dir / "cam-thumb.jpg", 160, 120, "xc:blue");
+  test::MustSh("exiv2 -it " + Quote(jpg));
+  auto lines = Lines(Kovathumb("info --size small --preview " + Quote(jpg)).out);
+  ASSERT_TRUE(lines[0]["preview"].is_string());
+  EXPECT_FALSE(test::Exists(lines[0]["preview"]));
+  lines = Lines(Kovathumb("info --size small --preview --keep-preview " + Quote(jpg)).out);
+  ASSERT_TRUE(lines[0]["preview"].is_string());
+  EXPECT_TRUE(test::Exists(lines[0]["preview"]));
+  unlink(lines[0]["preview"].get<std::string>().c_str());
+}
+
+TEST(CliInfoTest, BadUsageExitsTwo) {
+  EXPECT_EQ(Kovathumb("info --size huge x.jpg 2>/dev/null").status, 2);
+  EXPECT_EQ(Kovathumb("info --box 0x5 x.jpg 2>/dev/null").status, 2);
+  EXPECT_EQ(Kovathumb("info 2>/dev/null").status, 2);
+  EXPECT_EQ(Kovathumb("frobnicate 2>/dev/null").status, 2);
+}
+
+}  // namespace
+}  // namespace kovathumb

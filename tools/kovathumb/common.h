@@ -1,0 +1,46 @@
+// Shared pieces of the kovathumb program's subcommands.
+#ifndef KOVATHUMB_TOOLS_COMMON_H_
+#define KOVATHUMB_TOOLS_COMMON_H_
+
+#include <CLI/CLI.hpp>
+#include <nlohmann/json.hpp>
+#include <string>
+
+#include "kovathumb/thumb_info.h"
+
+namespace kovathumb {
+namespace tool {
+
+// Keys stay in the order written, so "path" leads each line.
+using Json = nlohmann::ordered_json;
+
+// Exit statuses shared by all subcommands.
+constexpr int kExitOk = 0;
+constexpr int kExitFailed = 1;
+constexpr int kExitUsage = 2;
+
+// The requested size: a size name or an explicit box.
+struct SizeArgs {
+  std::string size = "big";
+  std::string box;  // "WxH"; set means size "__CUSTOM_SIZE__"
+};
+
+void AddSizeOptions(CLI::App* cmd, SizeArgs* args);
+// Size name and box of `args`; throws CLI::ValidationError for an unknown
+// size name or a malformed box.
+std::string SizeName(const SizeArgs& args);
+ThumbDimension SizeBox(const SizeArgs& args);
+// Parses "WxH" (both above 0).
+bool ParseBox(const std::string& text, ThumbDimension* box);
+
+Json ErrorJson(const std::string& path, int code, const std::string& what);
+// Prints one compact JSON object on its own line and flushes.
+void PrintLine(const Json& j);
+
+// Subcommands register themselves and store their exit status in `status`.
+void AddInfoCommand(CLI::App& app, int* status);
+
+}  // namespace tool
+}  // namespace kovathumb
+
+#endif  // KOVATHUMB_TOOLS_COMMON_H_

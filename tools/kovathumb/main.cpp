@@ -1,0 +1,22 @@
+// kovathumb: the library's command-line front.
+#include <iostream>
+
+#include "common.h"
+
+int main(int argc, char** argv) {
+  using namespace kovathumb::tool;
+  CLI::App app{"Thumbnails of photos and videos"};
+  app.name("kovathumb");
+  app.require_subcommand(1);
+  int status = kExitOk;
+  AddInfoCommand(app, &status);
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::CallForHelp& e) {
+    return app.exit(e);
+  } catch (const CLI::ParseError& e) {
+    app.exit(e, std::cerr, std::cerr);
+    return kExitUsage;
+  }
+  return status;
+}
