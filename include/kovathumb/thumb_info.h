@@ -103,6 +103,7 @@ class KOVATHUMB_EXPORT ThumbInfo {
 
  private:
   friend class Thumb;
+  friend class DcrawCmd;  // takes the extracted preview's size
   friend struct ThumbInfoTestAccess;
 
   // Exiv2 0.27 hands images out as std::auto_ptr.

@@ -11,23 +11,9 @@
 
 #include "kovathumb/error.h"
 #include "support/test_util.h"
+#include "support/thumb_info_access.h"
 
 namespace kovathumb {
-
-struct ThumbInfoTestAccess {
-  // A record of /dev/null with the facts a probe would have found.
-  static ThumbInfo Make(const std::string& mime, unsigned w, unsigned h, int rotate,
-                        const std::string& size, ThumbDimension box) {
-    ThumbInfo info("/dev/null", size, box);
-    info.mimeType_ = mime;
-    info.width_ = w;
-    info.height_ = h;
-    info.rotate_ = rotate;
-    info.good_ = true;
-    return info;
-  }
-};
-
 namespace {
 
 ThumbInfo Jpeg(const std::string& size, ThumbDimension box = {640, 640}) {

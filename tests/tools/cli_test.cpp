@@ -83,5 +83,30 @@ TEST(CliInfoTest, BadUsageExitsTwo) {
   EXPECT_EQ(Kovathumb("frobnicate 2>/dev/null").status, 2);
 }
 
+TEST(CliConvertTest, RunsACommandAndReportsItsVector) {
+  test::TempDir dir;
+  const std::string src = dir / "p.jpg";
+  test::MakeImage(src, 2000, 1500);
+  test::SetExif(src, "Exif.Image.Orientation", "3");
+  CliRun r = Kovathumb("convert djpeg --size medium " + Quote(src) + " " + Quote(dir / "t.jpg"));
+  EXPECT_EQ(r.status, 0);
+  auto j = Lines(r.out).at(0);
+  EXPECT_EQ(j["ok"], true);
+  EXPECT_EQ(j["argv"][0], "/usr/bin/djpeg");
+  EXPECT_EQ(j["argv"][10], src);
+  EXPECT_EQ(j["scale"], "1/4");
+  EXPECT_EQ(j["convert_bytes"], 500u * 375u * 3u + 54u);
+  EXPECT_EQ(test::ImageSize(dir / "t.jpg"), std::make_pair(360u, 270u));
+
+  // jpegtran with an empty DST streams the JPEG; the report goes to stderr.
+  r = Kovathumb("convert jpegtran " + Quote(src) + " '' 2>/dev/null");
+  EXPECT_EQ(r.status, 0);
+  EXPECT_EQ(r.out.compare(0, 2, "\xFF\xD8"), 0);
+
+  r = Kovathumb("convert convert " + Quote(dir / "missing.jpg") + " " + Quote(dir / "x.jpg") + " 2>/dev/null");
+  EXPECT_EQ(r.status, 1);
+  EXPECT_EQ(Kovathumb("convert resize a b 2>/dev/null").status, 2);
+}
+
 }  // namespace
 }  // namespace kovathumb

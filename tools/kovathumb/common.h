@@ -39,6 +39,7 @@ void PrintLine(const Json& j);
 
 // Subcommands register themselves and store their exit status in `status`.
 void AddInfoCommand(CLI::App& app, int* status);
+void AddConvertCommand(CLI::App& app, int* status);
 
 }  // namespace tool
 }  // namespace kovathumb

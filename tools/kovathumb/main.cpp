@@ -10,6 +10,7 @@ int main(int argc, char** argv) {
   app.require_subcommand(1);
   int status = kExitOk;
   AddInfoCommand(app, &status);
+  AddConvertCommand(app, &status);
   try {
     app.parse(argc, argv);
   } catch (const CLI::CallForHelp& e) {

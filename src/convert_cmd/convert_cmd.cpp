@@ -1,0 +1,62 @@
+#include <unistd.h>
+
+#include <string>
+
+#include "kovaplatform/kovaplatform.h"
+#include "kovathumb/convert_cmd.h"
+
+namespace kovathumb {
+
+namespace {
+constexpr char kMedextraEnabled[] = "/var/packages/Medextra/enabled";
+constexpr char kMedextraConvert[] = "/var/packages/Medextra/target/usr/bin/convert";
+}  // namespace
+
+ConvertCmd::ConvertCmd(ThumbInfo info_, const std::string& src_, const std::string& dst_)
+    : ThumbConvertCmd(std::move(info_), src_, dst_) {
+  geometry = info.GetXString();
+  rotateDegrees = std::to_string(info.GetRotate() * 90);
+  userRotateDegrees = std::to_string(info.GetUserRotate() * 90);
+  src.append("[0]");  // first frame, page or layer only
+  argv = {kConvert.c_str(), "-strip", "-colorspace", "sRGB", src.c_str()};
+
+  const ThumbDimension box = info.GetDimension();
+  const bool userOdd = info.GetUserRotate() & 1;
+  const uint32_t cropW = userOdd ? box.height : box.width;
+  const uint32_t cropH = userOdd ? box.width : box.height;
+  if (info.GetCropMode()) {
+    argv.push_back("-crop");
+    // Unsigned on purpose: a source narrower than the box wraps, and the
+    // converter decides what to make of it.
+    const uint32_t x = (info.GetWidth() - cropW) >> 1;
+    const uint32_t y = (info.GetHeight() - cropH) >> 1;
+    geometry += "+" + std::to_string(x) + "+" + std::to_string(y);
+  } else {
+    argv.push_back("-thumbnail");
+  }
+  argv.push_back(geometry.c_str());
+  argv.push_back("-rotate");
+  argv.push_back(rotateDegrees.c_str());
+  if (info.GetFlop()) argv.push_back("-flop");
+  argv.push_back("-rotate");
+  argv.push_back(userRotateDegrees.c_str());
+  argv.push_back(dst.c_str());
+  argv.push_back(nullptr);
+}
+
+ConvertCmd::~ConvertCmd() = default;
+
+bool ConvertCmd::IsMedextraEnabled() { return access(kMedextraEnabled, F_OK) == 0; }
+
+std::string ConvertCmd::getConvertPath() {
+  return IsMedextraEnabled() ? std::string(kMedextraConvert) : kConvert;
+}
+
+bool ConvertCmd::exec() {
+  const std::string path = getConvertPath();
+  if (KLIBCExecv(path.c_str(), argv.data(), 1) == 0) return true;
+  unlink(dst.c_str());
+  return false;
+}
+
+}  // namespace kovathumb

@@ -1,0 +1,112 @@
+#include <stdio.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <string>
+
+#include "kovaplatform/kovaplatform.h"
+#include "kovathumb/convert_cmd.h"
+#include "kovathumb/error.h"
+#include "kovathumb/file.h"
+
+namespace kovathumb {
+
+namespace {
+
+// Copies everything from `in` to `out` with read(2) and write(2); false on
+// an error, a short write, or an empty input.
+bool copyStream(int out, int in) {
+  char buf[4096];
+  uint64_t total = 0;
+  for (;;) {
+    const ssize_t n = read(in, buf, sizeof buf);
+    if (n == -1) return false;
+    if (n == 0) return total > 0;
+    if (write(out, buf, static_cast<size_t>(n)) != n) return false;
+    total += static_cast<uint64_t>(n);
+  }
+}
+
+std::string BaseName(const std::string& path) {
+  const size_t slash = path.rfind('/');
+  return slash == std::string::npos ? path : path.substr(slash + 1);
+}
+
+}  // namespace
+
+DcrawCmd::DcrawCmd(ThumbInfo info_, const std::string& src_, const std::string& dst_)
+    : ThumbConvertCmd(std::move(info_), src_, dst_), pipe(nullptr), outFile(nullptr) {
+  // "-e -c": the embedded thumbnail, to standard output.
+  argv = {kDcraw.c_str(), "-6", "-w", "-c", "-e", src_.c_str(), nullptr};
+  setupRawThumbPath();
+}
+
+DcrawCmd::~DcrawCmd() {
+  if (pipe != nullptr) KLIBCPclose(pipe);
+  if (outFile != nullptr) fclose(outFile);
+}
+
+void DcrawCmd::setupRawThumbPath() {
+  rawThumbPath = file::GetEATmpPath(src, BaseName(dst));
+  try {
+    outFile = fopen(rawThumbPath.c_str(), "wb");
+    if (outFile == nullptr) throw Error(602);
+    pipe = KLIBCPopenv(kDcraw.c_str(), "r", argv.data());
+    if (pipe == nullptr) throw Error(602);
+    if (!copyStream(fileno(outFile), fileno(pipe))) {
+      unlink(rawThumbPath.c_str());
+      throw Error(602);
+    }
+    if (info.GetWidth() != 0 && info.GetHeight() != 0) return;
+    // The raw's own size is unknown: scale from the preview's.
+    ThumbInfo preview(rawThumbPath, "__CUSTOM__", {0, 0});
+    preview.ExtractImgInfo(false);
+    info.width_ = preview.GetWidth();
+    info.height_ = preview.GetHeight();
+  } catch (const Error&) {
+    rawThumbPath.clear();
+    if (pipe != nullptr) {
+      KLIBCPclose(pipe);
+      pipe = nullptr;
+    }
+    if (outFile != nullptr) {
+      fclose(outFile);
+      outFile = nullptr;
+    }
+  }
+}
+
+bool DcrawCmd::checkTmpExif() {
+  if (dst.empty()) return false;
+  try {
+    ThumbInfo thumb(dst, "__CUSTOM__", {2147483647, 2147483647});
+    thumb.ExtractImgInfo(false);
+    return thumb.GetWidth() != 0 && thumb.GetHeight() != 0;
+  } catch (...) {
+    return false;
+  }
+}
+
+bool DcrawCmd::exec() {
+  if (rawThumbPath.empty()) return false;
+  if (info.IsGood()) {
+    DJpegCmd djpeg(info, rawThumbPath, dst);
+    bool ok = djpeg.exec();
+    if (!ok) {
+      ConvertCmd convert(info, rawThumbPath, dst);
+      ok = convert.exec();
+    }
+    if (ok) {
+      const bool result = checkTmpExif();
+      unlink(rawThumbPath.c_str());
+      return result;
+    }
+  }
+  // No scaling possible: the preview itself becomes the thumbnail.
+  bool result = false;
+  if (rename(rawThumbPath.c_str(), dst.c_str()) == 0) result = checkTmpExif();
+  unlink(rawThumbPath.c_str());
+  return result;
+}
+
+}  // namespace kovathumb

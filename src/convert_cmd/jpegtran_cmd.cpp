@@ -1,0 +1,30 @@
+#include <string>
+
+#include "kovaplatform/kovaplatform.h"
+#include "kovathumb/convert_cmd.h"
+#include "thumb_info/decisions.h"
+
+namespace kovathumb {
+
+JpegTranCmd::JpegTranCmd(ThumbInfo info_, const std::string& src_, const std::string& dst_,
+                         bool userRotateOnly)
+    : ThumbConvertCmd(std::move(info_), src_, dst_) {
+  const int rotate = userRotateOnly ? 0 : info.GetRotate();
+  const int total = internal::TurnSum(rotate, info.GetUserRotate());
+  angle = std::to_string((total % 4) * 90);  // keeps the sign: -1 turn is -90
+  argv = {kJpegtran.c_str(), "-trim", "-rotate", angle.c_str()};
+  if (!dst.empty()) {
+    argv.push_back("-outfile");
+    argv.push_back(dst.c_str());
+  }
+  argv.push_back(src.c_str());
+  argv.push_back(nullptr);
+}
+
+JpegTranCmd::~JpegTranCmd() = default;
+
+bool JpegTranCmd::exec() { return KLIBCExecv(kJpegtran.c_str(), argv.data(), 1) == 0; }
+
+FILE* JpegTranCmd::popen() { return KLIBCPopenv(kJpegtran.c_str(), "r", argv.data()); }
+
+}  // namespace kovathumb

@@ -1,0 +1,100 @@
+#include <errno.h>
+#include <fcntl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "kovaplatform/kovaplatform.h"
+#include "support/test_util.h"
+
+namespace {
+
+std::string ReadAll(FILE* f) {
+  std::string s;
+  char buf[4096];
+  size_t n;
+  while ((n = fread(buf, 1, sizeof buf, f)) > 0) s.append(buf, n);
+  return s;
+}
+
+std::string Popen(const char* script) {
+  const char* argv[] = {"sh", "-c", script, nullptr};
+  FILE* f = KLIBCPopenv("/bin/sh", "r", argv);
+  if (f == nullptr) return "<failed>";
+  std::string out = ReadAll(f);
+  KLIBCPclose(f);
+  return out;
+}
+
+bool NoChildren() {
+  errno = 0;
+  return waitpid(-1, nullptr, WNOHANG) == -1 && errno == ECHILD;
+}
+
+TEST(ExecTest, ResultsOfExitsSignalsAndMissingPrograms) {
+  const char* t[] = {"true", nullptr};
+  const char* f[] = {"false", nullptr};
+  const char* killed[] = {"sh", "-c", "kill -9 $$", nullptr};
+  EXPECT_EQ(KLIBCExecv("/bin/true", t, 1), 0);
+  EXPECT_EQ(KLIBCExecv("/bin/false", f, 1), 1);
+  EXPECT_EQ(KLIBCExecv("/bin/sh", killed, 1), 1);
+  EXPECT_EQ(KLIBCExecv("/no/such/tool", t, 1), -1);
+  EXPECT_EQ(errno, ENOENT);
+  EXPECT_EQ(KLIBCExecl("/bin/sh", 0, "sh", "-c", "test \"$0\" = 'a b'", "a b", nullptr), 0);
+  EXPECT_EQ(KLIBCExecv("/bin/true", t, 0), 0);  // detached
+  usleep(100000);
+  EXPECT_TRUE(NoChildren());
+}
+
+TEST(ExecTest, ChildSeesNullInputNoDescriptorsOfOursAndLimits) {
+  int leaked = open("/dev/null", O_RDONLY);  // not close-on-exec
+  ASSERT_GE(leaked, 3);
+  EXPECT_EQ(Popen("readlink /proc/self/fd/0"), "/dev/null\n");
+  const std::string fds = Popen("ls /proc/$$/fd");
+  EXPECT_EQ(fds, "0\n1\n2\n") << fds;
+  close(leaked);
+  EXPECT_EQ(Popen("ulimit -t"), std::to_string(KOVA_CHILD_CPU_SECONDS) + "\n");
+  EXPECT_EQ(Popen("ulimit -v"), std::to_string(KOVA_CHILD_ADDRESS_SPACE / 1024) + "\n");
+}
+
+TEST(ExecTest, ChildOutputNeverReachesOurStandardOutput) {
+  kovathumb::test::TempDir dir;
+  const std::string out = dir / "stdout", err = dir / "stderr";
+  pid_t pid = fork();
+  if (pid == 0) {
+    int o = open(out.c_str(), O_WRONLY | O_CREAT, 0600), e = open(err.c_str(), O_WRONLY | O_CREAT, 0600);
+    dup2(o, 1);
+    dup2(e, 2);
+    const char* echo[] = {"echo", "tool output", nullptr};
+    _exit(KLIBCExecv("/bin/echo", echo, 1));
+  }
+  int status = 0;
+  waitpid(pid, &status, 0);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+  EXPECT_EQ(kovathumb::test::ReadFile(out), "");
+  EXPECT_EQ(kovathumb::test::ReadFile(err), "tool output\n");
+}
+
+TEST(ExecTest, PopenStatusAndUnknownStreams) {
+  const char* argv[] = {"sh", "-c", "echo hi; exit 3", nullptr};
+  FILE* f = KLIBCPopenv("/bin/sh", "r", argv);
+  ASSERT_NE(f, nullptr);
+  EXPECT_EQ(ReadAll(f), "hi\n");
+  EXPECT_EQ(KLIBCPclose(f), 1);
+  EXPECT_EQ(KLIBCPopenv("/no/such/tool", "r", argv), nullptr);
+  EXPECT_EQ(KLIBCPopenv("/bin/sh", "w", argv), nullptr);
+  EXPECT_EQ(KLIBCPclose(stdin), -1);
+  // Closing before the child finished writing still reaps it.
+  const char* yes[] = {"yes", nullptr};
+  FILE* y = KLIBCPopenv("/usr/bin/yes", "r", yes);
+  ASSERT_NE(y, nullptr);
+  char c;
+  EXPECT_EQ(fread(&c, 1, 1, y), 1u);
+  EXPECT_EQ(KLIBCPclose(y), 1);
+  EXPECT_TRUE(NoChildren());
+}
+
+}  // namespace

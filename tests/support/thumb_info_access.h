@@ -1,0 +1,30 @@
+// Builds ThumbInfo records with the facts a probe would have found, so the
+// decisions that depend on them are tested without image files.
+#ifndef KOVATHUMB_TESTS_THUMB_INFO_ACCESS_H_
+#define KOVATHUMB_TESTS_THUMB_INFO_ACCESS_H_
+
+#include <string>
+
+#include "kovathumb/thumb_info.h"
+
+namespace kovathumb {
+
+struct ThumbInfoTestAccess {
+  // A record of `path` (an existing file, /dev/null by default).
+  static ThumbInfo Make(const std::string& mime, unsigned w, unsigned h, int rotate,
+                        const std::string& size, ThumbDimension box,
+                        const std::string& path = "/dev/null") {
+    ThumbInfo info(path, size, box);
+    info.mimeType_ = mime;
+    info.width_ = w;
+    info.height_ = h;
+    info.rotate_ = rotate;
+    info.good_ = true;
+    return info;
+  }
+  static void SetFlop(ThumbInfo* info, bool flop) { info->flop_ = flop; }
+};
+
+}  // namespace kovathumb
+
+#endif  // KOVATHUMB_TESTS_THUMB_INFO_ACCESS_H_
