@@ -1,21 +1,21 @@
 #!/usr/bin/env bash
 # Makes a small tree of sample photos in DIR (default build/samples):
 # JPEGs in all eight EXIF orientations, one with a camera preview, PNG, BMP,
-# TIFF, an animated GIF and a HEIC.
+# TIFF, an animated GIF, a HEIC and (given MAKE_DNG, the DNG writer) a raw
+# file with an embedded preview.
 set -euo pipefail
 DIR=${1:-build/samples}
 CONVERT=/usr/bin/convert
 mkdir -p "$DIR"
 cd "$DIR"
 
-# An arrow pointing up, so a wrongly turned thumbnail shows at a glance.
-arrow() {
-  $CONVERT -size "$2" xc:'#2a6f97' -fill '#f4d35e' -stroke black -strokewidth 4 \
-    -draw "polygon 50%,8% 85%,50% 62%,50% 62%,92% 38%,92% 38%,50% 15%,50%" "$1" 2>/dev/null ||
-  $CONVERT -size "$2" gradient:'#2a6f97'-'#f4d35e' "$1"
-}
-
-$CONVERT -size 1600x1200 plasma:fractal -blur 0x2 -quality 88 photo.jpg
+# A photo of camera-like entropy with an arrow pointing up in its stored
+# pixels. Orientation tags then turn it: a thumbnail that comes out upright
+# shows the arrow pointing up only for orientation 1.
+$CONVERT -size 2000x1500 plasma:fractal -attenuate 0.6 +noise Gaussian \
+  -fill '#f4d35e' -stroke black -strokewidth 12 \
+  -draw "polygon 1000,150 1400,700 1150,700 1150,1350 850,1350 850,700 600,700" \
+  -quality 94 photo.jpg
 for o in 1 2 3 4 5 6 7 8; do
   cp photo.jpg "orientation-$o.jpg"
   exiv2 -M"set Exif.Image.Orientation $o" "orientation-$o.jpg"
@@ -29,4 +29,9 @@ $CONVERT -size 1000x800 plasma: scan.tif
 $CONVERT -size 200x150 -delay 20 xc:red xc:green xc:blue -loop 0 anim.gif
 exiv2 -M"set Exif.Image.Orientation 1" photo.jpg
 heif-enc -q 60 photo.jpg -o photo.heic >/dev/null
+# A raw camera file carrying a JPEG preview, as cameras write them.
+if [ -n "${MAKE_DNG:-}" ]; then
+  $CONVERT photo.jpg -resize 1600x1200 -quality 90 raw-preview.jpg
+  "$MAKE_DNG" camera.dng raw-preview.jpg 1600 1200 && rm raw-preview.jpg
+fi
 echo "$PWD"

@@ -1,4 +1,5 @@
 // The kovathumb program as a user runs it.
+#include <sys/stat.h>
 #include <sys/wait.h>
 
 #include <gtest/gtest.h>
@@ -106,6 +107,43 @@ TEST(CliConvertTest, RunsACommandAndReportsItsVector) {
   r = Kovathumb("convert convert " + Quote(dir / "missing.jpg") + " " + Quote(dir / "x.jpg") + " 2>/dev/null");
   EXPECT_EQ(r.status, 1);
   EXPECT_EQ(Kovathumb("convert resize a b 2>/dev/null").status, 2);
+}
+
+TEST(CliRequestTest, GetMakeAndImport) {
+  test::TempDir dir;
+  const std::string src = dir / "photo.jpg";
+  test::MustSh("/usr/bin/convert -size 1600x1200 xc:gray +noise Random -quality 95 " + Quote(src));
+  const std::string ea = dir.path() + "/.kovaea/photo.jpg";
+
+  CliRun r = Kovathumb("get big " + Quote(src));
+  EXPECT_EQ(r.status, 0);
+  EXPECT_EQ(r.out.compare(0, 45, "Cache-Control: max-age=300, must-revalidate\r\n"), 0);
+  const size_t end = r.out.find("\r\n\r\n");
+  ASSERT_NE(end, std::string::npos);
+  test::WriteFile(dir / "body", r.out.substr(end + 4));
+  EXPECT_EQ(test::ImageSize(dir / "body").first, 800u);  // decoded at 1/2, no second stage
+  EXPECT_TRUE(test::Exists(ea + "/KOVAFILE_THUMB_B.jpg"));
+  EXPECT_EQ(Kovathumb("get 80x60 " + Quote(src) + " >/dev/null").status, 0);
+  EXPECT_TRUE(test::Exists(ea + "/KOVAFILE_THUMB_80x60.jpg"));
+  EXPECT_EQ(Kovathumb("get huge " + Quote(src) + " 2>/dev/null").status, 2);
+  EXPECT_EQ(Kovathumb("get --no-online big " + Quote(dir / "missing.jpg") + " 2>/dev/null").status, 1);
+  // Nothing obtainable: no response at all.
+  EXPECT_EQ(Kovathumb("get --no-online --dossiva medium " + Quote(src) + " 2>/dev/null").out, "");
+
+  r = Kovathumb("make --sizes small,medium --box 50x50 " + Quote(src));
+  EXPECT_EQ(r.status, 0);
+  EXPECT_EQ(Lines(r.out).at(0)["made"], 3);
+  EXPECT_EQ(Lines(r.out).at(0)["failed"], 0);
+  EXPECT_TRUE(test::Exists(ea + "/KOVAFILE_THUMB_50x50.jpg"));
+
+  test::MakeImage(dir / "ready.jpg", 1280, 960);
+  r = Kovathumb("import --mtime 1234 " + Quote(src) + " large=" + Quote(dir / "ready.jpg"));
+  EXPECT_EQ(r.status, 0);
+  EXPECT_EQ(Lines(r.out).at(0)["ok"], true);
+  struct stat st;
+  ASSERT_EQ(stat((ea + "/KOVAFILE_THUMB_XL.jpg").c_str(), &st), 0);
+  EXPECT_EQ(st.st_mtime, 1234);
+  EXPECT_EQ(Kovathumb("import " + Quote(src) + " huge=x.jpg 2>/dev/null").status, 2);
 }
 
 }  // namespace

@@ -4,20 +4,14 @@
 #include <iostream>
 #include <map>
 
+#include "kovathumb/thumb.h"
 #include "kovathumb/thumb_const.h"
 
 namespace kovathumb {
 namespace tool {
 
 namespace {
-const std::map<std::string, ThumbDimension>& SizeTable() {
-  static const std::map<std::string, ThumbDimension> table = {
-      {kSizeSmall, {120, 120}},   {kSizeMedium, {360, 360}},  {kSizeBig, {640, 640}},
-      {kSizeLarge, {1280, 1280}}, {kSizeXLarge, {1280, 1280}},
-      {kSizeOriginal, {2147483647, 2147483647}},
-  };
-  return table;
-}
+const std::map<std::string, ThumbDimension>& SizeTable() { return Thumb::strThumbSizeMap_; }
 }  // namespace
 
 void AddSizeOptions(CLI::App* cmd, SizeArgs* args) {
@@ -47,6 +41,22 @@ ThumbDimension SizeBox(const SizeArgs& args) {
   ThumbDimension box{};
   if (!ParseBox(args.box, &box)) throw CLI::ValidationError("--box", "expected WxH, got " + args.box);
   return box;
+}
+
+int OptionArgs::Bits() const {
+  return raw | (pictavo ? kThumbOptPictavoEA : 0) | (dossiva ? kThumbOptDossivaEA : 0) |
+         (noOnline ? kThumbOptNoOnline : 0) | (gif ? kThumbOptEnableGIF : 0) |
+         (avatar ? kThumbOptAvatar : 0) | (fallback ? kThumbOptSmallerFallback : 0);
+}
+
+void AddThumbOptions(CLI::App* cmd, OptionArgs* args) {
+  cmd->add_flag("--pictavo", args->pictavo, "try the photo gallery's stored thumbnails (1)");
+  cmd->add_flag("--dossiva", args->dossiva, "try the file manager's stored thumbnail (2)");
+  cmd->add_flag("--no-online", args->noOnline, "never convert now (4)");
+  cmd->add_flag("--gif", args->gif, "animated GIF thumbnails (8)");
+  cmd->add_flag("--avatar", args->avatar, "avatar request (32)");
+  cmd->add_flag("--fallback", args->fallback, "fall back to smaller sizes (64)");
+  cmd->add_option("--options", args->raw, "raw option bits");
 }
 
 Json ErrorJson(const std::string& path, int code, const std::string& what) {

@@ -37,9 +37,21 @@ Json ErrorJson(const std::string& path, int code, const std::string& what);
 // Prints one compact JSON object on its own line and flushes.
 void PrintLine(const Json& j);
 
+// The option bits of a Thumb, as flags.
+struct OptionArgs {
+  bool pictavo = false, dossiva = false, noOnline = false, gif = false, avatar = false;
+  bool fallback = false;
+  int raw = 0;  // --options N, or-ed with the flags
+  int Bits() const;
+};
+void AddThumbOptions(CLI::App* cmd, OptionArgs* args);
+
 // Subcommands register themselves and store their exit status in `status`.
 void AddInfoCommand(CLI::App& app, int* status);
 void AddConvertCommand(CLI::App& app, int* status);
+void AddGetCommand(CLI::App& app, int* status);
+void AddMakeCommand(CLI::App& app, int* status);
+void AddImportCommand(CLI::App& app, int* status);
 
 }  // namespace tool
 }  // namespace kovathumb

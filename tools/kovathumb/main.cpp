@@ -11,6 +11,9 @@ int main(int argc, char** argv) {
   int status = kExitOk;
   AddInfoCommand(app, &status);
   AddConvertCommand(app, &status);
+  AddGetCommand(app, &status);
+  AddMakeCommand(app, &status);
+  AddImportCommand(app, &status);
   try {
     app.parse(argc, argv);
   } catch (const CLI::CallForHelp& e) {

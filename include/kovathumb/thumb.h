@@ -1,0 +1,156 @@
+// kovathumb::Thumb, the thumbnail request: one source file (photo or video)
+// and its thumbnails. A web process builds one, may Rotate it, and calls
+// Output(size) to send that size as the CGI response on standard output;
+// an indexer calls ConvertAll, Convert or SaveExistingThumbsToEA to make and
+// store thumbnails now.
+//
+// Finding an output walks a fixed chain: thumbnails already stored in the
+// source's extended-attribute (EA) directory under each application's name,
+// if at least as new as the source; the camera's embedded preview; a HEIC
+// original; a conversion now, stored into the EA directory (or left in
+// /var/tmp where the directory cannot be written); last, the source itself
+// where conversion would not help.
+//
+// Ownership: a Thumb owns its ThumbInfo and removes the embedded-preview
+// file it wrote when destroyed. It never deletes the output file: when
+// IsNeedDelete() is true after a request, that is the caller's to remove.
+//
+// Threads: one Thumb belongs to one thread. Storing briefly switches the
+// process's effective user to root; no other thread may depend on the
+// effective ids meanwhile.
+//
+// Errors: the constructor throws kovathumb::Error 601 for a source that
+// cannot be examined, requests rethrow the Error of probing a source except
+// 602 (an unknown image type, treated as unreadable facts), and an unknown
+// size name throws std::out_of_range ("map::at"). Everything else reports by
+// its result and a line in the system log.
+#ifndef KOVATHUMB_THUMB_H_
+#define KOVATHUMB_THUMB_H_
+
+#include <initializer_list>
+#include <map>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "kovathumb/export.h"
+#include "kovathumb/thumb_info.h"
+
+namespace kovathumb {
+
+// What the chosen output file is.
+enum ThumbOutputType {
+  kThumbOutputNone = 0,
+  kThumbOutputPictavo = 1,        // the photo gallery's stored thumbnail
+  kThumbOutputDossiva = 2,        // the file manager's (or avatar's) stored thumbnail
+  kThumbOutputDossivaVarTmp = 3,  // made now, left in /var/tmp
+  kThumbOutputCinevo = 4,         // the video application's screenshot
+  kThumbOutputOriginal = 5,       // the source itself
+};
+
+// Option bits of a request; any combination.
+enum ThumbOption {
+  kThumbOptPictavoEA = 1,         // try the photo gallery's thumbnails
+  kThumbOptDossivaEA = 2,         // try the file manager's thumbnail
+  kThumbOptNoOnline = 4,          // never convert now (always so for videos)
+  kThumbOptEnableGIF = 8,         // animated GIF thumbnails of animated GIFs
+  kThumbOptAvatar = 32,           // avatar: centre crop, the avatar's names only
+  kThumbOptSmallerFallback = 64,  // CalcOutputFile(size) may fall back to smaller sizes
+};
+
+class KOVATHUMB_EXPORT Thumb {
+ public:
+  // Size name to box: small 120, medium 360, big 640, large and xlarge
+  // 1280 (square boxes), original unlimited.
+  static const std::map<std::string, ThumbDimension> strThumbSizeMap_;
+  // The size names from largest to smallest: the fallback order.
+  static const std::vector<std::string> size_vec;
+
+  Thumb(const std::string& path, int options, bool allowHeicOriginal);
+  ~Thumb();
+  Thumb(const Thumb&) = delete;
+  Thumb& operator=(const Thumb&) = delete;
+
+  void SetOption(int options);
+  // The user's rotation in clockwise quarter turns.
+  void Rotate(int rotation);
+
+  // Sends the thumbnail of a size name, of a box, or of a square box as the
+  // CGI response. Non-zero when a response was sent; 0 (nothing written)
+  // when no output could be found.
+  int Output(const std::string& size);
+  int Output(int width, int height);
+  int Output(int edge);
+  int OutputImpl();
+
+  // Chooses the output file for the current size; empty when none.
+  std::string CalcOutputFile();
+  // The same for size name `size`, falling back to smaller sizes when the
+  // fallback option is set.
+  std::string CalcOutputFile(const std::string& size);
+  const std::string& GetOutputFile() const;
+  bool IsNeedDelete() const;
+  // "Pictavo", "Dossiva", "DossivaVarTmp", "Cinevo", "Original" or "".
+  std::string GetOutputType();
+  std::string GetOutputMimeType();
+
+  // The links of the chain: true with the output file set, or false with it
+  // cleared.
+  bool SetOutPictavoEA();
+  bool SetOutPictavoOldEA();
+  bool SetOutDossivaEA();
+  bool SetOutAvatar();
+  bool SetOutCinevoEA();
+  bool SetOutOriginalImage();
+  bool SetOutFromEXIFPreview();
+  bool SetOutOnline();
+  // Where a thumbnail made now is stored: the avatar's or the file manager's name.
+  std::string GetOnlineOutputDest() const;
+
+  // Moves `src` to `dst` in the EA directory: mode 0777, owner root, access
+  // time 0 and modification time `mtime` (0: the source's).
+  bool SaveThumbToEA(const std::string& src, const std::string& dst, long mtime);
+  bool SaveTmpThumbToEA(const std::string& tmp);
+  // Stores ready thumbnails, given as (size name, file) pairs; the files are
+  // moved. With `checkMime`, one whose type differs from this source's
+  // output type is skipped.
+  bool SaveExistingThumbsToEA(std::vector<std::pair<std::string, std::string>> thumbs, long mtime,
+                              bool checkMime);
+  // Makes small, medium, big, large and xlarge; true when any was made.
+  bool ConvertAll();
+  // Makes the sizes named or boxed; returns how many were made.
+  int Convert(std::initializer_list<std::string> sizes);
+  int Convert(std::initializer_list<ThumbDimension> dimensions);
+
+  // Writes the cache header, then the output file (or, for a user-turned
+  // gallery thumbnail, its rotation through jpegtran) with type `mime`.
+  bool HttpOutputFile(const std::string& mime);
+  // Sends the source itself when browsers can show it.
+  bool OutputOriginalImage();
+
+ private:
+  // Probes the source once for the batch members, which need its facts.
+  void ExtractForBatch();
+  bool SetOutStored(const std::string& name, bool needEAPath, bool condition, int type);
+  bool Fail();
+
+  int outputType_;
+  std::string path_;
+  bool isVideo_;
+  bool allowHeicOriginal_;
+  ThumbInfo info_;
+  std::string outputFile_;
+  bool noOnline_;                 // A
+  bool wantDossivaEA_;            // B
+  bool wantPictavoEA_;            // C
+  bool enableGIF_;                // D
+  bool originalOnlyWhenMarked_;   // E
+  bool needDelete_;
+  bool avatar_;                   // G
+  bool smallerFallback_;          // H
+  bool batchExtracted_;
+};
+
+}  // namespace kovathumb
+
+#endif  // KOVATHUMB_THUMB_H_

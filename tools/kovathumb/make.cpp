@@ -1,0 +1,121 @@
+// kovathumb make and kovathumb import: make or store thumbnails now.
+#include <iostream>
+#include <memory>
+#include <sstream>
+
+#include "common.h"
+#include "kovathumb/error.h"
+#include "kovathumb/thumb.h"
+#include "kovathumb/thumb_const.h"
+
+namespace kovathumb {
+namespace tool {
+
+namespace {
+
+struct MakeArgs {
+  OptionArgs options;
+  std::vector<std::string> sizes;
+  bool all = false;
+  std::vector<std::string> boxes;
+  std::vector<std::string> files;
+};
+
+int RunMake(const MakeArgs& args) {
+  std::vector<std::string> sizes = args.sizes;
+  std::vector<ThumbDimension> boxes;
+  for (const std::string& text : args.boxes) {
+    ThumbDimension box{};
+    if (!ParseBox(text, &box)) throw CLI::ValidationError("--box", "expected WxH, got " + text);
+    boxes.push_back(box);
+  }
+  for (const std::string& size : sizes) {
+    if (Thumb::strThumbSizeMap_.count(size) == 0) throw CLI::ValidationError("--sizes", "unknown size " + size);
+  }
+  if (args.all || (sizes.empty() && boxes.empty())) {
+    sizes = {kSizeSmall, kSizeMedium, kSizeBig, kSizeLarge, kSizeXLarge};
+  }
+  int status = kExitOk;
+  for (const std::string& path : args.files) {
+    try {
+      // A size not made because the source itself serves (it is small
+      // enough already) is no failure. A request keeps its output type from
+      // one call to the next, so each size gets a request of its own.
+      int made = 0, original = 0, failed = 0;
+      auto count = [&](auto convert) {
+        Thumb thumb(path, args.options.Bits(), false);
+        if (convert(thumb) > 0) {
+          ++made;
+        } else if (thumb.GetOutputType() == "Original") {
+          ++original;
+        } else {
+          ++failed;
+        }
+      };
+      for (const std::string& size : sizes) count([&](Thumb& t) { return t.Convert({size}); });
+      for (const ThumbDimension& box : boxes) count([&](Thumb& t) { return t.Convert({box}); });
+      PrintLine({{"path", path}, {"made", made}, {"original", original}, {"failed", failed}});
+      if (failed > 0) status = kExitFailed;
+    } catch (const Error& e) {
+      PrintLine(ErrorJson(path, e.Code(), e.what()));
+      status = kExitFailed;
+    }
+  }
+  return status;
+}
+
+struct ImportArgs {
+  OptionArgs options;
+  long mtime = 0;
+  bool checkMime = false;
+  std::string file;
+  std::vector<std::string> thumbs;
+};
+
+int RunImport(const ImportArgs& args) {
+  std::vector<std::pair<std::string, std::string>> pairs;
+  for (const std::string& item : args.thumbs) {
+    const size_t eq = item.find('=');
+    if (eq == std::string::npos || Thumb::strThumbSizeMap_.count(item.substr(0, eq)) == 0) {
+      throw CLI::ValidationError("SIZE=THUMB", "expected a size name, '=' and a file: " + item);
+    }
+    pairs.emplace_back(item.substr(0, eq), item.substr(eq + 1));
+  }
+  try {
+    Thumb thumb(args.file, args.options.Bits(), false);
+    const bool ok = thumb.SaveExistingThumbsToEA(pairs, args.mtime, args.checkMime);
+    PrintLine({{"path", args.file}, {"ok", ok}});
+    return ok ? kExitOk : kExitFailed;
+  } catch (const Error& e) {
+    PrintLine(ErrorJson(args.file, e.Code(), e.what()));
+    return kExitFailed;
+  }
+}
+
+}  // namespace
+
+void AddMakeCommand(CLI::App& app, int* status) {
+  auto args = std::make_shared<MakeArgs>();
+  CLI::App* cmd = app.add_subcommand("make", "Make and store thumbnails now; one JSON line per file");
+  AddThumbOptions(cmd, &args->options);
+  auto* sizes = cmd->add_option("--sizes", args->sizes, "size names")->delimiter(',');
+  auto* all = cmd->add_flag("--all", args->all, "small, medium, big, large and xlarge (the default)");
+  sizes->excludes(all);
+  cmd->add_option("--box", args->boxes, "an explicit box WxH (repeatable)");
+  cmd->add_option("FILE", args->files, "source files")->required();
+  cmd->callback([args, status] { *status = RunMake(*args); });
+}
+
+void AddImportCommand(CLI::App& app, int* status) {
+  auto args = std::make_shared<ImportArgs>();
+  CLI::App* cmd = app.add_subcommand("import", "Store ready thumbnails of FILE (they are moved)");
+  AddThumbOptions(cmd, &args->options);
+  cmd->add_option("--mtime", args->mtime, "modification time to give them (default: the source's)");
+  cmd->add_flag("--check-mime", args->checkMime, "skip thumbnails whose type is not the output type");
+  cmd->add_option("FILE", args->file, "source file")->required();
+  cmd->add_option("SIZE=THUMB", args->thumbs, "size name and thumbnail file")->required();
+  cmd->callback([args, status] { *status = RunImport(*args); });
+}
+
+}  // namespace tool
+}  // namespace kovathumb
