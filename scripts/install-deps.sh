@@ -7,6 +7,7 @@ packages=(
   libexiv2-dev libheif-dev libcli11-dev nlohmann-json3-dev libgtest-dev
   imagemagick libjpeg-turbo-progs dcraw
   exiv2 libheif-examples libimage-exiftool-perl
+  lighttpd ffmpeg chromium curl
 )
 
 missing=()

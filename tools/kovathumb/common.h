@@ -52,6 +52,7 @@ void AddConvertCommand(CLI::App& app, int* status);
 void AddGetCommand(CLI::App& app, int* status);
 void AddMakeCommand(CLI::App& app, int* status);
 void AddImportCommand(CLI::App& app, int* status);
+void AddIndexCommand(CLI::App& app, int* status);
 
 }  // namespace tool
 }  // namespace kovathumb

@@ -14,6 +14,7 @@ int main(int argc, char** argv) {
   AddGetCommand(app, &status);
   AddMakeCommand(app, &status);
   AddImportCommand(app, &status);
+  AddIndexCommand(app, &status);
   try {
     app.parse(argc, argv);
   } catch (const CLI::CallForHelp& e) {
@@ -21,6 +22,9 @@ int main(int argc, char** argv) {
   } catch (const CLI::ParseError& e) {
     app.exit(e, std::cerr, std::cerr);
     return kExitUsage;
+  } catch (const std::exception& e) {
+    std::cerr << "kovathumb: " << e.what() << std::endl;
+    return kExitFailed;
   }
   return status;
 }

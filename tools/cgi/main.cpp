@@ -1,0 +1,150 @@
+// kovathumb-cgi: the web applications' thumbnail endpoint.
+//
+//   GET ?path=REL&size=NAME   (or w=&h=, or edge=), with rotate, fallback,
+//                             avatar, gif and app=pictavo|dossiva
+//   GET ?list=1               the photos and videos under the root, as JSON
+//
+// REL is resolved under the directory named by KOVATHUMB_ROOT, which the web
+// server's configuration sets. Every answer is a complete CGI response.
+#include <signal.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <nlohmann/json.hpp>
+#include <string>
+#include <vector>
+
+#include "cgi/request.h"
+#include "common/tree.h"
+#include "kovathumb/error.h"
+#include "kovathumb/file.h"
+#include "kovathumb/thumb.h"
+
+namespace kovathumb {
+namespace cgi {
+namespace {
+
+bool IsHead() {
+  const char* m = getenv("REQUEST_METHOD");
+  return m != nullptr && strcmp(m, "HEAD") == 0;
+}
+
+const char* Reason(int status) {
+  switch (status) {
+    case 400: return "Bad Request";
+    case 403: return "Forbidden";
+    case 404: return "Not Found";
+    case 405: return "Method Not Allowed";
+    case 414: return "URI Too Long";
+    default: return "Internal Server Error";
+  }
+}
+
+int Answer(int status, const std::string& text, const char* extra = "") {
+  const std::string body = text + "\n";
+  printf("Status: %d %s\r\nContent-Type: text/plain; charset=utf-8\r\nContent-Length: %zu\r\n"
+         "Cache-Control: no-store\r\n%s\r\n",
+         status, Reason(status), body.size(), extra);
+  if (!IsHead()) fwrite(body.data(), 1, body.size(), stdout);
+  fflush(stdout);
+  return 0;
+}
+
+const char* TypeOf(const std::string& path) {
+  const std::string ext = file::GetFileExt(path);
+  if (ext == "jpg" || ext == "jpeg" || ext == "jpe") return "image/jpeg";
+  if (ext == "png") return "image/png";
+  if (ext == "gif") return "image/gif";
+  if (ext == "bmp") return "image/bmp";
+  if (ext == "tif" || ext == "tiff") return "image/tiff";
+  if (ext == "heic" || ext == "heif") return "image/heic";
+  if (IsSupportVideo(path)) return "video";
+  return "image/x-raw";
+}
+
+int List(const std::string& realRoot) {
+  std::vector<std::string> files;
+  tool::WalkTree(realRoot, realRoot, &files);
+  nlohmann::json list = nlohmann::json::array();
+  for (const std::string& f : files) {
+    struct stat st;
+    if (stat(f.c_str(), &st) != 0) continue;
+    list.push_back({{"path", f.substr(realRoot.size() + 1)},
+                    {"type", TypeOf(f)},
+                    {"video", IsSupportVideo(f)},
+                    {"size", static_cast<long long>(st.st_size)},
+                    {"mtime", static_cast<long long>(st.st_mtime)}});
+  }
+  const std::string body =
+      nlohmann::json{{"files", list}}.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) + "\n";
+  printf("Content-Type: application/json\r\nContent-Length: %zu\r\nCache-Control: no-store\r\n\r\n", body.size());
+  if (!IsHead()) fwrite(body.data(), 1, body.size(), stdout);
+  fflush(stdout);
+  return 0;
+}
+
+int Serve(const Request& req, const std::string& path) {
+  Thumb thumb(path, req.options, false);
+  thumb.Rotate(req.rotate);
+  int sent;
+  if (!req.size.empty() && req.fallback) {
+    sent = !thumb.CalcOutputFile(req.size).empty() && thumb.HttpOutputFile(thumb.GetOutputMimeType());
+  } else if (!req.size.empty()) {
+    sent = thumb.Output(req.size);
+  } else {
+    sent = thumb.Output(static_cast<int>(req.width), static_cast<int>(req.height));
+  }
+  fflush(stdout);
+  // With an output file chosen, the response (perhaps an error one) is out.
+  if (thumb.GetOutputFile().empty()) return Answer(404, "no thumbnail for this file");
+  if (sent && thumb.IsNeedDelete()) unlink(thumb.GetOutputFile().c_str());
+  return 0;
+}
+
+int Main() {
+  const char* method = getenv("REQUEST_METHOD");
+  if (method == nullptr || (strcmp(method, "GET") != 0 && strcmp(method, "HEAD") != 0)) {
+    return Answer(405, "only GET and HEAD", "Allow: GET, HEAD\r\n");
+  }
+  const char* rootEnv = getenv("KOVATHUMB_ROOT");
+  const std::string realRoot = rootEnv != nullptr ? tool::RealPath(rootEnv) : std::string();
+  if (realRoot.empty()) {
+    syslog(LOG_ERR, "kovathumb-cgi: KOVATHUMB_ROOT is not set or not a directory");
+    return Answer(500, "server misconfigured");
+  }
+  const char* qs = getenv("QUERY_STRING");
+  const std::string query = qs != nullptr ? qs : "";
+  if (query.size() > kMaxQuery) return Answer(414, "query too long");
+  Request req;
+  std::string error;
+  if (!ParseRequest(query, &req, &error)) return Answer(400, error);
+  if (req.list) return List(realRoot);
+
+  std::string path;
+  const int status = Resolve(realRoot, req.path, &path);
+  if (status != 200) return Answer(status, status == 404 ? "no such file" : "refused");
+  if (!IsSupportImage(path) && !IsSupportVideo(path)) return Answer(400, "not a photo or video");
+  try {
+    return Serve(req, path);
+  } catch (const Error& e) {
+    syslog(LOG_ERR, "kovathumb-cgi: %s: %s", path.c_str(), e.what());
+    return Answer(e.Code() == 603 ? 403 : 500, "cannot read this file");
+  } catch (const std::exception& e) {
+    syslog(LOG_ERR, "kovathumb-cgi: %s: %s", path.c_str(), e.what());
+    return Answer(500, "internal error");
+  }
+}
+
+}  // namespace
+}  // namespace cgi
+}  // namespace kovathumb
+
+int main() {
+  // A client that goes away must not kill us halfway through storing.
+  signal(SIGPIPE, SIG_IGN);
+  return kovathumb::cgi::Main();
+}
