@@ -1,34 +1,75 @@
 // HEIF/HEIC sources, which the metadata reader does not read. A file counts
-// as HEIC only when its primary image's first metadata block is Exif.
-#include <libheif/heif_cxx.h>
+// as HEIC only when its primary image's first metadata block is Exif. The
+// libheif work is done by a module loaded on the first HEIF source.
+#include <dlfcn.h>
 
-#include <stdexcept>
+#include <mutex>
 #include <string>
 
 #include "kovathumb/thumb_info.h"
+#include "thumb_info/heif_module.h"
 #include "util/log.h"
 
 namespace kovathumb {
 
+namespace {
+
+constexpr char kModuleName[] = "libkovathumb_heif.so";
+
+std::string DirOf(const std::string& path) {
+  const size_t slash = path.rfind('/');
+  return slash == std::string::npos ? std::string(".") : path.substr(0, slash);
+}
+
+// The module beside the object that holds this code (the installed or built
+// library), else where the build put it.
+KovathumbHeifProbeFn LoadProbe(std::string* error) {
+  std::vector<std::string> candidates;
+  Dl_info self;
+  if (dladdr(reinterpret_cast<void*>(&LoadProbe), &self) != 0 && self.dli_fname != nullptr) {
+    candidates.push_back(DirOf(self.dli_fname) + "/" + kModuleName);
+  }
+  candidates.push_back(std::string(KOVATHUMB_HEIF_MODULE_INSTALLED) + "/" + kModuleName);
+  candidates.push_back(std::string(KOVATHUMB_HEIF_MODULE_BUILT) + "/" + kModuleName);
+  for (const std::string& path : candidates) {
+    if (void* module = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL)) {
+      return reinterpret_cast<KovathumbHeifProbeFn>(dlsym(module, "kovathumb_heif_probe"));
+    }
+    const char* why = dlerror();
+    *error = why != nullptr ? why : path;
+  }
+  return nullptr;
+}
+
+}  // namespace
+
 void ThumbInfo::CheckAndGetHeif() {
-  try {
-    heif::Context context;
-    context.read_from_file(path_);
-    heif::ImageHandle handle = context.get_primary_image_handle();
-    const std::vector<heif_item_id> ids = handle.get_list_of_metadata_block_IDs(nullptr);
-    // Only the first block decides; a later Exif block does not count.
-    if (ids.empty() || handle.get_metadata_type(ids.front()) != "Exif") return;
-    width_ = static_cast<uint32_t>(handle.get_width());
-    height_ = static_cast<uint32_t>(handle.get_height());
-    rotate_ = rotateFlopMappingList_.front().first;
-    flop_ = rotateFlopMappingList_.front().second;
-    heic_ = true;
-  } catch (const heif::Error& e) {
-    KT_LOG("%s, heif error: code = %d, subcode = %d, %s", path_.c_str(),
-           static_cast<int>(e.get_code()), static_cast<int>(e.get_subcode()),
-           e.get_message().c_str());
-  } catch (const std::runtime_error& e) {
-    KT_LOG("runtime error: %s", e.what());
+  static std::once_flag once;
+  static KovathumbHeifProbeFn probe = nullptr;
+  static std::string loadError;
+  std::call_once(once, [] { probe = LoadProbe(&loadError); });
+  if (probe == nullptr) {
+    KT_LOG("runtime error: %s", ("no HEIF support: " + loadError).c_str());
+    return;
+  }
+  KovathumbHeifResult result;
+  switch (probe(path_.c_str(), &result)) {
+    case KOVATHUMB_HEIF_ACCEPTED:
+      width_ = result.width;
+      height_ = result.height;
+      rotate_ = rotateFlopMappingList_.front().first;
+      flop_ = rotateFlopMappingList_.front().second;
+      heic_ = true;
+      break;
+    case KOVATHUMB_HEIF_ERROR:
+      KT_LOG("%s, heif error: code = %d, subcode = %d, %s", path_.c_str(), result.code, result.subcode,
+             result.message);
+      break;
+    case KOVATHUMB_HEIF_RUNTIME_ERROR:
+      KT_LOG("runtime error: %s", result.message);
+      break;
+    default:
+      break;
   }
 }
 

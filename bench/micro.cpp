@@ -1,0 +1,89 @@
+// Microbenchmarks of the library's own work. Fixture paths come from the
+// environment: BENCH_JPEG (a large JPEG) and BENCH_HEIC (a HEIC with Exif).
+#include <benchmark/benchmark.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <string>
+
+#include "kovathumb/convert_cmd.h"
+#include "kovathumb/thumb_info.h"
+#include "thumb_info/decisions.h"
+
+namespace {
+
+using kovathumb::ThumbInfo;
+
+std::string Fixture(const char* var) {
+  const char* v = std::getenv(var);
+  return v != nullptr ? v : "";
+}
+
+void Extract(benchmark::State& state, const char* var, bool withPreview) {
+  const std::string path = Fixture(var);
+  if (path.empty()) {
+    state.SkipWithError((std::string(var) + " is not set").c_str());
+    return;
+  }
+  for (auto _ : state) {
+    ThumbInfo info(path, "big", {640, 640});
+    info.ExtractImgInfo(withPreview);
+    const std::string preview = info.GetEXIFPreviewTmpPath();
+    if (!preview.empty()) unlink(preview.c_str());
+    benchmark::DoNotOptimize(info.GetWidth());
+  }
+}
+
+void BM_ExtractJpeg(benchmark::State& state) { Extract(state, "BENCH_JPEG", false); }
+void BM_ExtractJpegWithPreview(benchmark::State& state) { Extract(state, "BENCH_JPEG", true); }
+void BM_ExtractHeic(benchmark::State& state) { Extract(state, "BENCH_HEIC", false); }
+
+ThumbInfo Probed() {
+  ThumbInfo info(Fixture("BENCH_JPEG").empty() ? "/dev/null" : Fixture("BENCH_JPEG"), "big", {640, 640});
+  try {
+    info.ExtractImgInfo(false);
+  } catch (...) {
+  }
+  info.SetUserRotate(1);
+  return info;
+}
+
+void BM_NameBuilders(benchmark::State& state) {
+  const ThumbInfo info = Probed();
+  for (auto _ : state) {
+    benchmark::DoNotOptimize(info.GetPictavoThumbEAName());
+    benchmark::DoNotOptimize(info.GetDossivaThumbEAName());
+    benchmark::DoNotOptimize(info.GetDossivaTmpThumbEAName());
+    benchmark::DoNotOptimize(info.GetAvatarThumbEAName());
+  }
+}
+
+void BM_ChoosePreview(benchmark::State& state) {
+  const std::vector<kovathumb::internal::PreviewProps> previews = {
+      {"image/jpeg", 160, 120}, {"image/jpeg", 1616, 1080}, {"image/tiff", 6000, 4000}};
+  for (auto _ : state) {
+    benchmark::DoNotOptimize(kovathumb::internal::ChoosePreview(previews, "image/x-nikon-nef", {640, 640}));
+  }
+}
+
+void BM_ArgvComposition(benchmark::State& state) {
+  const ThumbInfo info = Probed();
+  const std::string src = "/photos/2024/IMG_0001.JPG", dst = "/photos/2024/.kovaea/IMG_0001.JPG/t.jpg";
+  for (auto _ : state) {
+    kovathumb::ConvertCmd convert(info, src, dst);
+    kovathumb::DJpegCmd djpeg(info, src, dst);
+    kovathumb::JpegTranCmd jpegtran(info, src, "", true);
+    benchmark::DoNotOptimize(djpeg.GetConvertBytes());
+  }
+}
+
+BENCHMARK(BM_ExtractJpeg)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_ExtractJpegWithPreview)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_ExtractHeic)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_NameBuilders);
+BENCHMARK(BM_ChoosePreview);
+BENCHMARK(BM_ArgvComposition);
+
+}  // namespace
+
+BENCHMARK_MAIN();
