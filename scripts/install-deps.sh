@@ -8,6 +8,7 @@ packages=(
   imagemagick libjpeg-turbo-progs dcraw
   exiv2 libheif-examples libimage-exiftool-perl
   lighttpd ffmpeg chromium curl
+  clang libclang-rt-14-dev valgrind wrk
 )
 
 missing=()

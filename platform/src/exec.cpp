@@ -17,6 +17,7 @@
 #include <unistd.h>
 
 #include <mutex>
+#include <string>
 #include <utility>
 #include <vector>
 
@@ -36,8 +37,8 @@ void MarkCloexecFrom(int lowfd) {
   for (int fd = lowfd; fd < max; ++fd) fcntl(fd, F_SETFD, FD_CLOEXEC);
 }
 
-[[noreturn]] void ChildExec(const char* path, const char* const argv[], int out_fd,
-                            int err_pipe) {
+[[noreturn]] void ChildExec(const char* path, const char* const argv[], char* const envp[],
+                            int out_fd, int err_pipe) {
   sigset_t none;
   sigemptyset(&none);
   sigprocmask(SIG_SETMASK, &none, nullptr);
@@ -64,13 +65,41 @@ void MarkCloexecFrom(int lowfd) {
   if (getrlimit(RLIMIT_CPU, &cur) == 0 && cur.rlim_cur > cpu.rlim_cur) setrlimit(RLIMIT_CPU, &cpu);
   if (getrlimit(RLIMIT_AS, &cur) == 0 && cur.rlim_cur > as.rlim_cur) setrlimit(RLIMIT_AS, &as);
 
-  execv(path, const_cast<char* const*>(argv));
+  execve(path, const_cast<char* const*>(argv), envp);
   int e = errno;
   (void)!write(err_pipe, &e, sizeof e);
   _exit(127);
 }
 
 // ---- In the parent ----------------------------------------------------------
+
+// ImageMagick bounds itself by these documented variables; the caller's
+// own settings win. Time in seconds, sizes in bytes or pixels.
+const char* const kMagickLimits[] = {
+    "MAGICK_AREA_LIMIT=128MP", "MAGICK_MEMORY_LIMIT=256MiB", "MAGICK_MAP_LIMIT=512MiB",
+    "MAGICK_DISK_LIMIT=1GiB",  "MAGICK_WIDTH_LIMIT=16KP",    "MAGICK_HEIGHT_LIMIT=16KP",
+    "MAGICK_TIME_LIMIT=60",
+};
+
+// The child's environment: ours, plus the limits not already set. Built
+// before fork, since the child may only make async-signal-safe calls.
+std::vector<char*> ChildEnvironment() {
+  std::vector<char*> env;
+  for (char** e = environ; e != nullptr && *e != nullptr; ++e) env.push_back(*e);
+  for (const char* limit : kMagickLimits) {
+    const std::string name(limit, strchr(limit, '=') - limit);
+    if (getenv(name.c_str()) == nullptr) env.push_back(const_cast<char*>(limit));
+  }
+  env.push_back(nullptr);
+  return env;
+}
+
+int WallSeconds() {
+  // Tests shorten the wall-time limit; the appliance's launcher has its own.
+  const char* v = getenv("KOVAPLATFORM_CHILD_WALL_SECONDS");
+  const int n = v != nullptr ? atoi(v) : 0;
+  return n > 0 ? n : KOVA_CHILD_WALL_SECONDS;
+}
 
 // Reads the child's exec errno; 0 when the program started.
 int ReadExecError(int fd) {
@@ -98,7 +127,7 @@ int WaitBounded(pid_t pid) {
   int pidfd = static_cast<int>(syscall(SYS_pidfd_open, pid, 0));
   if (pidfd >= 0) {
     struct pollfd p = {pidfd, POLLIN, 0};
-    int left_ms = KOVA_CHILD_WALL_SECONDS * 1000;
+    int left_ms = WallSeconds() * 1000;
     int r;
     do {
       r = poll(&p, 1, left_ms);
@@ -120,6 +149,7 @@ pid_t Spawn(const char* path, const char* const argv[], int out_fd, bool detach)
     errno = EINVAL;
     return -1;
   }
+  std::vector<char*> envp = ChildEnvironment();
   int err_pipe[2];
   if (pipe2(err_pipe, O_CLOEXEC) != 0) return -1;
   pid_t pid = fork();
@@ -141,7 +171,7 @@ pid_t Spawn(const char* path, const char* const argv[], int out_fd, bool detach)
       }
       if (grandchild > 0) _exit(0);
     }
-    ChildExec(path, argv, out_fd, err_pipe[1]);
+    ChildExec(path, argv, envp.data(), out_fd, err_pipe[1]);
   }
   close(err_pipe[1]);
   int e = ReadExecError(err_pipe[0]);

@@ -250,6 +250,9 @@ bool Thumb::SetOutOnline() {
     work = file::GetEAPath(path_, info_.GetDossivaTmpThumbEAName());
     if (work.empty() || !file::MakeEADir(path_)) return Fail();
   }
+  // Users can write in the EA directory: a link planted under our work
+  // file's name would make the tools write through it.
+  unlink(work.c_str());
 
   bool made = false;
   if (good) {

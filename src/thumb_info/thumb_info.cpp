@@ -1,6 +1,7 @@
 #include "kovathumb/thumb_info.h"
 
 #include <string.h>
+#include <syslog.h>
 #include <sys/stat.h>
 #include <utime.h>
 
@@ -41,6 +42,15 @@ bool IsVideoContainer(const Exiv2::Image& image) {
   return image.mimeType().compare(0, 6, "video/") == 0;
 }
 
+// Exiv2 writes its warnings to standard error, which in a CGI process is the
+// web server's log and never ours: send them to the system log instead.
+void ToSyslog(int level, const char* message) {
+  if (level < Exiv2::LogMsg::warn) return;
+  std::string text(message);
+  while (!text.empty() && text.back() == '\n') text.pop_back();
+  internal::LogRaw(LOG_WARNING, "exiv2: %s", text.c_str());
+}
+
 }  // namespace
 
 const uint32_t ThumbInfo::LARGE_ORIG_THRESHOLD;
@@ -74,6 +84,8 @@ void ThumbInfo::ExtractImgInfo(bool withPreview) {
   int index = 0;
   {
     std::lock_guard<std::mutex> lock(exiv2_mutex_);
+    static const bool routed = (Exiv2::LogMsg::setHandler(ToSyslog), true);
+    (void)routed;
     try {
       Exiv2::Image::AutoPtr image = Exiv2::ImageFactory::open(path_, true);
       if (IsVideoContainer(*image)) {

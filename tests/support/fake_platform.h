@@ -4,6 +4,7 @@
 #ifndef KOVATHUMB_TESTS_FAKE_PLATFORM_H_
 #define KOVATHUMB_TESTS_FAKE_PLATFORM_H_
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -19,6 +20,8 @@ struct Platform {
   // KLIBCPopenv call.
   std::vector<std::vector<std::string>> exec_calls;
   int eamkdir_calls = 0;
+  // Runs before each KLIBCExecv, with the call's path and arguments.
+  std::function<void(const std::vector<std::string>&)> before_exec;
 };
 
 Platform& State();

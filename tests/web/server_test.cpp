@@ -71,6 +71,17 @@ TEST_F(ServerTest, AnswersThumbnailsAndRefusesWhatItMust) {
   EXPECT_EQ(Http(port_, "GET", "/thumb?path=%2Fetc%2Fpasswd&size=small").status, 400);
   EXPECT_EQ(Http(port_, "POST", "/thumb?path=album/p%201.jpg&size=small", "Content-Length: 0\r\n").status, 405);
 
+  // Hard-to-parse and oversized queries never reach the library.
+  for (const char* q : {"path=album/p%201.jpg%00.png&size=small", "path=album%2F..%2F..%2Fprivate%2Fsecret.jpg&size=small",
+                        "path=album/p%201.jpg&size=small&size=big", "path=album/p%201.jpg&size=small&x=%ZZ",
+                        "path=album//..//..//private/secret.jpg&size=small", "path=./album/../../private/secret.jpg&edge=9"}) {
+    const int status = Http(port_, "GET", std::string("/thumb?") + q).status;
+    EXPECT_TRUE(status == 400 || status == 403) << q << ": " << status;
+  }
+  const int huge = Http(port_, "GET", "/thumb?path=album/p%201.jpg&size=small&pad=" + std::string(100000, 'a')).status;
+  EXPECT_GE(huge, 400) << huge;
+  EXPECT_LT(huge, 500) << huge;
+
   HttpResult list = Http(port_, "GET", "/thumb?list=1");
   EXPECT_EQ(list.status, 200);
   EXPECT_NE(list.body.find("\"path\":\"album/p 1.jpg\""), std::string::npos);

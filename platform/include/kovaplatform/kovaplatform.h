@@ -96,11 +96,16 @@ KOVAPLATFORM_EXPORT int KOVAFileCopy(const char* src, const char* dst,
 // error (it must never reach our standard output, which is an HTTP response
 // in a CGI process), except for the pipe of KLIBCPopenv; no other descriptor
 // of ours is inherited; and the child is bounded by KOVA_CHILD_CPU_SECONDS
-// of CPU time and KOVA_CHILD_ADDRESS_SPACE bytes of address space.
+// of CPU time and KOVA_CHILD_ADDRESS_SPACE bytes of address space, and
+// ImageMagick's resource limits are set through its environment variables
+// (MAGICK_AREA_LIMIT 128MP, MAGICK_MEMORY_LIMIT 256MiB, MAGICK_MAP_LIMIT
+// 512MiB, MAGICK_DISK_LIMIT 1GiB, MAGICK_WIDTH_LIMIT and MAGICK_HEIGHT_LIMIT
+// 16KP, MAGICK_TIME_LIMIT 60 s) unless the caller's environment sets them.
 
 #define KOVA_CHILD_CPU_SECONDS 120
 #define KOVA_CHILD_ADDRESS_SPACE (4ULL << 30)
-// A waited-for child still running after this many seconds is killed.
+// A waited-for child still running after this many seconds is killed
+// (KOVAPLATFORM_CHILD_WALL_SECONDS in the environment overrides it).
 #define KOVA_CHILD_WALL_SECONDS 300
 
 // Runs `path` with the null-terminated argument vector `argv` (argv[0] is

@@ -1,0 +1,34 @@
+#!/usr/bin/env bash
+# Writes the seed corpora: DIR/probe (small files of every kind, with a
+# leading name byte and size byte as the harness reads them) and DIR/cgi
+# (queries).
+#   fuzz/make-seeds.sh DIR [MAKE_DNG]
+set -euo pipefail
+dir=$1
+make_dng=${2:-}
+C=/usr/bin/convert
+mkdir -p "$dir/probe" "$dir/cgi" "$dir/tmp"
+t=$dir/tmp
+$C -size 64x48 gradient:red-blue "$t/a.jpg"
+exiv2 -M"set Exif.Image.Orientation 6" -M"set Exif.Image.Make Panasonic" -M"set Exif.Panasonic.Rotation 8" "$t/a.jpg"
+$C -size 160x120 xc:blue "$t/a-thumb.jpg" && exiv2 -it "$t/a.jpg"
+$C -size 64x48 gradient:red-blue "$t/a.png"
+$C -size 32x24 -delay 10 xc:red xc:blue "$t/a.gif"
+$C -size 32x24 plasma: "$t/a.tif"
+$C -size 32x24 plasma: "$t/a.bmp"
+heif-enc -q 30 "$t/a.jpg" -o "$t/a.heic" >/dev/null
+# name byte picks p.jpg p.png p.gif p.tif p.bmp p.dng p.cr2 p.nef p.heic p.HEIF
+seed() { { printf "\\x$(printf %02x "$1")\\x$(printf %02x "$2")"; cat "$3"; } > "$dir/probe/$4"; }
+seed 0 1 "$t/a.jpg" jpg; seed 0 4 "$t/a.jpg" jpg-custom; seed 1 1 "$t/a.png" png; seed 2 65 "$t/a.gif" gif
+seed 3 2 "$t/a.tif" tif; seed 4 1 "$t/a.bmp" bmp; seed 8 1 "$t/a.heic" heic; seed 9 3 "$t/a.heic" heif
+if [ -n "$make_dng" ]; then
+  "$make_dng" "$t/a.dng" "$t/a.jpg" 64 48 && seed 5 1 "$t/a.dng" dng && seed 6 1 "$t/a.dng" cr2
+fi
+rm -rf "$t"
+i=0
+for q in "path=album/a.jpg&size=big" "path=album%2Fa.jpg&w=100&h=50&rotate=-1" "path=../outside/secret.jpg&size=small" \
+         "path=%2e%2e/outside/secret.jpg&edge=64" "path=leak.jpg&size=big&app=pictavo" "path=out/secret.jpg&size=big" \
+         "path=album/.kovaea/a.jpg/KOVAFILE_THUMB_S.jpg&size=small" "list=1" "path=inner.jpg&size=medium&fallback=1&gif=1" \
+         "path=/etc/passwd&size=big" "path=album/./a.jpg&size=big&avatar=1"; do
+  printf '%s' "$q" > "$dir/cgi/q$((i++))"
+done
