@@ -87,7 +87,7 @@ void ThumbInfo::ExtractImgInfo(bool withPreview) {
     static const bool routed = (Exiv2::LogMsg::setHandler(ToSyslog), true);
     (void)routed;
     try {
-      Exiv2::Image::AutoPtr image = Exiv2::ImageFactory::open(path_, true);
+      auto image = Exiv2::ImageFactory::open(path_, true);  // a std::auto_ptr in Exiv2 0.27
       if (IsVideoContainer(*image)) {
         throw Exiv2::Error(Exiv2::kerFileContainsUnknownImageType, path_);
       }

@@ -6,6 +6,7 @@ set -euo pipefail
 src=$1
 build=$2
 command -v valgrind >/dev/null || { echo "valgrind is not installed: skipped"; exit 77; }
+if ldd "$build/tools/kovathumb" | grep -q libasan; then echo "sanitizer build: skipped"; exit 77; fi
 out=$build/tests/valgrind
 rm -rf "$out"
 mkdir -p "$out"

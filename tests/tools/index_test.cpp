@@ -104,7 +104,8 @@ TEST(IndexTest, AWorkerThatDiesCostsItsFileOnly) {
   pid_t index = StartIndex("--json -j 1 " + Quote(dir.path()), out);
   pid_t worker = FirstChild(index);
   ASSERT_GT(worker, 0);
-  kill(-worker, SIGKILL);  // the worker and the tool it runs
+  kill(worker, SIGKILL);   // the worker, whether or not it has its group yet
+  kill(-worker, SIGKILL);  // and the tool it runs
   EXPECT_EQ(Wait(index), 1);
   nlohmann::json summary = Summary(out);
   EXPECT_EQ(summary["files"], 3);
