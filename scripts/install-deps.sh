@@ -1,6 +1,8 @@
 #!/usr/bin/env bash
 # Installs what building, testing and the demo need, from Debian's packages.
 set -euo pipefail
+# Callers print results on standard output; the package manager talks on standard error.
+exec 1>&2
 
 packages=(
   cmake g++ make pkg-config

@@ -11,7 +11,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 top=$PWD
-state=${SERVE_DIR:-$top/build/lighttpd}
+state=$(realpath -m "${SERVE_DIR:-$top/build/lighttpd}")
 cgi=${KOVATHUMB_CGI:-$top/build/tools/kovathumb-cgi}
 
 free_port() {

@@ -51,15 +51,8 @@ TEST(ChoosePreviewTest, CanonTiffSkippedAndUnlimitedBoxTakesLargest) {
             1);
 }
 
-TEST(RotateSuffixTest, SignedRemainder) {
-  EXPECT_EQ(RotateSuffix(0), "");
-  EXPECT_EQ(RotateSuffix(4), "");
-  EXPECT_EQ(RotateSuffix(-4), "");
-  EXPECT_EQ(RotateSuffix(5), "_r1");
-  EXPECT_EQ(RotateSuffix(-2), "_r-2");
-  EXPECT_EQ(RotateSuffix(-1), "_r-1");
-  EXPECT_EQ(TurnSum(3, 2), 5);
-  EXPECT_EQ(TurnSum(2147483647, 1), -2147483647 - 1);  // wraps, no overflow
+TEST(TurnSumTest, WrapsInsteadOfOverflowing) {
+  EXPECT_EQ(TurnSum(2147483647, 1), -2147483647 - 1);
 }
 
 }  // namespace

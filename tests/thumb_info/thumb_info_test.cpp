@@ -104,6 +104,10 @@ TEST(ThumbInfoTest, NamesOfTheWorkedExamples) {
   auto r = ThumbInfoTestAccess::Make("image/jpeg", 10, 10, 3, "big", {640, 640});
   r.SetUserRotate(2);
   EXPECT_EQ(r.GetRotateSuffix(), "_r1");
+  r.SetUserRotate(1);  // a whole turn: no suffix
+  EXPECT_EQ(r.GetRotateSuffix(), "");
+  r.SetUserRotate(-5);  // the remainder keeps the sign
+  EXPECT_EQ(r.GetRotateSuffix(), "_r-2");
 }
 
 TEST(ThumbInfoTest, SizesWithoutLetterThrowMapAt) {

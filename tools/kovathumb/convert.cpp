@@ -110,14 +110,7 @@ void AddConvertCommand(CLI::App& app, int* status) {
   cmd->add_option("SRC", args->src, "source file")->required();
   cmd->add_option("DST", args->dst, "output file (jpegtran: empty streams to standard output)")
       ->required();
-  cmd->callback([args, status] {
-    try {
-      *status = RunConvert(*args);
-    } catch (const Error& e) {
-      std::cerr << e.what() << std::endl;
-      *status = kExitFailed;
-    }
-  });
+  cmd->callback([args, status] { *status = RunConvert(*args); });
 }
 
 }  // namespace tool

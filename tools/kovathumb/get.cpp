@@ -66,14 +66,7 @@ void AddGetCommand(CLI::App& app, int* status) {
   cmd->add_flag("--delete-if-needed", args->deleteIfNeeded, "remove the output file when the library says so");
   cmd->add_option("SIZE", args->size, "size name, WxH or an edge")->required();
   cmd->add_option("FILE", args->file, "source file")->required();
-  cmd->callback([args, status] {
-    try {
-      *status = RunGet(*args);
-    } catch (const Error& e) {
-      std::cerr << e.what() << std::endl;
-      *status = kExitFailed;
-    }
-  });
+  cmd->callback([args, status] { *status = RunGet(*args); });
 }
 
 }  // namespace tool

@@ -2,6 +2,7 @@
 #include <iostream>
 
 #include "common.h"
+#include "kovathumb/error.h"
 
 int main(int argc, char** argv) {
   using namespace kovathumb::tool;
@@ -22,6 +23,9 @@ int main(int argc, char** argv) {
   } catch (const CLI::ParseError& e) {
     app.exit(e, std::cerr, std::cerr);
     return kExitUsage;
+  } catch (const kovathumb::Error& e) {
+    std::cerr << e.what() << std::endl;
+    return kExitFailed;
   } catch (const std::exception& e) {
     std::cerr << "kovathumb: " << e.what() << std::endl;
     return kExitFailed;
