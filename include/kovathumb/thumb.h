@@ -118,7 +118,9 @@ class KOVATHUMB_EXPORT Thumb {
                               bool checkMime);
   // Makes small, medium, big, large and xlarge; true when any was made.
   bool ConvertAll();
-  // Makes the sizes named or boxed; returns how many were made.
+  // Makes the sizes named or boxed from the source itself; returns how many
+  // were made. The source is probed before the first size (once per object);
+  // an exception for one size is logged and the next size goes on.
   int Convert(std::initializer_list<std::string> sizes);
   int Convert(std::initializer_list<ThumbDimension> dimensions);
 
