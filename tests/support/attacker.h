@@ -1,0 +1,57 @@
+// Attacks for tests: the code under test runs as root in this process (or
+// in programs it starts); the attacker is an ordinary user, played by a
+// forked child that dropped to uid/gid 65534 and can do only what such a
+// user can. Tests that use these skip when not run as root.
+#ifndef KOVATHUMB_TESTS_ATTACKER_H_
+#define KOVATHUMB_TESTS_ATTACKER_H_
+
+#include <sys/types.h>
+
+#include <functional>
+#include <string>
+
+#include "support/test_util.h"
+
+#define KT_SKIP_UNLESS_ROOT() \
+  if (geteuid() != 0) GTEST_SKIP() << "needs root: attacks run as an ordinary user against root"
+
+namespace kovathumb {
+namespace test {
+
+constexpr uid_t kAttackerId = 65534;
+
+// Runs `attack` in a child as the attacker; true when it returned true.
+bool AsAttacker(const std::function<bool()>& attack);
+
+// Repeats `step` as the attacker in a child until destroyed.
+class AttackerLoop {
+ public:
+  explicit AttackerLoop(const std::function<void()>& step);
+  ~AttackerLoop();
+  AttackerLoop(const AttackerLoop&) = delete;
+  AttackerLoop& operator=(const AttackerLoop&) = delete;
+  // How many times `step` has run so far.
+  long Rounds() const;
+
+ private:
+  pid_t pid_;
+  volatile long* rounds_;
+};
+
+// A served tree as the appliance has it: `tree` is root's (0755) and holds
+// `mine`, a folder the attacker owns; `secret` is a root-only (0600) JPEG
+// outside the tree that no thumbnail or response may ever show.
+struct AttackTree {
+  AttackTree();
+  TempDir top;
+  std::string tree;
+  std::string mine;
+  std::string secret;
+  // Whether `data` holds the secret's bytes.
+  bool Leaks(const std::string& data) const;
+};
+
+}  // namespace test
+}  // namespace kovathumb
+
+#endif  // KOVATHUMB_TESTS_ATTACKER_H_
