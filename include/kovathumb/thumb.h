@@ -12,8 +12,16 @@
 // where conversion would not help.
 //
 // Ownership: a Thumb owns its ThumbInfo and removes the embedded-preview
-// file it wrote when destroyed. It never deletes the output file: when
-// IsNeedDelete() is true after a request, that is the caller's to remove.
+// file it wrote when destroyed. It never deletes the output file by itself:
+// when IsNeedDelete() is true after a request, the caller removes it with
+// DeleteOutputFile().
+//
+// Trust: the directory part of the source path is the caller's to vouch for
+// (programs hand "/proc/self/fd/<dir>/<name>" for a directory they opened
+// safely). From there on nothing follows a link: not the source's own name,
+// not the EA directory, not anything in it; the file that was checked is the
+// file that is read, converted, stored and sent. Tools write into a private
+// directory that is removed when the request ends.
 //
 // Threads: one Thumb belongs to one thread. Storing briefly switches the
 // process's effective user to root; no other thread may depend on the
@@ -29,6 +37,7 @@
 
 #include <initializer_list>
 #include <map>
+#include <memory>
 #include <string>
 #include <utility>
 #include <vector>
@@ -90,6 +99,9 @@ class KOVATHUMB_EXPORT Thumb {
   std::string CalcOutputFile(const std::string& size);
   const std::string& GetOutputFile() const;
   bool IsNeedDelete() const;
+  // Removes the output file made or chosen by the last request (never the
+  // source), through the directory it was found in; true when removed.
+  bool DeleteOutputFile();
   // "Pictavo", "Dossiva", "DossivaVarTmp", "Cinevo", "Original" or "".
   std::string GetOutputType();
   std::string GetOutputMimeType();
@@ -108,7 +120,9 @@ class KOVATHUMB_EXPORT Thumb {
   std::string GetOnlineOutputDest() const;
 
   // Moves `src` to `dst` in the EA directory: mode 0777, owner root, access
-  // time 0 and modification time `mtime` (0: the source's).
+  // time 0 and modification time `mtime` (0: the source's as first probed).
+  // Refuses (false) an empty or incomplete image, or one of another type
+  // than this request's output.
   bool SaveThumbToEA(const std::string& src, const std::string& dst, long mtime);
   bool SaveTmpThumbToEA(const std::string& tmp);
   // Stores ready thumbnails, given as (size name, file) pairs; the files are
@@ -135,6 +149,12 @@ class KOVATHUMB_EXPORT Thumb {
   void ExtractForBatch();
   bool SetOutStored(const std::string& name, bool needEAPath, bool condition, int type);
   bool Fail();
+  struct Pinned;
+  int EADir(bool make);
+  bool PrepareWork(bool inEADir, std::string* work);
+  std::string ToolSource() const;
+  std::string ServePath() const;
+  void BoundBoxThumbs(const std::string& kept);
 
   int outputType_;
   std::string path_;
@@ -151,6 +171,7 @@ class KOVATHUMB_EXPORT Thumb {
   bool avatar_;                   // G
   bool smallerFallback_;          // H
   bool batchExtracted_;
+  std::unique_ptr<Pinned> pinned_;  // open files of the current request
 };
 
 }  // namespace kovathumb

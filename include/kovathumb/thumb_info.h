@@ -46,8 +46,9 @@ class KOVATHUMB_EXPORT ThumbInfo {
   // Pixel area from which a "large" thumbnail is always converted (1280 x 1280).
   static const uint32_t LARGE_ORIG_THRESHOLD = 1638400;
 
-  // Takes the status of `path` (following links); throws Error 601
-  // "Can't stat <path>" when that fails.
+  // Opens `path` once (a link in its last component is not followed) and
+  // takes its status; throws Error 601 "Can't stat <path>" when it is not a
+  // regular file. All later readings go through that open file.
   ThumbInfo(const std::string& path, const std::string& size, const ThumbDimension& dim);
   ~ThumbInfo();
 
@@ -114,6 +115,9 @@ class KOVATHUMB_EXPORT ThumbInfo {
   int ResolveOrientationIndex(Exiv2::Image& image) const;
   void CheckAndGetHeif();
   const std::string& SizeLetter() const;
+  // The opened source as a path ("/proc/self/fd/N"); `path_` when it could
+  // not be opened for reading.
+  std::string PinnedSource() const;
 
   std::string path_;
   std::string size_;
@@ -130,6 +134,7 @@ class KOVATHUMB_EXPORT ThumbInfo {
   bool enableGIF_;
   bool cropMode_;
   struct stat64 fileStat_;
+  std::shared_ptr<const int> sourceFd_;  // shared by copies
 };
 
 }  // namespace kovathumb

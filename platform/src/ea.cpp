@@ -1,7 +1,9 @@
 // EA directories on plain Linux: "<dir>/.kovaea/<base>/".
 #include <errno.h>
+#include <fcntl.h>
 #include <string.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <string>
 
@@ -73,21 +75,38 @@ int KOVAEAMKDir(int flags, const char* eadir) {
     errno = EINVAL;
     return -1;
   }
-  if (flags & 1) {
-    std::string parent(eadir);
-    size_t slash = parent.rfind('/');
-    parent = slash == std::string::npos ? std::string(".") : parent.substr(0, slash);
-    if (!parent.empty() && mkdir(parent.c_str(), 0777) != 0 && errno != EEXIST) return -1;
+  // Users write beside their files: neither the ".kovaea" level nor the
+  // directory itself may be a link we follow.
+  std::string parent, leaf, top, mid;
+  if (!SplitPath(eadir, &parent, &leaf)) {
+    errno = EINVAL;
+    return -1;
   }
-  if (mkdir(eadir, 0777) != 0) {
-    if (errno != EEXIST) return -1;
-    struct stat st;
-    if (stat(eadir, &st) != 0 || !S_ISDIR(st.st_mode)) {
-      errno = ENOTDIR;
-      return -1;
-    }
+  if (parent.empty()) parent = "./";
+  parent.pop_back();
+  if (!SplitPath(parent.empty() ? "/" : parent.c_str(), &top, &mid)) {
+    top = parent.empty() ? "/" : ".";
+    mid = ".";
   }
-  return 0;
+  const int topFd = open(top.empty() ? "." : top.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (topFd < 0) return -1;
+  if ((flags & 1) && mkdirat(topFd, mid.c_str(), 0777) != 0 && errno != EEXIST) {
+    close(topFd);
+    return -1;
+  }
+  const int dirFd = openat(topFd, mid.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+  close(topFd);
+  if (dirFd < 0) return -1;
+  int result = 0;
+  struct stat st;
+  if (mkdirat(dirFd, leaf.c_str(), 0777) != 0 &&
+      (errno != EEXIST || fstatat(dirFd, leaf.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0 ||
+       !S_ISDIR(st.st_mode))) {
+    errno = ENOTDIR;
+    result = -1;
+  }
+  close(dirFd);
+  return result;
 }
 
 }  // extern "C"

@@ -90,17 +90,56 @@ std::string BaseName(const char* path) {
   return slash != nullptr ? slash + 1 : path;
 }
 
+// "/proc/self/fd/N": a file the caller holds open, not a link to resolve.
+bool IsOwnDescriptor(const char* path) {
+  static const char kSelf[] = "/proc/self/fd/";
+  if (strncmp(path, kSelf, sizeof kSelf - 1) != 0) return false;
+  const char* n = path + sizeof kSelf - 1;
+  return *n != '\0' && strspn(n, "0123456789") == strlen(n);
+}
+
+// The name the client sees: the held file's own name.
+std::string PresentedName(const char* path) {
+  if (!IsOwnDescriptor(path)) return BaseName(path);
+  char target[4096];
+  const ssize_t n = readlink(path, target, sizeof target - 1);
+  if (n <= 0) return BaseName(path);
+  std::string name = BaseName(std::string(target, static_cast<size_t>(n)).c_str());
+  static const std::string kDeleted = " (deleted)";
+  if (name.size() > kDeleted.size() && name.compare(name.size() - kDeleted.size(), kDeleted.size(), kDeleted) == 0) {
+    name.resize(name.size() - kDeleted.size());
+  }
+  return name;
+}
+
+// Whether the If-None-Match list holds `*` alone or exactly our tag (weak
+// or strong).
+bool TagMatches(const std::string& list, const std::string& etag) {
+  size_t at = 0;
+  while (at < list.size()) {
+    size_t end = list.find(',', at);
+    if (end == std::string::npos) end = list.size();
+    std::string tag = list.substr(at, end - at);
+    const size_t first = tag.find_first_not_of(" \t");
+    const size_t last = tag.find_last_not_of(" \t");
+    tag = first == std::string::npos ? std::string() : tag.substr(first, last - first + 1);
+    if (tag.compare(0, 2, "W/") == 0) tag.erase(0, 2);
+    if (tag == "*" || tag == etag) return true;
+    at = end + 1;
+  }
+  return false;
+}
+
 // Whether the client's validators match this file's.
 bool NotModified(const std::string& etag, time_t mtime) {
   if (const char* inm = getenv("HTTP_IF_NONE_MATCH")) {
-    // A weak W/"..." form of our tag contains it too. If-None-Match takes
-    // precedence over If-Modified-Since.
-    const std::string list(inm);
-    return list.find('*') != std::string::npos || list.find(etag) != std::string::npos;
+    // If-None-Match takes precedence over If-Modified-Since.
+    return TagMatches(inm, etag);
   }
   time_t since;
   if (const char* ims = getenv("HTTP_IF_MODIFIED_SINCE")) {
-    if (ParseHttpDate(ims, &since)) return mtime <= since;
+    // A date in the future is no validator.
+    if (ParseHttpDate(ims, &since) && since <= time(nullptr)) return mtime <= since;
   }
   return false;
 }
@@ -134,9 +173,24 @@ WebFileRelay::~WebFileRelay() = default;
 
 int WebFileRelay::Output(const char* path, const char* mime) {
   if (path == nullptr || *path == '\0') return SendError(404, "Not Found");
-  int fd = open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+  // Only a regular file, and never through a link (but for a descriptor the
+  // caller holds); a FIFO or device is never opened for reading.
+  const int follow = IsOwnDescriptor(path) ? 0 : O_NOFOLLOW;
+  const int probe = open(path, O_PATH | O_CLOEXEC | follow);
+  int fd = -1;
+  if (probe >= 0) {
+    struct stat pst = {};
+    if (fstat(probe, &pst) == 0 && S_ISREG(pst.st_mode)) {
+      fd = open(("/proc/self/fd/" + std::to_string(probe)).c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+    } else {
+      errno = S_ISLNK(pst.st_mode) ? ELOOP : EINVAL;
+    }
+    const int saved = errno;
+    close(probe);
+    errno = saved;
+  }
   if (fd < 0) {
-    if (errno == ENOENT || errno == ENOTDIR) return SendError(404, "Not Found");
+    if (errno == ENOENT || errno == ENOTDIR || errno == ELOOP) return SendError(404, "Not Found");
     if (errno == EACCES || errno == EPERM) return SendError(403, "Forbidden");
     return SendError(500, "Internal Server Error");
   }
@@ -157,7 +211,7 @@ int WebFileRelay::Output(const char* path, const char* mime) {
   }
   const std::string head = "Content-Type: " + SanitizeMime(mime) + "\r\nContent-Length: " +
                            std::to_string(static_cast<long long>(st.st_size)) + "\r\n" +
-                           Disposition(BaseName(path).c_str()) + validators + "\r\n";
+                           Disposition(PresentedName(path).c_str()) + validators + "\r\n";
   bool ok = Send(head);
   if (ok && !IsHead()) ok = SendBody(fd, st.st_size);
   close(fd);

@@ -1,4 +1,5 @@
 #include <stdio.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <cstdint>
@@ -27,11 +28,6 @@ bool copyStream(int out, int in) {
   }
 }
 
-std::string BaseName(const std::string& path) {
-  const size_t slash = path.rfind('/');
-  return slash == std::string::npos ? path : path.substr(slash + 1);
-}
-
 }  // namespace
 
 DcrawCmd::DcrawCmd(ThumbInfo info_, const std::string& src_, const std::string& dst_)
@@ -47,7 +43,9 @@ DcrawCmd::~DcrawCmd() {
 }
 
 void DcrawCmd::setupRawThumbPath() {
-  rawThumbPath = file::GetEATmpPath(src, BaseName(dst));
+  // Beside the output: `src` may be an open file's path, with no EA directory.
+  rawThumbPath = dst + "_" + std::to_string(static_cast<int>(getpid())) + "_" +
+                 std::to_string(static_cast<long>(time(nullptr)));
   try {
     outFile = fopen(rawThumbPath.c_str(), "wb");
     if (outFile == nullptr) throw Error(602);

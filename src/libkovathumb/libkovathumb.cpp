@@ -19,8 +19,11 @@
 #include "kovathumb/file.h"
 #include "kovathumb/thumb_const.h"
 #include "libkovathumb/run_as_root_guard.h"
+#include "libkovathumb/store_rules.h"
 #include "thumb_info/decisions.h"
+#include "util/ea_dir.h"
 #include "util/log.h"
+#include "util/safe_fs.h"
 
 namespace kovathumb {
 
@@ -36,12 +39,46 @@ constexpr int kConvertDimensionsLine = 113;
 constexpr char kCacheControl[] = "Cache-Control: max-age=300, must-revalidate\r\n";
 constexpr uint32_t kUnlimited = 2147483647;
 
+// Private directories (ours, 0700) that we make inside EA directories and
+// /var/tmp for the tools' work and for staging a file before it goes live.
+constexpr char kPrivatePrefix[] = ".kovathumb-";
+constexpr char kVarTmpTemplate[] = "/var/tmp/kovathumb_XXXXXX";
+
 std::string BaseName(const std::string& path) {
   const size_t slash = path.rfind('/');
   return slash == std::string::npos ? path : path.substr(slash + 1);
 }
 
+// Whether the open file is a whole image of a type we send as `mime`.
+bool IsStorable(int fd, const struct stat64& st, const std::string& mime) {
+  char head[internal::kProbeBytes];
+  char tail[internal::kProbeBytes];
+  const off_t tailAt = std::max<off_t>(0, st.st_size - static_cast<off_t>(sizeof tail));
+  const ssize_t h = safe_fs::ReadAt(fd, head, sizeof head, 0);
+  const ssize_t t = safe_fs::ReadAt(fd, tail, sizeof tail, tailAt);
+  if (h < 0 || t < 0) return false;
+  return internal::IsStorableImage(std::string(head, static_cast<size_t>(h)),
+                                   std::string(tail, static_cast<size_t>(t)), st.st_size, mime);
+}
+
 }  // namespace
+
+// What the current request holds open: the EA directory it looked in, the
+// output file it chose (sent and deleted through this very descriptor), and
+// the tools' private work directory.
+struct Thumb::Pinned {
+  safe_fs::Fd eaDir;
+  safe_fs::Fd output;
+  std::string outputPath;  // the output file this descriptor stands for
+  struct stat64 outputStat;
+  safe_fs::PrivateDir work;
+
+  void SetOutput(const std::string& path, safe_fs::Fd fd, const struct stat64& st) {
+    output = std::move(fd);
+    outputPath = path;
+    outputStat = st;
+  }
+};
 
 const std::map<std::string, ThumbDimension> Thumb::strThumbSizeMap_ = {
     {kSizeSmall, {120, 120}},   {kSizeMedium, {360, 360}},  {kSizeBig, {640, 640}},
@@ -60,7 +97,8 @@ Thumb::Thumb(const std::string& path, int options, bool allowHeicOriginal)
       allowHeicOriginal_(allowHeicOriginal),
       info_(path, kSizeOriginal, {kUnlimited, kUnlimited}),
       needDelete_(false),
-      batchExtracted_(false) {
+      batchExtracted_(false),
+      pinned_(new Pinned) {
   SetOption(options);
 }
 
@@ -104,6 +142,7 @@ int Thumb::OutputImpl() {
 }
 
 std::string Thumb::CalcOutputFile() {
+  pinned_.reset(new Pinned);  // what an earlier request held goes now
   if (!isVideo_) {
     // Probing again writes a new preview: drop the one an earlier request
     // on this object left unused.
@@ -147,6 +186,19 @@ std::string Thumb::CalcOutputFile(const std::string& size) {
 const std::string& Thumb::GetOutputFile() const { return outputFile_; }
 bool Thumb::IsNeedDelete() const { return needDelete_; }
 
+bool Thumb::DeleteOutputFile() {
+  Pinned& p = *pinned_;
+  if (outputFile_.empty() || outputFile_ == path_ || !p.output.valid() || p.outputPath != outputFile_) {
+    return false;
+  }
+  const std::string name = BaseName(outputFile_);
+  if (outputType_ == kThumbOutputDossivaVarTmp) {
+    return p.work.valid() && safe_fs::UnlinkIfSame(p.work.fd(), name, p.outputStat);
+  }
+  const int ea = EADir(false);
+  return ea >= 0 && safe_fs::UnlinkIfSame(ea, name, p.outputStat);
+}
+
 std::string Thumb::GetOutputType() {
   switch (outputType_) {
     case kThumbOutputPictavo: return "Pictavo";
@@ -164,14 +216,38 @@ std::string Thumb::GetOutputMimeType() { return info_.GetOutputMimeType(); }
 
 bool Thumb::Fail() {
   outputFile_.clear();
+  pinned_->output.reset();
   return false;
+}
+
+int Thumb::EADir(bool make) {
+  safe_fs::Fd& ea = pinned_->eaDir;
+  if (!ea.valid() && (!make || file::MakeEADir(path_))) ea = file::OpenEADir(path_);
+  return ea.get();
+}
+
+std::string Thumb::ToolSource() const {
+  return info_.sourceFd_ ? safe_fs::ToolPath(*info_.sourceFd_) : path_;
+}
+
+std::string Thumb::ServePath() const {
+  const Pinned& p = *pinned_;
+  if (p.output.valid() && p.outputPath == outputFile_) return safe_fs::SelfPath(p.output.get());
+  return outputFile_ == path_ ? info_.PinnedSource() : outputFile_;
 }
 
 bool Thumb::SetOutStored(const std::string& name, bool needEAPath, bool condition, int type) {
   const std::string path = file::GetEAPath(path_, name);
   if (needEAPath && path.empty()) return Fail();
-  if (!condition || !info_.IsThumbUptoDate(path)) return Fail();
+  if (path.empty() || !condition) return Fail();
+  // Anything but a regular file here (a link, FIFO, directory) is no
+  // thumbnail; the file checked is the one sent.
+  const int ea = EADir(false);
+  struct stat64 st;
+  safe_fs::Fd fd = ea < 0 ? safe_fs::Fd() : safe_fs::OpenRegularAt(ea, name, &st);
+  if (!fd.valid() || !info_.IsThumbUptoDate(safe_fs::SelfPath(fd.get()))) return Fail();
   outputFile_ = path;
+  pinned_->SetOutput(path, std::move(fd), st);
   outputType_ = type;
   return true;
 }
@@ -199,6 +275,7 @@ bool Thumb::SetOutCinevoEA() {
 
 bool Thumb::SetOutOriginalImage() {
   outputFile_ = path_;
+  pinned_->output.reset();
   return true;
 }
 
@@ -222,17 +299,38 @@ bool Thumb::SetOutFromEXIFPreview() {
       return Fail();
     }
   } else {
-    ConvertCmd convert(info_, preview, dest);
-    if (!convert.exec()) {
+    // The converter writes into our private directory; the store then
+    // stamps the result and moves it into place.
+    std::string work;
+    const bool made = PrepareWork(true, &work) && ConvertCmd(info_, preview, work).exec();
+    const bool stored = made && SaveThumbToEA(work, dest, 0);
+    pinned_->work.Remove();
+    if (!made) {
       KT_LOG("failed to rotate or convert tmp file to web accepatable img %s -> %s", preview.c_str(),
              dest.c_str());
+    }
+    if (!stored) {
       unlink(preview.c_str());
       return Fail();
     }
   }
   outputFile_ = dest;
+  pinned_->outputPath = dest;
   outputType_ = kThumbOutputDossiva;
   unlink(preview.c_str());
+  return true;
+}
+
+bool Thumb::PrepareWork(bool inEADir, std::string* work) {
+  safe_fs::PrivateDir& dir = pinned_->work;
+  if (inEADir) {
+    const int ea = EADir(true);
+    if (ea < 0 || !dir.Create(ea, kPrivatePrefix)) return false;
+    *work = dir.ToolPath(info_.GetDossivaTmpThumbEAName());
+  } else {
+    if (!dir.CreateAt(kVarTmpTemplate)) return false;
+    *work = dir.ToolPath(BaseName(file::GetVarTmpPath(info_.GetDossivaTmpThumbEAName())));
+  }
   return true;
 }
 
@@ -244,20 +342,23 @@ bool Thumb::SetOutOnline() {
   const bool good = info_.IsGood();
   const bool eaWritable = file::IsDestSupportEAWrite(file::Dirname(path_));
   std::string work;
-  if (!eaWritable) {
-    work = file::GetVarTmpPath(info_.GetDossivaTmpThumbEAName());
-  } else {
-    work = file::GetEAPath(path_, info_.GetDossivaTmpThumbEAName());
-    if (work.empty() || !file::MakeEADir(path_)) return Fail();
-  }
-  // Users can write in the EA directory: a link planted under our work
-  // file's name would make the tools write through it.
-  unlink(work.c_str());
+  if (!PrepareWork(eaWritable, &work)) return Fail();
+  // The work directory goes on every path, but for a result that is served
+  // from it: that stays until the next request.
+  struct WorkCleanup {
+    safe_fs::PrivateDir& dir;
+    bool keep;
+    ~WorkCleanup() {
+      if (!keep) dir.Remove();
+    }
+  } cleanup{pinned_->work, false};
+  // Tools read the opened source, never a name.
+  const std::string source = ToolSource();
 
   bool made = false;
   if (good) {
     if (info_.GetMimeType() == "image/jpeg") {
-      DJpegCmd djpeg(info_, path_, work);
+      DJpegCmd djpeg(info_, source, work);
       if (info_.GetFileSize() <= djpeg.GetConvertBytes()) {
         // Converting would not make it smaller than the source.
         outputType_ = kThumbOutputOriginal;
@@ -267,71 +368,117 @@ bool Thumb::SetOutOnline() {
       if (made) needDelete_ = djpeg.IsNeedDelete();
     }
     if (info_.GetOutputMimeType() == "image/gif") {
-      GIFConvertCmd gif(info_, path_, work);
+      GIFConvertCmd gif(info_, source, work);
       made = gif.exec();
     }
   }
   if (!made) {
     if (!info_.IsWebAcceptable()) {
-      DcrawCmd dcraw(info_, path_, work);
+      DcrawCmd dcraw(info_, source, work);
       made = dcraw.exec();
-      if (!made && good) made = ConvertCmd(info_, path_, work).exec();
+      if (!made && good) made = ConvertCmd(info_, source, work).exec();
     } else if (good) {
-      made = ConvertCmd(info_, path_, work).exec();
+      made = ConvertCmd(info_, source, work).exec();
     }
   }
   if (!made) return Fail();
 
   if (eaWritable) {
     if (!SaveTmpThumbToEA(work)) return Fail();
+    BoundBoxThumbs(BaseName(outputFile_));
     outputType_ = kThumbOutputDossiva;
-  } else {
-    outputFile_ = work;
-    outputType_ = kThumbOutputDossivaVarTmp;
+    return true;
   }
+  const std::string name = BaseName(work);
+  struct stat64 st;
+  safe_fs::Fd fd = safe_fs::OpenRegularAt(pinned_->work.fd(), name, &st);
+  if (!fd.valid() || !IsStorable(fd.get(), st, info_.GetOutputMimeType())) return Fail();
+  outputFile_ = pinned_->work.path() + "/" + name;
+  pinned_->SetOutput(outputFile_, std::move(fd), st);
+  outputType_ = kThumbOutputDossivaVarTmp;
+  cleanup.keep = true;
   return true;
+}
+
+// Requests for arbitrary boxes must not fill the disk: keep the newest few.
+void Thumb::BoundBoxThumbs(const std::string& kept) {
+  if (!internal::IsBoxThumbName(kept)) return;
+  const int ea = EADir(false);
+  if (ea < 0) return;
+  const std::vector<safe_fs::Entry> entries = safe_fs::ListRegular(ea);
+  std::vector<internal::StoredThumb> stored;
+  for (const safe_fs::Entry& e : entries) stored.push_back({e.name, e.size, e.changed});
+  for (const std::string& name : internal::BoxThumbsToRemove(stored, kept)) {
+    for (const safe_fs::Entry& e : entries) {
+      if (e.name != name) continue;
+      struct stat64 st;
+      st.st_dev = e.dev;
+      st.st_ino = e.ino;
+      safe_fs::UnlinkIfSame(ea, name, st);
+    }
+  }
 }
 
 // ---- Store ----------------------------------------------------------------------
 
 bool Thumb::SaveThumbToEA(const std::string& src, const std::string& dst, long mtime) {
-  if (access(src.c_str(), F_OK) != 0) {
+  struct stat64 st;
+  safe_fs::Fd in = safe_fs::OpenRegular(src, &st);
+  if (!in.valid()) {
     KT_LOG("Can not acess thumbnail '%s'\\n", src.c_str());
     return false;
   }
-  if (rename(src.c_str(), dst.c_str()) != 0) {
-    if (errno != EXDEV ||
-        KLIBCExecl("/bin/mv", 0, "/bin/mv", src.c_str(), dst.c_str(), static_cast<char*>(nullptr)) != 0) {
-      KT_LOG("Failed to move thumbnail file from '%s' to '%s'", src.c_str(), dst.c_str());
-      return false;
-    }
+  if (!IsStorable(in.get(), st, info_.GetOutputMimeType())) {
+    KT_LOG("Refused to store an empty or broken thumbnail '%s'", src.c_str());
+    return false;
   }
-  // The EA directory is writable by its users: never follow a link planted
-  // in place of the thumbnail to change another file's mode, owner or times.
-  if (fchmodat(AT_FDCWD, dst.c_str(), 0777, AT_SYMLINK_NOFOLLOW) != 0) {
-    KT_LOG("Failed to chmod '%s'", dst.c_str());
+  // The destination directory is opened without following links below the
+  // source's directory; the file is staged in a private directory there,
+  // stamped through its descriptor, then renamed into place.
+  const std::string name = BaseName(dst);
+  safe_fs::Fd dir = safe_fs::OpenDirBeneath(file::Dirname(path_), file::Dirname(dst));
+  if (!dir.valid() && errno == EXDEV) dir = safe_fs::OpenDir(file::Dirname(dst));
+  safe_fs::PrivateDir stage;
+  bool staged = dir.valid() && stage.Create(dir.get(), kPrivatePrefix);
+  if (staged && !safe_fs::RenameInto(src, stage.fd(), name)) {
+    staged = errno == EXDEV && KLIBCExecl("/bin/mv", 0, "/bin/mv", src.c_str(), stage.ToolPath(name).c_str(),
+                                          static_cast<char*>(nullptr)) == 0;
   }
+  struct stat64 now;
+  safe_fs::Fd file = staged ? safe_fs::OpenRegularAt(stage.fd(), name, &now) : safe_fs::Fd();
+  if (!file.valid()) {
+    KT_LOG("Failed to move thumbnail file from '%s' to '%s'", src.c_str(), dst.c_str());
+    return false;
+  }
+  // A copy across file systems, or a file swapped in meanwhile: judge again.
+  if ((now.st_dev != st.st_dev || now.st_ino != st.st_ino) &&
+      !IsStorable(file.get(), now, info_.GetOutputMimeType())) {
+    KT_LOG("Refused to store an empty or broken thumbnail '%s'", src.c_str());
+    return false;
+  }
+  if (fchmod(file.get(), 0777) != 0) KT_LOG("Failed to chmod '%s'", dst.c_str());
   {
     internal::RunAsRootGuard guard(kSourceFile, kChownGuardLine);
-    if (guard.Switched() && lchown(dst.c_str(), 0, 0) != 0) {
+    if (guard.Switched() && fchown(file.get(), 0, 0) != 0) {
       KT_LOG("Failed to chown '%s', %s", dst.c_str(), strerror(errno));
     }
   }
-  if (mtime == 0) {
-    struct stat st;
-    if (stat(path_.c_str(), &st) != 0) {
-      KT_LOG("Failed to get mime '%s'", path_.c_str());
-      return true;
+  // The source's time when it was probed: a source changed since gets a
+  // thumbnail that is already stale, and is made again next time.
+  if (mtime == 0) mtime = info_.fileStat_.st_mtime;
+  if (mtime != 0) {
+    internal::RunAsRootGuard guard(kSourceFile, kUtimeGuardLine);
+    const struct timespec times[2] = {{0, 0}, {mtime, 0}};
+    if (guard.Switched() && futimens(file.get(), times) != 0) {
+      KT_LOG("Failed to chown '%s', %s", dst.c_str(), strerror(errno));
     }
-    if (st.st_mtime == 0) return true;
-    mtime = st.st_mtime;
   }
-  internal::RunAsRootGuard guard(kSourceFile, kUtimeGuardLine);
-  if (!guard.Switched()) return true;
-  struct timespec times[2] = {{0, 0}, {mtime, 0}};
-  if (utimensat(AT_FDCWD, dst.c_str(), times, AT_SYMLINK_NOFOLLOW) != 0) {
-    KT_LOG("Failed to chown '%s', %s", dst.c_str(), strerror(errno));
+  if (!safe_fs::RenameAt(stage.fd(), name, dir.get(), name)) {
+    KT_LOG("Failed to move thumbnail file from '%s' to '%s'", src.c_str(), dst.c_str());
+    return false;
   }
+  fstat64(file.get(), &now);
+  pinned_->SetOutput(dst, std::move(file), now);
   return true;
 }
 
@@ -436,11 +583,14 @@ bool Thumb::HttpOutputFile(const std::string& mime) {
   WebFileRelay relay;
   if (outputType_ == kThumbOutputPictavo && (info_.GetUserRotate() & 3) != 0) {
     // Stored gallery thumbnails are upright: apply only the user's turn.
-    JpegTranCmd jpegtran(info_, outputFile_, "", true);
+    const Pinned& p = *pinned_;
+    const bool pinned = p.output.valid() && p.outputPath == outputFile_;
+    JpegTranCmd jpegtran(info_, pinned ? safe_fs::ToolPath(p.output.get()) : outputFile_, "", true);
     FILE* stream = jpegtran.popen();
     return relay.Output(stream, BaseName(outputFile_).c_str(), mime.c_str()) == 0;
   }
-  return relay.Output(outputFile_.c_str(), mime.c_str()) == 0;
+  // Through the descriptor of the file that was checked.
+  return relay.Output(ServePath().c_str(), mime.c_str()) == 0;
 }
 
 bool Thumb::OutputOriginalImage() {

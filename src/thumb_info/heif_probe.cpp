@@ -53,7 +53,7 @@ void ThumbInfo::CheckAndGetHeif() {
     return;
   }
   KovathumbHeifResult result;
-  switch (probe(path_.c_str(), &result)) {
+  switch (probe(PinnedSource().c_str(), &result)) {
     case KOVATHUMB_HEIF_ACCEPTED:
       width_ = result.width;
       height_ = result.height;

@@ -1,9 +1,11 @@
 #include "kovathumb/thumb_info.h"
 
+#include <errno.h>
+#include <fcntl.h>
 #include <string.h>
 #include <syslog.h>
 #include <sys/stat.h>
-#include <utime.h>
+#include <unistd.h>
 
 #include <exiv2/exiv2.hpp>
 #include <string>
@@ -12,6 +14,7 @@
 #include "kovathumb/file.h"
 #include "thumb_info/decisions.h"
 #include "util/log.h"
+#include "util/safe_fs.h"
 
 namespace kovathumb {
 
@@ -70,7 +73,21 @@ ThumbInfo::ThumbInfo(const std::string& path, const std::string& size, const Thu
       enableGIF_(false),
       cropMode_(false) {
   memset(&fileStat_, 0, sizeof fileStat_);
-  if (stat64(path_.c_str(), &fileStat_) != 0) throw Error(601, "Can't stat " + path_);
+  // Opened once, without following a link: every later reading (ours and
+  // the tools') is of this very file.
+  safe_fs::Fd fd = safe_fs::OpenRegular(path_, &fileStat_);
+  if (fd.valid()) {
+    sourceFd_ = std::shared_ptr<const int>(new int(fd.release()), [](const int* p) {
+      close(*p);
+      delete p;
+    });
+  } else if (errno != EACCES || !S_ISREG(fileStat_.st_mode)) {
+    throw Error(601, "Can't stat " + path_);
+  }
+}
+
+std::string ThumbInfo::PinnedSource() const {
+  return sourceFd_ ? safe_fs::SelfPath(*sourceFd_) : path_;
 }
 
 ThumbInfo::~ThumbInfo() = default;
@@ -87,7 +104,10 @@ void ThumbInfo::ExtractImgInfo(bool withPreview) {
     static const bool routed = (Exiv2::LogMsg::setHandler(ToSyslog), true);
     (void)routed;
     try {
-      auto image = Exiv2::ImageFactory::open(path_, true);  // a std::auto_ptr in Exiv2 0.27
+      if (!sourceFd_) {  // there, but not readable by us
+        throw Exiv2::Error(Exiv2::kerDataSourceOpenFailed, path_, strerror(EACCES));
+      }
+      auto image = Exiv2::ImageFactory::open(PinnedSource(), true);  // a std::auto_ptr in Exiv2 0.27
       if (IsVideoContainer(*image)) {
         throw Exiv2::Error(Exiv2::kerFileContainsUnknownImageType, path_);
       }
@@ -180,15 +200,14 @@ bool ThumbInfo::IsWebAcceptable() const {
 
 bool ThumbInfo::IsThumbUptoDate(const std::string& thumbPath) const {
   struct stat64 st;
-  if (stat64(thumbPath.c_str(), &st) != 0) return false;
+  // Only a regular, non-empty file counts: never a link, FIFO or directory.
+  if (!safe_fs::StatNoFollow(thumbPath, &st) || !S_ISREG(st.st_mode) || st.st_size <= 0) return false;
   return fileStat_.st_mtime <= st.st_mtime;
 }
 
 int ThumbInfo::UpdateAMTime(const std::string& file) const {
-  struct utimbuf times;
-  times.actime = fileStat_.st_atime;
-  times.modtime = fileStat_.st_mtime;
-  return utime(file.c_str(), &times);
+  const struct timespec times[2] = {{fileStat_.st_atime, 0}, {fileStat_.st_mtime, 0}};
+  return utimensat(AT_FDCWD, file.c_str(), times, AT_SYMLINK_NOFOLLOW);
 }
 
 }  // namespace kovathumb

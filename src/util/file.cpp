@@ -10,7 +10,9 @@
 #include <string>
 
 #include "kovaplatform/kovaplatform.h"
+#include "util/ea_dir.h"
 #include "util/log.h"
+#include "util/safe_fs.h"
 
 namespace kovathumb {
 namespace file {
@@ -35,12 +37,19 @@ std::string GetEAPath(const std::string& path, const std::string& name) {
   return std::string(buf);
 }
 
+safe_fs::Fd OpenEADir(const std::string& path) {
+  char eadir[kPathMax];
+  if (KOVAEADirPath(0, path.c_str(), eadir, sizeof eadir) != 0) return safe_fs::Fd();
+  return safe_fs::OpenDirBeneath(Dirname(path), eadir);
+}
+
 bool MakeEADir(const std::string& path) {
   char eadir[kPathMax];
   if (KOVAEADirPath(0, path.c_str(), eadir, sizeof eadir) != 0) return false;
-  struct stat st;
-  if (stat(eadir, &st) == 0 && S_ISDIR(st.st_mode)) return true;
-  return KOVAEAMKDir(1, eadir) == 0;
+  // Users may plant a link or a file where the directory belongs: checked
+  // and made without following any.
+  if (safe_fs::OpenDirBeneath(Dirname(path), eadir).valid()) return true;
+  return KOVAEAMKDir(1, eadir) == 0 && safe_fs::OpenDirBeneath(Dirname(path), eadir).valid();
 }
 
 bool IsDestSupportEAWrite(const std::string& path) {

@@ -116,10 +116,10 @@ TEST_F(ToolsTest, RawPreviewExtractedByDcraw) {
   ThumbInfo info = Probe(raw, "big", {640, 640});
   EXPECT_FALSE(info.IsWebAcceptable());
   DcrawCmd cmd(info, raw, dst);
-  EXPECT_EQ(test::ListDir(eadir).size(), 1u);  // the extracted preview
+  EXPECT_EQ(test::ListDir(dir_.path(), "thumb.jpg_").size(), 1u);  // the extracted preview
   ASSERT_TRUE(cmd.exec());
   EXPECT_GT(ImageSize(dst).first, 0u);
-  EXPECT_TRUE(test::ListDir(eadir).empty());
+  EXPECT_TRUE(test::ListDir(dir_.path(), "thumb.jpg_").empty());
 
   const std::string bare = dir_ / "bare.dng";
   test::WriteFile(bare, test::MakeDng(256, 192, "", 0, 0));

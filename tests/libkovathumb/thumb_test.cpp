@@ -197,24 +197,26 @@ TEST_F(ThumbTest, UnwritableEADirectoryLeavesResultInVarTmp) {
   fake::State().fs_type = 12;
   Thumb thumb(src_, 0, false);
   const std::string out = thumb.CalcOutputFile("small");
-  EXPECT_EQ(out.compare(0, 36, "/var/tmp/kovathumb_KOVAFILETMP_THUMB"), 0) << out;
+  EXPECT_EQ(out.compare(0, 19, "/var/tmp/kovathumb_"), 0) << out;
+  EXPECT_NE(out.find("/kovathumb_KOVAFILETMP_THUMB"), std::string::npos) << out;
   EXPECT_EQ(thumb.GetOutputType(), "DossivaVarTmp");
   EXPECT_GT(ImageSize(out).first, 0u);
   EXPECT_FALSE(test::Exists(ea_));
-  unlink(out.c_str());
 }
 
 TEST_F(ThumbTest, MoveAcrossFileSystemsFallsBackToMv) {
   test::WriteFile(src_, "source");
-  const std::string shm = "/dev/shm/kovathumb_test_mv_" + std::to_string(getpid());
-  test::WriteFile(shm, "thumb");
+  const std::string shm = "/dev/shm/kovathumb_test_mv_" + std::to_string(getpid()) + ".jpg";
+  test::MakeImage(shm, 8, 8);
+  const std::string thumbData = test::ReadFile(shm);
   Thumb thumb(src_, 0, false);
   ASSERT_TRUE(thumb.SaveThumbToEA(shm, dir_ / "stored.jpg", 1234));
   EXPECT_FALSE(test::Exists(shm));
-  EXPECT_EQ(test::ReadFile(dir_ / "stored.jpg"), "thumb");
-  ASSERT_EQ(fake::State().exec_calls.size(), 1u);
-  EXPECT_EQ(fake::State().exec_calls[0],
-            (std::vector<std::string>{"/bin/mv", "/bin/mv", shm, dir_ / "stored.jpg"}));
+  EXPECT_EQ(test::ReadFile(dir_ / "stored.jpg"), thumbData);
+  ASSERT_EQ(fake::State().exec_calls.size(), 1u);  // into a private directory beside the destination
+  const std::vector<std::string> mv = fake::State().exec_calls[0];
+  EXPECT_EQ(std::vector<std::string>(mv.begin(), mv.begin() + 3), (std::vector<std::string>{"/bin/mv", "/bin/mv", shm}));
+  EXPECT_EQ(mv[3].compare(mv[3].size() - 11, 11, "/stored.jpg"), 0) << mv[3];
   struct stat st;
   stat((dir_ / "stored.jpg").c_str(), &st);
   EXPECT_EQ(st.st_mtime, 1234);
@@ -231,7 +233,7 @@ TEST_F(ThumbTest, StoringWithoutRootLogsTheGuardAndKeepsTheFile) {
   if (pid == 0) {
     if (setresgid(65534, 65534, 65534) != 0 || setresuid(65534, 65534, 65534) != 0) _exit(90);
     LogCapture log;
-    test::WriteFile(dir_ / "tmp.jpg", "thumb");
+    test::MakeImage(dir_ / "tmp.jpg", 8, 8);
     Thumb thumb(src_, 0, false);
     if (!thumb.SaveThumbToEA(dir_ / "tmp.jpg", dir_ / "stored.jpg", 0)) _exit(1);
     if (log.Count("libkovathumb.cpp:489 ERROR: IF_RUN_AS2(\"root\")") != 1) _exit(2);

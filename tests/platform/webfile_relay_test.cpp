@@ -1,9 +1,14 @@
 #include "kovaplatform/webfile_relay.h"
 
+#include <fcntl.h>
 #include <stdlib.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <gtest/gtest.h>
+
+#include <utility>
+#include <vector>
 
 #include "support/response.h"
 #include "support/test_util.h"
@@ -54,7 +59,17 @@ TEST_F(RelayTest, FileWithHeadersValidatorsAndBody) {
   EXPECT_EQ(Send(file_).firstLine, "Status: 304 Not Modified");
   setenv("HTTP_IF_MODIFIED_SINCE", "Thu, 01 Jan 1970 00:00:00 GMT", 1);
   EXPECT_EQ(Send(file_).body, "JPEGDATA");
+  setenv("HTTP_IF_MODIFIED_SINCE", "Fri, 01 Jan 2100 00:00:00 GMT", 1);  // the future is no date
+  EXPECT_EQ(Send(file_).body, "JPEGDATA");
   unsetenv("HTTP_IF_MODIFIED_SINCE");
+  // Only `*` alone or our exact tag (weak or not) matches.
+  const std::string etag = r.headers["ETag"];
+  for (const auto& c : std::vector<std::pair<std::string, bool>>{
+           {"*", true}, {"\"x\", W/" + etag, true}, {"\"abc*def\"", false}, {"\"x" + etag.substr(1), false}}) {
+    setenv("HTTP_IF_NONE_MATCH", c.first.c_str(), 1);
+    EXPECT_EQ(Send(file_).body.empty(), c.second) << c.first;
+  }
+  unsetenv("HTTP_IF_NONE_MATCH");
 
   setenv("REQUEST_METHOD", "HEAD", 1);
   test::Response head = Send(file_);
@@ -69,6 +84,17 @@ TEST_F(RelayTest, FailuresEndTheHeaderBlockWithAStatus) {
   EXPECT_EQ(missing.firstLine, "Status: 404 Not Found");
   EXPECT_EQ(Send(dir_.path()).firstLine, "Status: 500 Internal Server Error");  // a directory
   EXPECT_NE(result_, 0);
+  // Never through a link, never a FIFO (which would block); a file we hold
+  // open goes out under its own name.
+  ASSERT_EQ(symlink(file_.c_str(), (dir_ / "link.jpg").c_str()), 0);
+  EXPECT_EQ(Send(dir_ / "link.jpg").firstLine, "Status: 404 Not Found");
+  ASSERT_EQ(mkfifo((dir_ / "fifo.jpg").c_str(), 0666), 0);
+  EXPECT_EQ(Send(dir_ / "fifo.jpg").firstLine, "Status: 500 Internal Server Error");
+  const int fd = open(file_.c_str(), O_RDONLY);
+  test::Response held = Send("/proc/self/fd/" + std::to_string(fd));
+  close(fd);
+  EXPECT_EQ(held.body, "JPEGDATA");
+  EXPECT_EQ(held.headers["Content-Disposition"].find("filename=\"a _quoted_ name.jpg\""), 8u);
 
   test::Response null = ParseResponse(
       CaptureStdout([&] { result_ = WebFileRelay().Output(static_cast<FILE*>(nullptr), "x.jpg", "image/jpeg"); }));

@@ -10,10 +10,10 @@
 namespace kovathumb {
 
 struct ThumbInfoTestAccess {
-  // A record of `path` (an existing file, /dev/null by default).
+  // A record of `path` (an existing regular file, /etc/passwd by default).
   static ThumbInfo Make(const std::string& mime, unsigned w, unsigned h, int rotate,
                         const std::string& size, ThumbDimension box,
-                        const std::string& path = "/dev/null") {
+                        const std::string& path = "/etc/passwd") {
     ThumbInfo info(path, size, box);
     info.mimeType_ = mime;
     info.width_ = w;

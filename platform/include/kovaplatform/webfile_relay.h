@@ -6,8 +6,9 @@
 // Each failure still ends the header block, with a "Status:" line of the
 // right error and a short text body, so the web server never sees half a
 // header. File bodies carry Last-Modified and an ETag (size and modification
-// time), and a request whose If-None-Match or If-Modified-Since (from the CGI
-// environment) matches gets "304 Not Modified" without a body. A HEAD
+// time), and a request whose If-None-Match (`*` or our exact tag) or
+// If-Modified-Since (not in the future) from the CGI environment matches
+// gets "304 Not Modified" without a body. A HEAD
 // request gets the headers only.
 //
 // Objects hold no state; use one per response. Output writes through
@@ -32,8 +33,10 @@ class KOVAPLATFORM_EXPORT WebFileRelay {
   int Output(FILE* stream, const char* name, const char* mime);
 
   // Sends the file at `path` (without copying it through user space where
-  // the kernel allows). Missing: 404; unreadable: 403; not a regular file or
-  // any other failure: 500. Returns 0 when the response (a body or a 304)
+  // the kernel allows). Only a regular file is opened, never through a link
+  // in its last component ("/proc/self/fd/N", a file the caller holds, is
+  // sent as that file, under its own name). Missing or a link: 404;
+  // unreadable: 403; not a regular file or any other failure: 500. Returns 0 when the response (a body or a 304)
   // was sent.
   int Output(const char* path, const char* mime);
 };

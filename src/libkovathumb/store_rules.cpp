@@ -1,0 +1,81 @@
+#include "libkovathumb/store_rules.h"
+
+#include <algorithm>
+#include <cctype>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace kovathumb {
+namespace internal {
+
+namespace {
+
+bool StartsWith(const std::string& s, const char* prefix) {
+  return s.compare(0, std::char_traits<char>::length(prefix), prefix) == 0;
+}
+
+// A JPEG ends with its EOI marker; some writers pad after it.
+bool JpegEnds(std::string tail) {
+  while (!tail.empty() && (tail.back() == '\0' || tail.back() == '\xff')) tail.pop_back();
+  return tail.size() >= 1 && tail.back() == '\xd9' &&
+         (tail.size() >= 2 ? tail[tail.size() - 2] == '\xff' : true);
+}
+
+uint32_t Le32(const std::string& s, size_t at) {
+  uint32_t v = 0;
+  for (size_t i = 0; i < 4; ++i) v |= static_cast<uint32_t>(static_cast<unsigned char>(s[at + i])) << (8 * i);
+  return v;
+}
+
+}  // namespace
+
+bool IsStorableImage(const std::string& head, const std::string& tail, off_t size,
+                     const std::string& outputMime) {
+  if (size <= 0 || head.size() < 8) return false;
+  const bool jpegOut = outputMime != "image/png" && outputMime != "image/gif";
+  if (StartsWith(head, "\xff\xd8\xff")) return jpegOut && JpegEnds(tail);
+  if (StartsWith(head, "BM") && head.size() >= 6) {
+    return jpegOut && Le32(head, 2) <= static_cast<uint64_t>(size);
+  }
+  if (StartsWith(head, "\x89PNG\r\n\x1a\n")) {
+    return outputMime == "image/png" && tail.size() >= 8 && tail.compare(tail.size() - 8, 4, "IEND") == 0;
+  }
+  if (StartsWith(head, "GIF87a") || StartsWith(head, "GIF89a")) {
+    return outputMime == "image/gif" && !tail.empty() && tail.back() == ';';
+  }
+  return false;
+}
+
+bool IsBoxThumbName(const std::string& name) {
+  if (StartsWith(name, "KOVAAVATAR_")) return true;
+  static const std::string kFile = "KOVAFILE_THUMB_";
+  if (!StartsWith(name, kFile.c_str())) return false;
+  size_t i = kFile.size();
+  const size_t w = i;
+  while (i < name.size() && isdigit(static_cast<unsigned char>(name[i]))) ++i;
+  if (i == w || i >= name.size() || name[i] != 'x') return false;
+  return i + 1 < name.size() && isdigit(static_cast<unsigned char>(name[i + 1]));
+}
+
+std::vector<std::string> BoxThumbsToRemove(std::vector<StoredThumb> stored, const std::string& keep) {
+  stored.erase(std::remove_if(stored.begin(), stored.end(),
+                              [](const StoredThumb& t) { return !IsBoxThumbName(t.name); }),
+               stored.end());
+  // Newest first; the one just stored before all.
+  std::sort(stored.begin(), stored.end(), [&](const StoredThumb& a, const StoredThumb& b) {
+    if ((a.name == keep) != (b.name == keep)) return a.name == keep;
+    if (a.changed.tv_sec != b.changed.tv_sec) return a.changed.tv_sec > b.changed.tv_sec;
+    return a.changed.tv_nsec > b.changed.tv_nsec;
+  });
+  std::vector<std::string> remove;
+  off_t bytes = 0;
+  for (size_t i = 0; i < stored.size(); ++i) {
+    bytes += stored[i].size;
+    if (i > 0 && (i >= kMaxBoxThumbs || bytes > kMaxBoxThumbBytes)) remove.push_back(stored[i].name);
+  }
+  return remove;
+}
+
+}  // namespace internal
+}  // namespace kovathumb
