@@ -37,8 +37,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   kovathumb::cgi::Request request;
   std::string error;
   if (!kovathumb::cgi::ParseRequest(query, &request, &error) || request.list) return 0;
-  std::string resolved;
-  const int status = kovathumb::cgi::Resolve(tree.root, request.path, &resolved);
+  kovathumb::tool::PinnedFile pinned;
+  const int status = kovathumb::cgi::Resolve(tree.root, request.path, &pinned);
+  const std::string resolved = status == 200 ? kovathumb::tool::RealPath(pinned.Path()) : std::string();
   if (status == 200 && (!kovathumb::tool::Inside(resolved, tree.root) ||
                         resolved.find("/.kovaea/") != std::string::npos ||
                         resolved.find("outside") != std::string::npos)) {

@@ -5,6 +5,12 @@
 #
 #   scripts/demo.sh [PORT]   start (default port 8080; 0 picks a free one)
 #   scripts/demo.sh stop     stop the web server
+#
+# The web server and kovathumb-cgi run as the user who starts the demo. As
+# root (the appliance's way) thumbnails are stored root-owned in the EA
+# directories; the CGI follows no link in the served tree, so users who write
+# there cannot make root read or write outside it. serve.sh prints which
+# user that is when it starts.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 if [ "${1:-}" = stop ]; then

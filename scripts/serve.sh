@@ -8,6 +8,13 @@
 #
 # State (configuration, pid, error log) lives in $SERVE_DIR (build/lighttpd).
 # Prints the gallery's address on start.
+#
+# lighttpd, and so kovathumb-cgi, runs as the user who starts this script:
+# on the appliance that is root, because the CGI stores root-owned
+# thumbnails into the EA directories of folders that users own. That is safe
+# because the CGI opens every request's path beneath the root without
+# following any link and reads only the file it checked (the library follows
+# no link inside EA directories either); see docs/RELIABILITY.md.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 top=$PWD
@@ -57,6 +64,7 @@ CONF
     lighttpd -t -f "$state/lighttpd.conf" >/dev/null
     lighttpd -f "$state/lighttpd.conf"
     for _ in $(seq 1 50); do (exec 3<>/dev/tcp/127.0.0.1/$port) 2>/dev/null && break; sleep 0.1; done
+    echo "kovathumb-cgi runs as $(id -un): it stores thumbnails as that user (root on the appliance); it follows no link in the tree, so that is safe" >&2
     echo "http://127.0.0.1:$port/"
     ;;
   stop) stop ;;

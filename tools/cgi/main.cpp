@@ -5,20 +5,21 @@
 //   GET ?list=1               the photos and videos under the root, as JSON
 //
 // REL is resolved under the directory named by KOVATHUMB_ROOT, which the web
-// server's configuration sets. Every answer is a complete CGI response.
+// server's configuration sets, without following any link: we run as root
+// over folders that anyone may fill with links. Every request ends with a
+// complete CGI response unless the client leaves first.
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/stat.h>
 #include <syslog.h>
-#include <unistd.h>
 
 #include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
 
 #include "cgi/request.h"
+#include "common/send.h"
 #include "common/tree.h"
 #include "kovathumb/error.h"
 #include "kovathumb/file.h"
@@ -67,17 +68,15 @@ const char* TypeOf(const std::string& path) {
 }
 
 int List(const std::string& realRoot) {
-  std::vector<std::string> files;
-  tool::WalkTree(realRoot, realRoot, &files);
+  std::vector<tool::TreeFile> files;
+  tool::WalkTree(realRoot, &files);
   nlohmann::json list = nlohmann::json::array();
-  for (const std::string& f : files) {
-    struct stat st;
-    if (stat(f.c_str(), &st) != 0) continue;
-    list.push_back({{"path", f.substr(realRoot.size() + 1)},
-                    {"type", TypeOf(f)},
-                    {"video", IsSupportVideo(f)},
-                    {"size", static_cast<long long>(st.st_size)},
-                    {"mtime", static_cast<long long>(st.st_mtime)}});
+  for (const tool::TreeFile& f : files) {
+    list.push_back({{"path", f.rel},
+                    {"type", TypeOf(f.rel)},
+                    {"video", IsSupportVideo(f.rel)},
+                    {"size", static_cast<long long>(f.size)},
+                    {"mtime", static_cast<long long>(f.mtime)}});
   }
   const std::string body =
       nlohmann::json{{"files", list}}.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) + "\n";
@@ -90,18 +89,14 @@ int List(const std::string& realRoot) {
 int Serve(const Request& req, const std::string& path) {
   Thumb thumb(path, req.options, false);
   thumb.Rotate(req.rotate);
-  int sent;
-  if (!req.size.empty() && req.fallback) {
-    sent = !thumb.CalcOutputFile(req.size).empty() && thumb.HttpOutputFile(thumb.GetOutputMimeType());
-  } else if (!req.size.empty()) {
-    sent = thumb.Output(req.size);
-  } else {
-    sent = thumb.Output(static_cast<int>(req.width), static_cast<int>(req.height));
-  }
-  fflush(stdout);
+  tool::Wanted wanted;
+  wanted.size = req.size;
+  wanted.width = static_cast<int>(req.width);
+  wanted.height = static_cast<int>(req.height);
+  wanted.fallback = req.fallback;
+  tool::SendThumbnail(thumb, wanted, true);
   // With an output file chosen, the response (perhaps an error one) is out.
   if (thumb.GetOutputFile().empty()) return Answer(404, "no thumbnail for this file");
-  if (sent && thumb.IsNeedDelete()) unlink(thumb.GetOutputFile().c_str());
   return 0;
 }
 
@@ -124,17 +119,17 @@ int Main() {
   if (!ParseRequest(query, &req, &error)) return Answer(400, error);
   if (req.list) return List(realRoot);
 
-  std::string path;
-  const int status = Resolve(realRoot, req.path, &path);
+  tool::PinnedFile pinned;
+  const int status = Resolve(realRoot, req.path, &pinned);
   if (status != 200) return Answer(status, status == 404 ? "no such file" : "refused");
-  if (!IsSupportImage(path) && !IsSupportVideo(path)) return Answer(400, "not a photo or video");
+  if (!IsSupportImage(req.path) && !IsSupportVideo(req.path)) return Answer(400, "not a photo or video");
   try {
-    return Serve(req, path);
+    return Serve(req, pinned.Path());
   } catch (const Error& e) {
-    syslog(LOG_ERR, "kovathumb-cgi: %s: %s", path.c_str(), e.what());
+    syslog(LOG_ERR, "kovathumb-cgi: %s: %s", req.path.c_str(), pinned.Unpinned(e.what(), req.path).c_str());
     return Answer(e.Code() == 603 ? 403 : 500, "cannot read this file");
   } catch (const std::exception& e) {
-    syslog(LOG_ERR, "kovathumb-cgi: %s: %s", path.c_str(), e.what());
+    syslog(LOG_ERR, "kovathumb-cgi: %s: %s", req.path.c_str(), e.what());
     return Answer(500, "internal error");
   }
 }

@@ -1,13 +1,11 @@
 #include "cgi/request.h"
 
 #include <errno.h>
-#include <sys/stat.h>
 
 #include <cctype>
 #include <cstdlib>
 #include <set>
 
-#include "common/tree.h"
 #include "kovathumb/thumb.h"
 
 namespace kovathumb {
@@ -143,26 +141,13 @@ bool ParseRequest(const std::string& query, Request* r, std::string* error) {
   return true;
 }
 
-int Resolve(const std::string& realRoot, const std::string& rel, std::string* resolved) {
+int Resolve(const std::string& root, const std::string& rel, tool::PinnedFile* pinned) {
   if (rel.empty() || rel[0] == '/') return 400;
-  // Refuse climbing and EA directories by name, before any look-up.
-  size_t at = 0;
-  while (at <= rel.size()) {
-    size_t slash = rel.find('/', at);
-    if (slash == std::string::npos) slash = rel.size();
-    const std::string part = rel.substr(at, slash - at);
-    if (part == ".." || part == ".kovaea") return 403;
-    at = slash + 1;
+  switch (tool::PinBeneath(root, rel, pinned)) {
+    case 0: return 200;
+    case EXDEV: case EPERM: case ELOOP: case EACCES: return 403;
+    default: return 404;
   }
-  const std::string candidate = realRoot + "/" + rel;
-  struct stat st;
-  if (lstat(candidate.c_str(), &st) != 0) return errno == EACCES ? 403 : 404;
-  const std::string real = tool::RealPath(candidate);
-  if (real.empty()) return 404;
-  if (!tool::Inside(real, realRoot)) return 403;
-  if (stat(real.c_str(), &st) != 0 || !S_ISREG(st.st_mode)) return 404;
-  *resolved = real;
-  return 200;
 }
 
 }  // namespace cgi

@@ -6,6 +6,8 @@
 #include <map>
 #include <string>
 
+#include "common/pin.h"
+
 namespace kovathumb {
 namespace cgi {
 
@@ -34,11 +36,11 @@ bool ParseQuery(const std::string& query, std::map<std::string, std::string>* pa
 // malformed query, an unknown key or value, or a missing path or size.
 bool ParseRequest(const std::string& query, Request* request, std::string* error);
 
-// HTTP status of confining `rel` to the canonical `realRoot`: 200 with
-// `resolved` set; 400 (absolute, empty), 403 (leaves the root, an EA
-// directory, a link out) or 404 (missing, not a regular file). No check of
-// the file's type.
-int Resolve(const std::string& realRoot, const std::string& rel, std::string* resolved);
+// HTTP status of confining `rel` to the trusted directory `root`: 200 with
+// `pinned` holding the file; 400 (absolute, empty), 403 (leaves the root, an
+// EA directory, a link anywhere on the way, in the tree or not) or 404
+// (missing, not a regular file). No check of the file's type.
+int Resolve(const std::string& root, const std::string& rel, tool::PinnedFile* pinned);
 
 }  // namespace cgi
 }  // namespace kovathumb

@@ -1,20 +1,50 @@
 #include "common/tree.h"
 
 #include <dirent.h>
+#include <fcntl.h>
 #include <limits.h>
 #include <stdlib.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 
+#include "common/pin.h"
 #include "kovathumb/file.h"
 
 namespace kovathumb {
 namespace tool {
 
 namespace {
-constexpr char kEADirName[] = ".kovaea";
+
+// Takes `fd`, a directory opened without following a link.
+void Walk(int fd, const std::string& prefix, std::vector<TreeFile>* files) {
+  DIR* d = fdopendir(fd);
+  if (d == nullptr) {
+    close(fd);
+    return;
+  }
+  std::vector<std::string> names;
+  while (struct dirent* e = readdir(d)) {
+    const std::string name = e->d_name;
+    if (name != "." && name != ".." && !IsEADirName(name)) names.push_back(name);
+  }
+  std::sort(names.begin(), names.end());
+  for (const std::string& name : names) {
+    struct stat st;
+    if (fstatat(dirfd(d), name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) continue;
+    if (S_ISDIR(st.st_mode)) {
+      // Swapped for a link since the look-up: O_NOFOLLOW refuses it.
+      const int sub = openat(dirfd(d), name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+      if (sub >= 0) Walk(sub, prefix + name + "/", files);
+    } else if (S_ISREG(st.st_mode) && (IsSupportImage(name) || IsSupportVideo(name))) {
+      files->push_back(TreeFile{prefix + name, st.st_size, st.st_mtime});
+    }
+  }
+  closedir(d);
 }
+
+}  // namespace
 
 std::string RealPath(const std::string& path) {
   char buf[PATH_MAX];
@@ -27,29 +57,9 @@ bool Inside(const std::string& path, const std::string& root) {
   return path == root || (path.compare(0, root.size(), root) == 0 && path[root.size()] == '/');
 }
 
-void WalkTree(const std::string& dir, const std::string& realRoot, std::vector<std::string>* files) {
-  DIR* d = opendir(dir.c_str());
-  if (d == nullptr) return;
-  std::vector<std::string> names;
-  while (struct dirent* e = readdir(d)) {
-    const std::string name = e->d_name;
-    if (name != "." && name != ".." && name != kEADirName) names.push_back(name);
-  }
-  closedir(d);
-  std::sort(names.begin(), names.end());
-  for (const std::string& name : names) {
-    const std::string path = dir + "/" + name;
-    struct stat st;
-    if (lstat(path.c_str(), &st) != 0) continue;
-    if (S_ISLNK(st.st_mode)) {
-      if (!Inside(RealPath(path), realRoot) || stat(path.c_str(), &st) != 0 || !S_ISREG(st.st_mode)) continue;
-    }
-    if (S_ISDIR(st.st_mode)) {
-      WalkTree(path, realRoot, files);
-    } else if (S_ISREG(st.st_mode) && (IsSupportImage(name) || IsSupportVideo(name))) {
-      files->push_back(path);
-    }
-  }
+void WalkTree(const std::string& root, std::vector<TreeFile>* files) {
+  const int fd = open(root.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (fd >= 0) Walk(fd, std::string(), files);
 }
 
 }  // namespace tool

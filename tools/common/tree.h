@@ -1,7 +1,8 @@
-// Finding the photos and videos under a directory tree, and telling whether
-// a path lies inside one.
+// Finding the photos and videos under a directory tree.
 #ifndef KOVATHUMB_TOOLS_COMMON_TREE_H_
 #define KOVATHUMB_TOOLS_COMMON_TREE_H_
+
+#include <sys/types.h>
 
 #include <string>
 #include <vector>
@@ -14,11 +15,16 @@ std::string RealPath(const std::string& path);
 // Whether `path` is `root` or below it (both canonical).
 bool Inside(const std::string& path, const std::string& root);
 
-// Supported photos and videos under `dir` (paths as `dir` + "/" + ...), in
-// name order, never inside EA directories. A symbolic link counts only when
-// it resolves to a file inside `realRoot`; linked directories are not
-// entered, so there are no loops and no file twice.
-void WalkTree(const std::string& dir, const std::string& realRoot, std::vector<std::string>* files);
+struct TreeFile {
+  std::string rel;  // relative to the walked directory
+  off_t size;
+  time_t mtime;
+};
+
+// Supported photos and videos beneath the trusted directory `root`, in name
+// order. Links are never followed, nor EA directories entered: anyone may
+// plant either, and nothing outside the tree is ever listed.
+void WalkTree(const std::string& root, std::vector<TreeFile>* files);
 
 }  // namespace tool
 }  // namespace kovathumb

@@ -1,12 +1,15 @@
 // kovathumb get: answers one thumbnail request; standard output carries the
 // CGI response.
-#include <unistd.h>
+#include <errno.h>
 
 #include <cstdio>
+#include <cstring>
 #include <iostream>
 #include <memory>
 
 #include "common.h"
+#include "common/pin.h"
+#include "common/send.h"
 #include "kovathumb/error.h"
 #include "kovathumb/thumb.h"
 
@@ -34,22 +37,26 @@ int RunGet(const GetArgs& args) {
                       edge > 0 && edge <= 2147483647UL;
   if (!named && !isBox && !isEdge) throw CLI::ValidationError("SIZE", "unknown size " + args.size);
 
-  Thumb thumb(args.file, args.options.Bits(), args.allowHeicOriginal);
-  thumb.Rotate(args.rotate);
-  bool sent;
-  if (named && args.options.fallback) {
-    // Output never falls back; the fallback overload chooses, then we send.
-    sent = !thumb.CalcOutputFile(args.size).empty() && thumb.HttpOutputFile(thumb.GetOutputMimeType());
-  } else if (named) {
-    sent = thumb.Output(args.size) != 0;
-  } else if (isBox) {
-    sent = thumb.Output(static_cast<int>(box.width), static_cast<int>(box.height)) != 0;
-  } else {
-    sent = thumb.Output(static_cast<int>(edge)) != 0;
+  PinnedFile pinned;
+  const int err = PinGiven(args.file, &pinned);
+  if (err != 0) {
+    std::cerr << "kovathumb: " << args.file << ": "
+              << (err == ELOOP ? "a symbolic link: refused" : std::strerror(err)) << std::endl;
+    return kExitFailed;
   }
-  std::fflush(stdout);
-  if (args.deleteIfNeeded && thumb.IsNeedDelete() && !thumb.GetOutputFile().empty()) {
-    unlink(thumb.GetOutputFile().c_str());
+  Wanted wanted;
+  wanted.size = named ? args.size : std::string();
+  wanted.width = static_cast<int>(box.width);
+  wanted.height = static_cast<int>(box.height);
+  wanted.edge = isEdge ? static_cast<int>(edge) : 0;
+  wanted.fallback = args.options.fallback;
+  bool sent;
+  try {
+    Thumb thumb(pinned.Path(), args.options.Bits(), args.allowHeicOriginal);
+    thumb.Rotate(args.rotate);
+    sent = SendThumbnail(thumb, wanted, args.deleteIfNeeded);
+  } catch (const Error& e) {
+    throw Error(e.Code(), pinned.Unpinned(e.what(), args.file));
   }
   if (!sent) std::cerr << "kovathumb: no thumbnail sent for " << args.file << std::endl;
   return sent ? kExitOk : kExitFailed;

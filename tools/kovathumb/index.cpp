@@ -24,6 +24,7 @@
 #include <memory>
 
 #include "common.h"
+#include "common/pin.h"
 #include "common/tree.h"
 #include "kovaplatform/kovaplatform.h"
 #include "kovathumb/error.h"
@@ -81,6 +82,8 @@ void MakeSize(const std::string& path, const std::string& size, Outcome* out) {
 }
 
 // The video application's screenshot: one frame, stored like a thumbnail.
+// ffmpeg reads the very file we opened and writes into a directory only we
+// can write, so no name in the tree can redirect either.
 void MakeScreenshot(const std::string& path, Outcome* out) {
   if (access(kFfmpeg, X_OK) != 0) {
     out->skipped = true;
@@ -93,27 +96,46 @@ void MakeScreenshot(const std::string& path, Outcome* out) {
     ++out->upToDate;
     return;
   }
-  const std::string tmp = file::GetEATmpPath(path, name) + ".jpg";
-  if (dst.empty() || tmp.size() <= 4 || !file::MakeEADir(path)) {
+  const int src = open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+  struct stat st;
+  if (src < 0 || fstat(src, &st) != 0 || !S_ISREG(st.st_mode) || dst.empty() || !file::MakeEADir(path)) {
+    if (src >= 0) close(src);
     ++out->failed;
     return;
   }
-  const char* argv[] = {kFfmpeg, "-nostdin", "-v", "error", "-y", "-i", path.c_str(),
+  char work[] = "/var/tmp/kovathumb_shot_XXXXXX";
+  if (mkdtemp(work) == nullptr) {
+    close(src);
+    ++out->failed;
+    return;
+  }
+  const std::string input = "/proc/" + std::to_string(getpid()) + "/fd/" + std::to_string(src);
+  const std::string tmp = std::string(work) + "/" + name + ".jpg";
+  const char* argv[] = {kFfmpeg, "-nostdin", "-v", "error", "-y", "-i", input.c_str(),
                         "-vf", "thumbnail=25,scale='min(1280,iw)':-2", "-frames:v", "1",
                         "-q:v", "3", tmp.c_str(), nullptr};
   Thumb thumb(path, 0, false);
-  struct stat st;
   if (KLIBCExecv(kFfmpeg, argv, 1) == 0 && stat(tmp.c_str(), &st) == 0 && st.st_size > 0 &&
       thumb.SaveThumbToEA(tmp, dst, 0)) {
     ++out->made;
   } else {
     ++out->failed;
   }
+  close(src);
   unlink(tmp.c_str());
+  rmdir(work);
 }
 
-Outcome WorkOn(const std::string& path, const std::vector<std::string>& sizes) {
+// Works on `rel` beneath `root`, through its pinned directory.
+Outcome WorkOn(const std::string& root, const std::string& rel, const std::vector<std::string>& sizes) {
   Outcome out;
+  PinnedFile pinned;
+  if (const int err = PinBeneath(root, rel, &pinned)) {
+    out.error = err == ELOOP ? "a symbolic link: refused" : strerror(err);
+    out.failed = 1;
+    return out;
+  }
+  const std::string path = pinned.Path();
   try {
     if (IsSupportVideo(path)) {
       MakeScreenshot(path, &out);
@@ -127,7 +149,7 @@ Outcome WorkOn(const std::string& path, const std::vector<std::string>& sizes) {
       MakeSize(path, size, &out);
     }
   } catch (const Error& e) {
-    out.error = e.what();
+    out.error = pinned.Unpinned(e.what(), rel);
     out.failed = std::max(out.failed, 1);
   } catch (const std::exception& e) {
     out.error = e.what();
@@ -158,7 +180,12 @@ struct Worker {
   std::chrono::steady_clock::time_point start;
 };
 
-Worker Spawn(const std::string& path, const std::vector<std::string>& sizes, size_t index) {
+// One file found: beneath root `root`, shown as `path`.
+struct Found {
+  std::string root, rel, path;
+};
+
+Worker Spawn(const Found& file, const std::vector<std::string>& sizes, size_t index) {
   int fds[2];
   if (pipe2(fds, O_CLOEXEC) != 0) throw std::runtime_error("pipe failed");
   fflush(stdout);
@@ -174,7 +201,7 @@ Worker Spawn(const std::string& path, const std::vector<std::string>& sizes, siz
     if (devnull >= 0) dup2(devnull, 2);
     signal(SIGUSR1, OnStopWorker);
     close(fds[0]);
-    const std::string line = ToJson(path, WorkOn(path, sizes)).dump(-1, ' ', false,
+    const std::string line = ToJson(file.path, WorkOn(file.root, file.rel, sizes)).dump(-1, ' ', false,
                                                                        nlohmann::json::error_handler_t::replace);
     (void)!write(fds[1], line.data(), line.size());
     _exit(0);
@@ -209,7 +236,7 @@ int RunIndex(const IndexArgs& args) {
       throw CLI::ValidationError("--sizes", "not a thumbnail size: " + size);
     }
   }
-  std::vector<std::string> files;
+  std::vector<Found> files;
   for (std::string dir : args.dirs) {
     while (dir.size() > 1 && dir.back() == '/') dir.pop_back();
     const std::string real = RealPath(dir);
@@ -217,7 +244,9 @@ int RunIndex(const IndexArgs& args) {
     if (real.empty() || stat(real.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) {
       throw CLI::ValidationError("DIR", "not a directory: " + dir);
     }
-    WalkTree(dir, real, &files);
+    std::vector<TreeFile> found;
+    WalkTree(real, &found);
+    for (const TreeFile& f : found) files.push_back(Found{real, f.rel, dir + "/" + f.rel});
   }
 
   const size_t jobs = args.jobs > 0 ? static_cast<size_t>(args.jobs)
@@ -269,7 +298,7 @@ int RunIndex(const IndexArgs& args) {
       }
       kill(-w.pid, SIGKILL);  // tools it left behind, if any
       Json j = Json::parse(w.output, nullptr, false);
-      const std::string& path = files[w.index];
+      const std::string& path = files[w.index].path;
       if (j.is_discarded() || !WIFEXITED(status)) {
         const std::string why = WIFSIGNALED(status) ? "worker killed by signal " + std::to_string(WTERMSIG(status))
                                                     : "worker ended without a result";

@@ -1,9 +1,13 @@
 // kovathumb make and kovathumb import: make or store thumbnails now.
+#include <errno.h>
+
+#include <cstring>
 #include <iostream>
 #include <memory>
 #include <sstream>
 
 #include "common.h"
+#include "common/pin.h"
 #include "kovathumb/error.h"
 #include "kovathumb/thumb.h"
 #include "kovathumb/thumb_const.h"
@@ -37,13 +41,19 @@ int RunMake(const MakeArgs& args) {
   }
   int status = kExitOk;
   for (const std::string& path : args.files) {
+    PinnedFile pinned;
+    if (const int err = PinGiven(path, &pinned)) {
+      PrintLine(ErrorJson(path, 601, err == ELOOP ? "a symbolic link: refused" : std::strerror(err)));
+      status = kExitFailed;
+      continue;
+    }
     try {
       // A size not made because the source itself serves (it is small
       // enough already) is no failure. A request keeps its output type from
       // one call to the next, so each size gets a request of its own.
       int made = 0, original = 0, failed = 0;
       auto count = [&](auto convert) {
-        Thumb thumb(path, args.options.Bits(), false);
+        Thumb thumb(pinned.Path(), args.options.Bits(), false);
         if (convert(thumb) > 0) {
           ++made;
         } else if (thumb.GetOutputType() == "Original") {
@@ -57,7 +67,7 @@ int RunMake(const MakeArgs& args) {
       PrintLine({{"path", path}, {"made", made}, {"original", original}, {"failed", failed}});
       if (failed > 0) status = kExitFailed;
     } catch (const Error& e) {
-      PrintLine(ErrorJson(path, e.Code(), e.what()));
+      PrintLine(ErrorJson(path, e.Code(), pinned.Unpinned(e.what(), path)));
       status = kExitFailed;
     }
   }
@@ -81,13 +91,18 @@ int RunImport(const ImportArgs& args) {
     }
     pairs.emplace_back(item.substr(0, eq), item.substr(eq + 1));
   }
+  PinnedFile pinned;
+  if (const int err = PinGiven(args.file, &pinned)) {
+    PrintLine(ErrorJson(args.file, 601, err == ELOOP ? "a symbolic link: refused" : std::strerror(err)));
+    return kExitFailed;
+  }
   try {
-    Thumb thumb(args.file, args.options.Bits(), false);
+    Thumb thumb(pinned.Path(), args.options.Bits(), false);
     const bool ok = thumb.SaveExistingThumbsToEA(pairs, args.mtime, args.checkMime);
     PrintLine({{"path", args.file}, {"ok", ok}});
     return ok ? kExitOk : kExitFailed;
   } catch (const Error& e) {
-    PrintLine(ErrorJson(args.file, e.Code(), e.what()));
+    PrintLine(ErrorJson(args.file, e.Code(), pinned.Unpinned(e.what(), args.file)));
     return kExitFailed;
   }
 }

@@ -1,0 +1,144 @@
+// The programs as root against a user who owns one folder of the served
+// tree: links in request paths, names swapped during requests and during
+// indexing never lead outside the tree.
+#include <errno.h>
+#include <fcntl.h>
+#include <stdio.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <sstream>
+
+#include "common/pin.h"
+#include "support/attacker.h"
+
+namespace kovathumb {
+namespace {
+
+using test::Quote;
+
+struct Reply {
+  int status;
+  std::string body;
+};
+
+Reply Cgi(const std::string& root, const std::string& query) {
+  const std::string out = test::Capture("REQUEST_METHOD=GET KOVATHUMB_ROOT=" + Quote(root) + " QUERY_STRING=" +
+                                        Quote(query) + " " KOVATHUMB_CGI_BIN " 2>/dev/null");
+  const size_t end = out.find("\r\n\r\n");
+  const int status = out.compare(0, 8, "Status: ") == 0 ? std::atoi(out.c_str() + 8) : 200;
+  return {status, end == std::string::npos ? out : out.substr(end + 4)};
+}
+
+// Swaps two names atomically, as the attacker's loop does.
+void Exchange(const std::string& a, const std::string& b) {
+  (void)!renameat2(AT_FDCWD, a.c_str(), AT_FDCWD, b.c_str(), RENAME_EXCHANGE);
+}
+
+class ProgramAttackTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    KT_SKIP_UNLESS_ROOT();
+    // A sibling whose name shares the tree's prefix, holding a copy of the secret.
+    sibling_ = t_.tree + "2";
+    mkdir(sibling_.c_str(), 0700);
+    test::MustSh("cp -p " + Quote(t_.secret) + " " + Quote(sibling_ + "/p.jpg"));
+    test::MustSh("/usr/bin/convert -size 1200x900 xc:gray +noise Random " + Quote(t_.mine + "/keep.jpg"));
+    ASSERT_EQ(chown((t_.mine + "/keep.jpg").c_str(), test::kAttackerId, test::kAttackerId), 0);
+    const std::string m = t_.mine, secret = t_.secret, sibling = sibling_, top = t_.top.path();
+    ASSERT_TRUE(test::AsAttacker([=] {
+      return symlink(secret.c_str(), (m + "/out.jpg").c_str()) == 0 &&
+             symlink(sibling.c_str(), (m + "/sib").c_str()) == 0 && symlink(top.c_str(), (m + "/up").c_str()) == 0 &&
+             symlink("keep.jpg", (m + "/in.jpg").c_str()) == 0 && link((m + "/keep.jpg").c_str(), (m + "/p.jpg").c_str()) == 0 &&
+             symlink(secret.c_str(), (m + "/x.jpg").c_str()) == 0 && mkdir((m + "/d").c_str(), 0755) == 0 &&
+             link((m + "/keep.jpg").c_str(), (m + "/d/p.jpg").c_str()) == 0 &&
+             symlink(sibling.c_str(), (m + "/x").c_str()) == 0;
+    }));
+  }
+  // Nothing outside the tree gained an EA directory or changed.
+  void ExpectOutsideUntouched() {
+    for (const std::string& dir : {t_.top.path(), sibling_}) EXPECT_FALSE(test::Exists(dir + "/.kovaea")) << dir;
+    struct stat st;
+    EXPECT_TRUE(stat(t_.secret.c_str(), &st) == 0 && st.st_uid == 0 && (st.st_mode & 07777) == 0600);
+  }
+  test::AttackTree t_;
+  std::string sibling_;
+};
+
+TEST_F(ProgramAttackTest, LinksInRequestPathsAndListsAreRefused) {
+  EXPECT_EQ(Cgi(t_.tree, "path=alice/keep.jpg&size=small").status, 200);
+  const std::pair<const char*, int> paths[] = {
+      {"alice/out.jpg", 403}, {"alice/sib/p.jpg", 403}, {"alice/up/secret.jpg", 403}, {"alice/in.jpg", 403},
+      {"../tree2/p.jpg", 403}, {"alice/../../tree2/p.jpg", 403}, {"alice/x/p.jpg", 403},
+      {"alice/.kovaea/keep.jpg/KOVAFILE_THUMB_S.jpg", 403}, {"/etc/passwd", 400}, {"alice/none.jpg", 404},
+      {"alice/d", 404}, {"alice/keep.jpg/x.jpg", 404}};
+  for (const auto& c : paths) {
+    const Reply r = Cgi(t_.tree, std::string("path=") + c.first + "&size=small");
+    EXPECT_EQ(r.status, c.second) << c.first;
+    EXPECT_FALSE(t_.Leaks(r.body)) << c.first;
+  }
+  const Reply list = Cgi(t_.tree, "list=1");
+  EXPECT_NE(list.body.find("\"alice/keep.jpg\""), std::string::npos);
+  for (const char* name : {"out.jpg", "sib", "up/", "in.jpg", "x.jpg", "x/"}) {
+    EXPECT_EQ(list.body.find(name), std::string::npos) << name;
+  }
+
+  // Both ways of opening beneath the root agree; a link is never crossed.
+  const int root = open(t_.tree.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
+  const std::pair<const char*, int> cases[] = {{"alice/d", 0}, {"alice/sib", ELOOP}, {"alice/up", ELOOP},
+                                               {"../tree2", EXDEV}, {"alice/none", ENOENT}, {"alice/keep.jpg", ENOTDIR}};
+  for (bool walk : {false, true}) {
+    for (const auto& c : cases) {
+      const int fd = tool::OpenDirBeneath(root, c.first, walk);
+      EXPECT_EQ(fd >= 0 ? 0 : errno, c.second) << c.first << (walk ? " (walk)" : "");
+      if (fd >= 0) close(fd);
+    }
+  }
+  close(root);
+
+  // The command line: a link is refused, a name with a leading dash is a name.
+  const std::string cd = "cd " + Quote(t_.mine) + " && " KOVATHUMB_CLI " ";
+  EXPECT_NE(test::Sh(cd + "get small out.jpg >/dev/null 2>&1"), 0);
+  EXPECT_NE(test::Sh(cd + "make --sizes small out.jpg >/dev/null"), 0);
+  test::MustSh("cp " + Quote(t_.mine + "/keep.jpg") + " " + Quote(t_.mine + "/-dash.jpg"));
+  EXPECT_EQ(test::Capture(cd + "get small -- -dash.jpg | head -c 5 | wc -c"), "5\n");
+  ExpectOutsideUntouched();
+}
+
+TEST_F(ProgramAttackTest, SwappingLinksIntoPlaceDuringRequestsNeverReachesOutside) {
+  const std::string m = t_.mine;
+  test::AttackerLoop swapper([m] {
+    Exchange(m + "/p.jpg", m + "/x.jpg");  // the photo and a link to the secret
+    Exchange(m + "/d", m + "/x");          // a folder and a link to the sibling
+  });
+  const auto start = std::chrono::steady_clock::now();
+  int requests = 0, answered = 0;
+  while ((swapper.Rounds() < 1000 || requests < 40) && std::chrono::steady_clock::now() - start < std::chrono::seconds(90)) {
+    const Reply r = Cgi(t_.tree, requests % 2 ? "path=alice/p.jpg&edge=" + std::to_string(60 + requests % 7)
+                                              : "path=alice/d/p.jpg&size=small");
+    ++requests;
+    answered += r.status == 200;
+    ASSERT_FALSE(t_.Leaks(r.body)) << "request " << requests;
+  }
+  EXPECT_GE(swapper.Rounds(), 1000);
+  EXPECT_GT(answered, 0);
+  ExpectOutsideUntouched();
+}
+
+TEST_F(ProgramAttackTest, IndexWithLinksAndSwappedFoldersStaysInTheTree) {
+  const std::string m = t_.mine;
+  test::AttackerLoop swapper([m] { Exchange(m + "/d", m + "/x"); });
+  test::Sh(KOVATHUMB_CLI " index --no-progress -j 2 --sizes small,big " + Quote(t_.tree) + " >/dev/null");
+  EXPECT_GT(swapper.Rounds(), 0);
+  ExpectOutsideUntouched();
+  std::istringstream stored(test::Capture("find " + Quote(t_.tree) + " -path '*/.kovaea/*' -type f"));
+  int count = 0;
+  for (std::string f; std::getline(stored, f); ++count) EXPECT_FALSE(t_.Leaks(test::ReadFile(f))) << f;
+  EXPECT_GT(count, 0);
+}
+
+}  // namespace
+}  // namespace kovathumb
