@@ -3,6 +3,7 @@
 #include <string>
 
 #include "kovaplatform/kovaplatform.h"
+#include "convert_cmd/tool_files.h"
 #include "kovathumb/convert_cmd.h"
 
 namespace kovathumb {
@@ -17,6 +18,8 @@ ConvertCmd::ConvertCmd(ThumbInfo info_, const std::string& src_, const std::stri
   geometry = info.GetXString();
   rotateDegrees = std::to_string(info.GetRotate() * 90);
   userRotateDegrees = std::to_string(info.GetUserRotate() * 90);
+  coder_ = internal::MagickCoder(internal::ReadHead(src), info.GetMimeType());
+  if (!coder_.empty()) src.insert(0, coder_ + ":");
   src.append("[0]");  // first frame, page or layer only
   argv = {kConvert.c_str(), "-strip", "-colorspace", "sRGB", src.c_str()};
 
@@ -53,6 +56,7 @@ std::string ConvertCmd::getConvertPath() {
 }
 
 bool ConvertCmd::exec() {
+  if (coder_.empty()) return false;  // not a format we convert
   const std::string path = getConvertPath();
   if (KLIBCExecv(path.c_str(), argv.data(), 1) == 0) return true;
   unlink(dst.c_str());
