@@ -56,9 +56,10 @@ class KOVATHUMB_EXPORT ThumbConvertCmd {
 };
 
 // ImageMagick convert: first frame only, scaled into the target box (or a
-// centred crop), orientation rotation, mirror, user rotation. The input is
-// read with the coder its leading bytes announce ("jpeg:", "png:", ...);
-// one in any other format is not converted (exec() false).
+// centred crop), orientation rotation, mirror, user rotation. The command
+// opens its input and hands the converter that descriptor's /proc path,
+// with the coder its leading bytes announce ("jpeg:", "png:", ...); an input
+// in any other format is not converted (exec() false).
 class KOVATHUMB_EXPORT ConvertCmd : public ThumbConvertCmd {
  public:
   ConvertCmd(ThumbInfo info, const std::string& src, const std::string& dst);
@@ -70,6 +71,7 @@ class KOVATHUMB_EXPORT ConvertCmd : public ThumbConvertCmd {
   std::string getConvertPath();
 
  private:
+  int input_;  // the input, open while the command lives; -1 when unreadable
   std::string coder_;
 };
 

@@ -43,15 +43,19 @@ std::string MagickCoder(const std::string& head, const std::string& mime) {
   return "";
 }
 
-std::string ReadHead(const std::string& path) {
-  // Non-blocking: a FIFO must not hang us.
+int OpenInput(const std::string& path) {
   const int fd = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
-  if (fd < 0) return "";
   struct stat st;
+  if (fd >= 0 && (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode))) {
+    close(fd);
+    return -1;
+  }
+  return fd;
+}
+
+std::string ReadHead(int fd) {
   char buf[16];
-  ssize_t n = -1;
-  if (fstat(fd, &st) == 0 && S_ISREG(st.st_mode)) n = pread(fd, buf, sizeof buf, 0);
-  close(fd);
+  const ssize_t n = fd < 0 ? -1 : pread(fd, buf, sizeof buf, 0);
   return n > 0 ? std::string(buf, static_cast<size_t>(n)) : "";
 }
 

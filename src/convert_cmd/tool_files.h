@@ -17,8 +17,11 @@ namespace internal {
 // empty `head` (the input cannot be read here) the probed `mime` decides.
 std::string MagickCoder(const std::string& head, const std::string& mime);
 
-// Up to 16 leading bytes of a regular file; "" when it cannot be read.
-std::string ReadHead(const std::string& path);
+// A regular file opened for reading (without blocking on a FIFO), or -1.
+int OpenInput(const std::string& path);
+
+// Up to 16 leading bytes of the file open as `fd`; "" when none.
+std::string ReadHead(int fd);
 
 // `name` with every character ImageMagick may read as a pattern or a frame
 // selector ('%', '[', ']', ...) replaced by '_'.

@@ -189,6 +189,7 @@ bool ReadString(int fd, std::string* s, time_t deadline) {
 
 [[noreturn]] void PreviewChild(Exiv2::Image& image, const std::string& mime, ThumbDimension box,
                                int out) {
+  signal(SIGALRM, SIG_DFL);
   alarm(kPreviewSeconds);
   struct rlimit cpu = {kPreviewSeconds, kPreviewSeconds};
   setrlimit(RLIMIT_CPU, &cpu);

@@ -114,16 +114,16 @@ TEST_F(ToolsTest, RawPreviewExtractedByDcraw) {
   ThumbInfo info = Probe(raw, "big", {640, 640});
   EXPECT_FALSE(info.IsWebAcceptable());
   DcrawCmd cmd(info, raw, dst);
-  EXPECT_EQ(test::ListDir(dir_, "thumb.jpg_").size(), 1u);  // the extracted preview, beside dst
+  EXPECT_EQ(test::ListDir(dir_.path(), "thumb.jpg_").size(), 1u);  // the extracted preview, beside dst
   ASSERT_TRUE(cmd.exec());
   EXPECT_GT(ImageSize(dst).first, 0u);
-  EXPECT_TRUE(test::ListDir(dir_, "thumb.jpg_").empty());
+  EXPECT_TRUE(test::ListDir(dir_.path(), "thumb.jpg_").empty());
 
   const std::string bare = dir_ / "bare.dng";
   test::WriteFile(bare, test::MakeDng(256, 192, "", 0, 0));
   DcrawCmd none(Probe(bare, "big", {640, 640}), bare, dir_ / "none.jpg");
   EXPECT_FALSE(none.exec());
-  EXPECT_TRUE(test::ListDir(dir_, "none.jpg").empty());
+  EXPECT_TRUE(test::ListDir(dir_.path(), "none.jpg").empty());
 }
 
 TEST_F(ToolsTest, JpegtranStreamsARotatedJpeg) {
