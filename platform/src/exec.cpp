@@ -92,9 +92,14 @@ const std::string& MagickConfigureEntry() {
     std::string dir = KOVA_MAGICK_CONFIG_DIR;
     Dl_info self;
     if (dladdr(reinterpret_cast<void*>(&KLIBCExecv), &self) != 0 && self.dli_fname != nullptr) {
-      const std::string lib = self.dli_fname;
-      const std::string built = KOVA_PLATFORM_BUILD_DIR;
-      if (lib.compare(0, built.size() + 1, built + "/") == 0) dir = KOVA_MAGICK_BUILD_CONFIG_DIR;
+      char* lib = realpath(self.dli_fname, nullptr);
+      char* built = realpath(KOVA_PLATFORM_BUILD_DIR, nullptr);
+      if (lib != nullptr && built != nullptr && strncmp(lib, built, strlen(built)) == 0 &&
+          lib[strlen(built)] == '/') {
+        dir = KOVA_MAGICK_BUILD_CONFIG_DIR;
+      }
+      free(lib);
+      free(built);
     }
     return "MAGICK_CONFIGURE_PATH=" + dir;
   }();
