@@ -15,8 +15,9 @@ namespace {
 struct Tree {
   std::string root;
   Tree() {
-    char tmpl[] = "/tmp/kovathumb_fuzz_cgi_XXXXXX";
-    const std::string dir = mkdtemp(tmpl);
+    const char* tmp = getenv("TMPDIR");  // scripts/fuzz.sh gives a private one
+    std::string tmpl = std::string(tmp != nullptr ? tmp : "/tmp") + "/kovathumb_fuzz_cgi_XXXXXX";
+    const std::string dir = mkdtemp(&tmpl[0]);
     root = dir + "/root";
     kovathumb::test::Sh("mkdir -p '" + root + "/album/.kovaea/a.jpg' '" + dir + "/outside'");
     kovathumb::test::WriteFile(root + "/album/a.jpg", "a");

@@ -19,8 +19,9 @@ const char* const kSizes[] = {"small", "big", "large", "original", "__CUSTOM_SIZ
 
 const std::string& Dir() {
   static const std::string dir = [] {
-    char tmpl[] = "/tmp/kovathumb_fuzz_XXXXXX";
-    return std::string(mkdtemp(tmpl));
+    const char* tmp = getenv("TMPDIR");  // scripts/fuzz.sh gives a private one
+    std::string tmpl = std::string(tmp != nullptr ? tmp : "/tmp") + "/kovathumb_fuzz_XXXXXX";
+    return std::string(mkdtemp(&tmpl[0]));
   }();
   return dir;
 }

@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Builds the libFuzzer harnesses with clang (AddressSanitizer and UBSan on)
-# and runs each for SECONDS (default 60). Crashes, hangs and leaks of ours
-# fail the run; the inputs are left in build-fuzz/artifacts.
+# and runs each for SECONDS (default 60). Every harness runs; crashes, hangs,
+# memory growth and leaks of ours fail the run at the end, with the inputs
+# kept in build-fuzz/findings/<time>.
 #   scripts/fuzz.sh [SECONDS]
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -16,14 +17,30 @@ CC=clang CXX=clang++ cmake -S . -B "$B" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKOVA
 cmake --build "$B" -j"$(nproc)" --target probe_fuzzer cgi_fuzzer kovathumb_heif >/dev/null
 g++ -O1 -I"$top/tests" "$top/tests/support/dng.cpp" "$top/tests/support/make_dng_main.cpp" -o "$B/make_dng"
 [ -d "$B/seeds/probe" ] || fuzz/make-seeds.sh "$B/seeds" "$B/make_dng"
-mkdir -p "$B/corpus/probe" "$B/corpus/cgi" "$B/artifacts"
+mkdir -p "$B/corpus/probe" "$B/corpus/cgi"
+# Findings are kept, one folder per run; the harnesses write only under a
+# private TMPDIR, removed at the end.
+found=$B/findings/$(date +%Y%m%d-%H%M%S)
+mkdir -p "$found"
+TMPDIR=$(mktemp -d /tmp/kovathumb-fuzz.XXXXXX)
+export TMPDIR
+trap 'rm -rf "$TMPDIR"' EXIT
 export ASAN_OPTIONS=detect_leaks=1
 export LSAN_OPTIONS=suppressions=$top/scripts/lsan.supp:print_suppressions=0
+# The probe must neither hang nor grow: a tool's limits are far beyond a probe's.
+declare -A limits=([probe]="-timeout=20 -rss_limit_mb=2048" [cgi]="-timeout=20 -rss_limit_mb=2048")
+failed=()
 for h in probe cgi; do
   echo "fuzzing $h for ${secs}s"
-  "$B/fuzz/${h}_fuzzer" -max_total_time="$secs" -timeout=20 -rss_limit_mb=4096 -print_final_stats=1 \
-    -artifact_prefix="$B/artifacts/$h-" "$B/corpus/$h" "$B/seeds/$h" 2>"$B/$h.log" ||
-    { tail -40 "$B/$h.log"; exit 1; }
-  grep -E "stat::number_of_executed_units|cov:" "$B/$h.log" | tail -2
+  # shellcheck disable=SC2086
+  if "$B/fuzz/${h}_fuzzer" -max_total_time="$secs" ${limits[$h]} -print_final_stats=1 \
+    -artifact_prefix="$found/$h-" "$B/corpus/$h" "$B/seeds/$h" 2>"$B/$h.log"; then
+    grep -E "stat::number_of_executed_units|cov:" "$B/$h.log" | tail -2
+  else
+    tail -40 "$B/$h.log"
+    failed+=("$h")
+  fi
 done
-echo "fuzzing: 2 passed, 0 failed"
+echo "fuzzing: $((2 - ${#failed[@]})) passed, ${#failed[@]} failed${failed:+ (${failed[*]}; inputs in $found)}"
+[ ${#failed[@]} -eq 0 ] && rmdir "$found" 2>/dev/null
+[ ${#failed[@]} -eq 0 ]

@@ -56,7 +56,10 @@ class KOVATHUMB_EXPORT ThumbConvertCmd {
 };
 
 // ImageMagick convert: first frame only, scaled into the target box (or a
-// centred crop), orientation rotation, mirror, user rotation.
+// centred crop), orientation rotation, mirror, user rotation. The command
+// opens its input and hands the converter that descriptor's /proc path,
+// with the coder its leading bytes announce ("jpeg:", "png:", ...); an input
+// in any other format is not converted (exec() false).
 class KOVATHUMB_EXPORT ConvertCmd : public ThumbConvertCmd {
  public:
   ConvertCmd(ThumbInfo info, const std::string& src, const std::string& dst);
@@ -66,6 +69,10 @@ class KOVATHUMB_EXPORT ConvertCmd : public ThumbConvertCmd {
   bool IsMedextraEnabled();
   // The add-on's converter when it is enabled, else kConvert.
   std::string getConvertPath();
+
+ private:
+  int input_;  // the input, open while the command lives; -1 when unreadable
+  std::string coder_;
 };
 
 // djpeg decoding a large JPEG at 1/1, 1/2, 1/4 or 1/8 straight to BMP, then
@@ -92,8 +99,9 @@ class KOVATHUMB_EXPORT DJpegCmd : public ThumbConvertCmd {
   std::string scaleString;
 };
 
-// Animated GIF: the constructor coalesces the frames into /var/tmp; exec()
-// scales, turns and re-optimises them.
+// Animated GIF: the constructor coalesces the frames into a file it creates
+// in /var/tmp; exec() scales, turns and re-optimises them. Both runs read
+// their input as GIF, whatever its content.
 class KOVATHUMB_EXPORT GIFConvertCmd : public ThumbConvertCmd {
  public:
   GIFConvertCmd(ThumbInfo info, const std::string& src, const std::string& dst);
@@ -103,11 +111,13 @@ class KOVATHUMB_EXPORT GIFConvertCmd : public ThumbConvertCmd {
 
  private:
   std::string coalescePath;
+  std::string coalesceInput;  // "gif:" + coalescePath, as argv holds it
 };
 
 // Raw camera files: the constructor extracts the embedded JPEG preview with
-// dcraw into the source's EA directory; exec() scales it (DJpegCmd, else
-// ConvertCmd) or, failing both, moves it to the output as it is.
+// dcraw into a file it creates beside `dst` (dst + "_<pid>_<seconds>"),
+// reading dcraw no longer than a tool may run; exec() scales it (DJpegCmd,
+// else ConvertCmd) or, failing both, moves it to the output as it is.
 class KOVATHUMB_EXPORT DcrawCmd : public ThumbConvertCmd {
  public:
   DcrawCmd(ThumbInfo info, const std::string& src, const std::string& dst);

@@ -4,6 +4,7 @@
 // launching is safe from a multithreaded caller. A close-on-exec pipe carries
 // the errno of a failed execv back to the parent, which is how "could not be
 // started" is told apart from "started and failed".
+#include <dlfcn.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <poll.h>
@@ -38,7 +39,7 @@ void MarkCloexecFrom(int lowfd) {
 }
 
 [[noreturn]] void ChildExec(const char* path, const char* const argv[], char* const envp[],
-                            int out_fd, int err_pipe) {
+                            int out_fd, int err_pipe, unsigned wall_seconds) {
   sigset_t none;
   sigemptyset(&none);
   sigprocmask(SIG_SETMASK, &none, nullptr);
@@ -64,6 +65,9 @@ void MarkCloexecFrom(int lowfd) {
   struct rlimit cur;
   if (getrlimit(RLIMIT_CPU, &cur) == 0 && cur.rlim_cur > cpu.rlim_cur) setrlimit(RLIMIT_CPU, &cpu);
   if (getrlimit(RLIMIT_AS, &cur) == 0 && cur.rlim_cur > as.rlim_cur) setrlimit(RLIMIT_AS, &as);
+  // Survives execve: a child read through a pipe, whom nobody waits for
+  // with a timeout, still ends when its wall time is up.
+  alarm(wall_seconds);
 
   execve(path, const_cast<char* const*>(argv), envp);
   int e = errno;
@@ -81,11 +85,36 @@ const char* const kMagickLimits[] = {
     "MAGICK_TIME_LIMIT=60",
 };
 
-// The child's environment: ours, plus the limits not already set. Built
-// before fork, since the child may only make async-signal-safe calls.
+// Where ImageMagick finds our policy.xml: beside the sources for a library
+// still in the build tree, else where it was installed.
+const std::string& MagickConfigureEntry() {
+  static const std::string entry = [] {
+    std::string dir = KOVA_MAGICK_CONFIG_DIR;
+    Dl_info self;
+    if (dladdr(reinterpret_cast<void*>(&KLIBCExecv), &self) != 0 && self.dli_fname != nullptr) {
+      char* lib = realpath(self.dli_fname, nullptr);
+      char* built = realpath(KOVA_PLATFORM_BUILD_DIR, nullptr);
+      if (lib != nullptr && built != nullptr && strncmp(lib, built, strlen(built)) == 0 &&
+          lib[strlen(built)] == '/') {
+        dir = KOVA_MAGICK_BUILD_CONFIG_DIR;
+      }
+      free(lib);
+      free(built);
+    }
+    return "MAGICK_CONFIGURE_PATH=" + dir;
+  }();
+  return entry;
+}
+
+// The child's environment: ours, with our ImageMagick policy in place of any
+// other, plus the limits not already set. Built before fork, since the child
+// may only make async-signal-safe calls.
 std::vector<char*> ChildEnvironment() {
   std::vector<char*> env;
-  for (char** e = environ; e != nullptr && *e != nullptr; ++e) env.push_back(*e);
+  for (char** e = environ; e != nullptr && *e != nullptr; ++e) {
+    if (strncmp(*e, "MAGICK_CONFIGURE_PATH=", 22) != 0) env.push_back(*e);
+  }
+  env.push_back(const_cast<char*>(MagickConfigureEntry().c_str()));
   for (const char* limit : kMagickLimits) {
     const std::string name(limit, strchr(limit, '=') - limit);
     if (getenv(name.c_str()) == nullptr) env.push_back(const_cast<char*>(limit));
@@ -150,6 +179,7 @@ pid_t Spawn(const char* path, const char* const argv[], int out_fd, bool detach)
     return -1;
   }
   std::vector<char*> envp = ChildEnvironment();
+  const unsigned wall = static_cast<unsigned>(WallSeconds());
   int err_pipe[2];
   if (pipe2(err_pipe, O_CLOEXEC) != 0) return -1;
   pid_t pid = fork();
@@ -171,7 +201,7 @@ pid_t Spawn(const char* path, const char* const argv[], int out_fd, bool detach)
       }
       if (grandchild > 0) _exit(0);
     }
-    ChildExec(path, argv, envp.data(), out_fd, err_pipe[1]);
+    ChildExec(path, argv, envp.data(), out_fd, err_pipe[1], wall);
   }
   close(err_pipe[1]);
   int e = ReadExecError(err_pipe[0]);

@@ -3,6 +3,7 @@
 #include <string>
 
 #include "kovaplatform/kovaplatform.h"
+#include "convert_cmd/tool_files.h"
 #include "kovathumb/convert_cmd.h"
 
 namespace kovathumb {
@@ -13,10 +14,16 @@ constexpr char kMedextraConvert[] = "/var/packages/Medextra/target/usr/bin/conve
 }  // namespace
 
 ConvertCmd::ConvertCmd(ThumbInfo info_, const std::string& src_, const std::string& dst_)
-    : ThumbConvertCmd(std::move(info_), src_, dst_) {
+    : ThumbConvertCmd(std::move(info_), src_, dst_), input_(-1) {
   geometry = info.GetXString();
   rotateDegrees = std::to_string(info.GetRotate() * 90);
   userRotateDegrees = std::to_string(info.GetUserRotate() * 90);
+  // The converter reads the very file whose bytes chose its coder, by a name
+  // in which it sees no pattern ("50%off.png", "a[1].png").
+  input_ = internal::OpenInput(src);
+  coder_ = internal::MagickCoder(internal::ReadHead(input_), info.GetMimeType());
+  if (input_ >= 0) src = "/proc/" + std::to_string(getpid()) + "/fd/" + std::to_string(input_);
+  if (!coder_.empty()) src.insert(0, coder_ + ":");
   src.append("[0]");  // first frame, page or layer only
   argv = {kConvert.c_str(), "-strip", "-colorspace", "sRGB", src.c_str()};
 
@@ -44,7 +51,9 @@ ConvertCmd::ConvertCmd(ThumbInfo info_, const std::string& src_, const std::stri
   argv.push_back(nullptr);
 }
 
-ConvertCmd::~ConvertCmd() = default;
+ConvertCmd::~ConvertCmd() {
+  if (input_ >= 0) close(input_);
+}
 
 bool ConvertCmd::IsMedextraEnabled() { return access(kMedextraEnabled, F_OK) == 0; }
 
@@ -53,6 +62,7 @@ std::string ConvertCmd::getConvertPath() {
 }
 
 bool ConvertCmd::exec() {
+  if (coder_.empty()) return false;  // not a format we convert
   const std::string path = getConvertPath();
   if (KLIBCExecv(path.c_str(), argv.data(), 1) == 0) return true;
   unlink(dst.c_str());

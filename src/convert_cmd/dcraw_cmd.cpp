@@ -1,3 +1,5 @@
+#include <errno.h>
+#include <poll.h>
 #include <stdio.h>
 #include <time.h>
 #include <unistd.h>
@@ -5,21 +7,28 @@
 #include <cstdint>
 #include <string>
 
+#include "convert_cmd/tool_files.h"
 #include "kovaplatform/kovaplatform.h"
 #include "kovathumb/convert_cmd.h"
 #include "kovathumb/error.h"
-#include "kovathumb/file.h"
 
 namespace kovathumb {
 
 namespace {
 
 // Copies everything from `in` to `out` with read(2) and write(2); false on
-// an error, a short write, or an empty input.
+// an error, a short write, an empty input, or an input still open when a
+// tool's wall-time limit has passed.
 bool copyStream(int out, int in) {
   char buf[4096];
   uint64_t total = 0;
+  const time_t deadline = time(nullptr) + KOVA_CHILD_WALL_SECONDS;
   for (;;) {
+    const time_t left = deadline - time(nullptr);
+    struct pollfd p = {in, POLLIN, 0};
+    const int ready = left > 0 ? poll(&p, 1, static_cast<int>(left) * 1000) : 0;
+    if (ready < 0 && errno == EINTR) continue;
+    if (ready <= 0) return false;
     const ssize_t n = read(in, buf, sizeof buf);
     if (n == -1) return false;
     if (n == 0) return total > 0;
@@ -43,15 +52,21 @@ DcrawCmd::~DcrawCmd() {
 }
 
 void DcrawCmd::setupRawThumbPath() {
-  // Beside the output: `src` may be an open file's path, with no EA directory.
+  // Beside the output, never beside the source (which may be a descriptor's
+  // path); created here, so no planted file or link is written through.
   rawThumbPath = dst + "_" + std::to_string(static_cast<int>(getpid())) + "_" +
                  std::to_string(static_cast<long>(time(nullptr)));
   try {
-    outFile = fopen(rawThumbPath.c_str(), "wb");
-    if (outFile == nullptr) throw Error(602);
+    const int fd = internal::CreateExclusive(rawThumbPath);
+    if (fd < 0) throw Error(602);
+    outFile = fdopen(fd, "wb");
+    if (outFile == nullptr) {
+      close(fd);
+      unlink(rawThumbPath.c_str());
+      throw Error(602);
+    }
     pipe = KLIBCPopenv(kDcraw.c_str(), "r", argv.data());
-    if (pipe == nullptr) throw Error(602);
-    if (!copyStream(fileno(outFile), fileno(pipe))) {
+    if (pipe == nullptr || !copyStream(fileno(outFile), fileno(pipe))) {
       unlink(rawThumbPath.c_str());
       throw Error(602);
     }

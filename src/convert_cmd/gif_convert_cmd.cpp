@@ -3,6 +3,7 @@
 
 #include <string>
 
+#include "convert_cmd/tool_files.h"
 #include "kovaplatform/kovaplatform.h"
 #include "kovathumb/convert_cmd.h"
 
@@ -20,10 +21,26 @@ GIFConvertCmd::~GIFConvertCmd() = default;
 
 void GIFConvertCmd::setupCoalesceTmpPath() {
   const size_t slash = src.rfind('/');
-  const std::string base = slash == std::string::npos ? src : src.substr(slash + 1);
-  coalescePath = std::string("/var/tmp/convert_thumbnail_") + "_" +
-                 std::to_string(static_cast<long>(time(nullptr))) + base;
-  const char* coalesce[] = {kConvert.c_str(), src.c_str(), "-coalesce", coalescePath.c_str(), nullptr};
+  // Only characters ImageMagick takes literally, so the name is the file written.
+  const std::string base =
+      internal::MagickSafeName(slash == std::string::npos ? src : src.substr(slash + 1));
+  const std::string stamp = std::to_string(static_cast<long>(time(nullptr)));
+  // /var/tmp is everyone's: the file is ours only if we create it. Somebody
+  // else's file (or link) at the usual name gets a random one beside it.
+  int fd = -1;
+  for (int attempt = 0; fd < 0 && attempt < 8; ++attempt) {
+    const std::string salt = attempt == 0 ? "" : internal::RandomText(8) + "_";
+    coalescePath = std::string("/var/tmp/convert_thumbnail_") + "_" + stamp + salt + base;
+    fd = internal::CreateExclusive(coalescePath);
+  }
+  if (fd < 0) {
+    coalescePath.clear();
+    return;
+  }
+  close(fd);
+  const std::string in = "gif:" + src;
+  const std::string out = "gif:" + coalescePath;
+  const char* coalesce[] = {kConvert.c_str(), in.c_str(), "-coalesce", out.c_str(), nullptr};
   if (KLIBCExecv(kConvert.c_str(), coalesce, 1) != 0) {
     unlink(coalescePath.c_str());
     coalescePath.clear();
@@ -32,9 +49,10 @@ void GIFConvertCmd::setupCoalesceTmpPath() {
 
 bool GIFConvertCmd::exec() {
   if (coalescePath.empty()) return false;
+  coalesceInput = "gif:" + coalescePath;
   argv = {kConvert.c_str(), "-strip",    "-colorspace",         "sRGB",
           "-thumbnail",     geometry.c_str(), "-rotate",        rotateDegrees.c_str(),
-          "-layers",        "optimize",  coalescePath.c_str()};
+          "-layers",        "optimize",  coalesceInput.c_str()};
   argv.push_back("-rotate");
   argv.push_back(userRotateDegrees.c_str());
   argv.push_back(dst.c_str());

@@ -15,8 +15,9 @@ namespace internal {
 // Index into ThumbInfo::rotateFlopMappingList_ from the text of
 // "Exif.Image.Orientation" (null when absent) and, only consulted when that
 // text is exactly "1", of the first maker-note rotation key present (null
-// when none). Throws std::invalid_argument / std::out_of_range for text that
-// is no number, as std::stoi does.
+// when none). The text is read as std::stoi reads it (leading blanks skipped,
+// trailing characters ignored); text that is no number, or too large, means
+// no orientation (0).
 int OrientationIndex(const std::string* standard, const std::string* makerNote);
 
 struct PreviewProps {

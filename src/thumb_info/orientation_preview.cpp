@@ -1,12 +1,26 @@
 // Orientation from EXIF (with maker-note fallbacks) and the embedded preview.
 // Everything here runs under ThumbInfo::exiv2_mutex_, taken by ExtractImgInfo.
+//
+// Exiv2's preview reader can loop and grow without end on a crafted file, so
+// the preview is chosen and read in a forked child bounded in time and memory,
+// which hands back only the chosen preview's bytes.
+#include <errno.h>
+#include <fcntl.h>
+#include <limits.h>
+#include <poll.h>
+#include <signal.h>
 #include <stdlib.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
 
+#include <cstdint>
 #include <exiv2/exiv2.hpp>
 #include <string>
 
+#include "convert_cmd/tool_files.h"
+#include "kovaplatform/kovaplatform.h"
 #include "kovathumb/thumb_info.h"
 #include "thumb_info/decisions.h"
 #include "util/log.h"
@@ -31,16 +45,25 @@ const std::vector<std::pair<int, bool>> ThumbInfo::rotateFlopMappingList_ = {
 
 namespace internal {
 
+namespace {
+
+// As std::stoi reads a number, without its exceptions.
+bool ParseInt(const std::string& text, int* value) {
+  errno = 0;
+  char* end = nullptr;
+  const long v = strtol(text.c_str(), &end, 10);
+  if (end == text.c_str() || errno == ERANGE || v < INT_MIN || v > INT_MAX) return false;
+  *value = static_cast<int>(v);
+  return true;
+}
+
+}  // namespace
+
 int OrientationIndex(const std::string* standard, const std::string* makerNote) {
   if (standard == nullptr) return 0;
-  int orientation;
-  if (*standard != "1") {
-    orientation = std::stoi(*standard);
-  } else if (makerNote != nullptr) {
-    orientation = std::stoi(*makerNote);
-  } else {
-    return 0;
-  }
+  int orientation = 0;
+  const std::string* text = *standard != "1" ? standard : makerNote;
+  if (text == nullptr || !ParseInt(*text, &orientation)) return 0;
   const uint32_t index = static_cast<uint32_t>(orientation) - 1U;
   return index > 7U ? 0 : static_cast<int>(index);
 }
@@ -87,35 +110,194 @@ int ThumbInfo::ResolveOrientationIndex(Exiv2::Image& image) const {
   return internal::OrientationIndex(&standard, nullptr);
 }
 
+#if defined(__SANITIZE_ADDRESS__)
+#define KT_SANITIZED 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(memory_sanitizer)
+#define KT_SANITIZED 1
+#endif
+#endif
+#ifndef KT_SANITIZED
+#define KT_SANITIZED 0
+#endif
+
+namespace {
+
+// A preview reader that has not answered within this time has lost its way;
+// real previews take milliseconds.
+constexpr int kPreviewSeconds = 10;
+constexpr uint64_t kMaxPreviewBytes = 256ULL << 20;
+
+// An Exiv2 error raised in the child, raised again here as it was.
+class ChildExiv2Error : public Exiv2::AnyError {
+ public:
+  ChildExiv2Error(int code, std::string text) : code_(code), text_(std::move(text)) {}
+  int code() const throw() override { return code_; }
+  const char* what() const throw() override { return text_.c_str(); }
+
+ private:
+  int code_;
+  std::string text_;
+};
+
+// What the child answers: a status byte, then for kFound the extension and
+// the bytes, for kFailed the Exiv2 error's code and text; each string as a
+// 64-bit length and its bytes.
+enum : char { kNone = 0, kFound = 1, kFailed = 2 };
+
+bool WriteAll(int fd, const void* data, size_t size) {
+  const char* p = static_cast<const char*>(data);
+  while (size > 0) {
+    const ssize_t n = write(fd, p, size);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) return false;
+    p += n;
+    size -= static_cast<size_t>(n);
+  }
+  return true;
+}
+
+bool WriteString(int fd, const std::string& s) {
+  const uint64_t n = s.size();
+  return WriteAll(fd, &n, sizeof n) && WriteAll(fd, s.data(), s.size());
+}
+
+// Reads exactly `size` bytes before `deadline`.
+bool ReadAll(int fd, void* data, size_t size, time_t deadline) {
+  char* p = static_cast<char*>(data);
+  while (size > 0) {
+    const time_t left = deadline - time(nullptr);
+    struct pollfd pfd = {fd, POLLIN, 0};
+    const int ready = left > 0 ? poll(&pfd, 1, static_cast<int>(left) * 1000) : 0;
+    if (ready < 0 && errno == EINTR) continue;
+    if (ready <= 0) return false;
+    const ssize_t n = read(fd, p, size);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) return false;
+    p += n;
+    size -= static_cast<size_t>(n);
+  }
+  return true;
+}
+
+bool ReadString(int fd, std::string* s, time_t deadline) {
+  uint64_t n = 0;
+  if (!ReadAll(fd, &n, sizeof n, deadline) || n > kMaxPreviewBytes) return false;
+  s->resize(static_cast<size_t>(n));
+  return ReadAll(fd, &(*s)[0], s->size(), deadline);
+}
+
+[[noreturn]] void PreviewChild(Exiv2::Image& image, const std::string& mime, ThumbDimension box,
+                               int out) {
+  signal(SIGALRM, SIG_DFL);
+  alarm(kPreviewSeconds);
+  struct rlimit cpu = {kPreviewSeconds, kPreviewSeconds};
+  setrlimit(RLIMIT_CPU, &cpu);
+#if !KT_SANITIZED
+  // Sanitizers reserve far more address space than this.
+  struct rlimit as = {KOVA_CHILD_ADDRESS_SPACE, KOVA_CHILD_ADDRESS_SPACE};
+  setrlimit(RLIMIT_AS, &as);
+#endif
+  bool ok;
+  try {
+    Exiv2::PreviewManager manager(image);
+    const Exiv2::PreviewPropertiesList list = manager.getPreviewProperties();
+    std::vector<internal::PreviewProps> props;
+    props.reserve(list.size());
+    for (const Exiv2::PreviewProperties& p : list) props.push_back({p.mimeType_, p.width_, p.height_});
+    const int best = internal::ChoosePreview(props, mime, box);
+    if (best < 0) {
+      ok = WriteAll(out, "", 1);
+    } else {
+      Exiv2::PreviewImage preview = manager.getPreviewImage(list[static_cast<size_t>(best)]);
+      const char found = kFound;
+      ok = WriteAll(out, &found, 1) && WriteString(out, preview.extension()) &&
+           WriteString(out, std::string(reinterpret_cast<const char*>(preview.pData()), preview.size()));
+    }
+  } catch (const Exiv2::AnyError& e) {
+    const char failed = kFailed;
+    ok = WriteAll(out, &failed, 1) && WriteString(out, std::to_string(e.code())) &&
+         WriteString(out, e.what());
+  } catch (...) {
+    ok = false;
+  }
+  _exit(ok ? 0 : 1);
+}
+
+// The chosen preview's extension and bytes from a bounded child; false when
+// there is none or the child did not answer in time. An Exiv2 error in the
+// child is raised here.
+bool ReadPreviewInChild(Exiv2::Image& image, const std::string& mime, ThumbDimension box,
+                        std::string* extension, std::string* data) {
+  int fds[2];
+  if (pipe2(fds, O_CLOEXEC) != 0) return false;
+  const pid_t pid = fork();
+  if (pid < 0) {
+    close(fds[0]);
+    close(fds[1]);
+    return false;
+  }
+  if (pid == 0) {
+    close(fds[0]);
+    PreviewChild(image, mime, box, fds[1]);
+  }
+  close(fds[1]);
+  const time_t deadline = time(nullptr) + kPreviewSeconds + 1;
+  char status = kNone;
+  std::string code, text;
+  bool answered = ReadAll(fds[0], &status, 1, deadline);
+  if (answered && status == kFound) {
+    answered = ReadString(fds[0], extension, deadline) && ReadString(fds[0], data, deadline);
+  } else if (answered && status == kFailed) {
+    answered = ReadString(fds[0], &code, deadline) && ReadString(fds[0], &text, deadline);
+  }
+  close(fds[0]);
+  kill(pid, SIGKILL);  // done with it either way; one that has exited is unaffected
+  int wstatus;
+  while (waitpid(pid, &wstatus, 0) < 0 && errno == EINTR) {
+  }
+  if (!answered) {
+    KT_LOG("Preview reader stopped: no answer within %d s", kPreviewSeconds);
+    return false;
+  }
+  if (status == kFailed) throw ChildExiv2Error(atoi(code.c_str()), text);
+  return status == kFound;
+}
+
+}  // namespace
+
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wdeprecated-declarations"
 void ThumbInfo::ExtractEXIFPreviewInfo(const std::auto_ptr<Exiv2::Image>& image) {
 #pragma GCC diagnostic pop
-  Exiv2::PreviewManager manager(*image);
-  const Exiv2::PreviewPropertiesList list = manager.getPreviewProperties();
-  std::vector<internal::PreviewProps> props;
-  props.reserve(list.size());
-  for (const Exiv2::PreviewProperties& p : list) {
-    props.push_back({p.mimeType_, p.width_, p.height_});
-  }
-  const int best = internal::ChoosePreview(props, mimeType_, dimension_);
-  if (best < 0) {
-    exifPreviewTmpPath_.clear();
-    return;
-  }
+  exifPreviewTmpPath_.clear();
+  std::string extension, data;
+  if (!ReadPreviewInChild(*image, mimeType_, dimension_, &extension, &data)) return;
 
-  Exiv2::PreviewImage preview = manager.getPreviewImage(list[static_cast<size_t>(best)]);
-  exifPreviewTmpPath_ = "/tmp/thumb." + std::to_string(static_cast<int>(getpid())) + "." +
-                        std::to_string(static_cast<long>(time(nullptr))) + "." +
-                        std::to_string(rand());
-  const long written = preview.writeFile(exifPreviewTmpPath_);
-  if (written == static_cast<long>(preview.size())) {
-    exifPreviewTmpPath_ += preview.extension();
+  // /tmp is everyone's: the file is ours only if we create it, and its name
+  // must not be guessable.
+  int fd = -1;
+  for (int attempt = 0; fd < 0 && attempt < 8; ++attempt) {
+    exifPreviewTmpPath_ = "/tmp/thumb." + std::to_string(static_cast<int>(getpid())) + "." +
+                          std::to_string(static_cast<long>(time(nullptr))) + "." +
+                          std::to_string(internal::RandomNumber()) + extension;
+    fd = internal::CreateExclusive(exifPreviewTmpPath_);
+  }
+  bool written = false;
+  if (fd >= 0) {
+    written = true;
+    for (size_t done = 0; written && done < data.size();) {
+      const ssize_t n = write(fd, data.data() + done, data.size() - done);
+      if (n < 0 && errno == EINTR) continue;
+      written = n > 0;
+      if (written) done += static_cast<size_t>(n);
+    }
+    if (close(fd) != 0) written = false;
+  }
+  if (written) {
     UpdateAMTime(exifPreviewTmpPath_);
   } else {
-    // Exiv2 wrote the name with its extension appended; the bare name is
-    // what is removed here.
-    unlink(exifPreviewTmpPath_.c_str());
+    if (fd >= 0) unlink(exifPreviewTmpPath_.c_str());
     exifPreviewTmpPath_.clear();
     KT_LOG("Write preview to file failed, %s", path_.c_str());
   }

@@ -22,12 +22,12 @@ ThumbInfo Jpeg(unsigned w, unsigned h, int rotate, ThumbDimension box, int userR
 
 TEST(ConvertArgvTest, ThumbnailMirrorAndRotations) {
   ConvertCmd plain(Jpeg(4000, 3000, 0, {640, 640}), "/p/a b.jpg", "/o/t.jpg");
-  EXPECT_EQ(plain.GetArgv(), (Args{"/usr/bin/convert", "-strip", "-colorspace", "sRGB", "/p/a b.jpg[0]",
+  EXPECT_EQ(plain.GetArgv(), (Args{"/usr/bin/convert", "-strip", "-colorspace", "sRGB", "jpeg:/p/a b.jpg[0]",
                                    "-thumbnail", "640x640", "-rotate", "0", "-rotate", "0", "/o/t.jpg"}));
   ThumbInfo mirrored = Jpeg(4000, 3000, 1, {320, 240}, 2);
   ThumbInfoTestAccess::SetFlop(&mirrored, true);
   ConvertCmd flop(mirrored, "/p/x.jpg[0]", "/o/t.jpg");  // a selector already there gets another
-  EXPECT_EQ(flop.GetArgv(), (Args{"/usr/bin/convert", "-strip", "-colorspace", "sRGB", "/p/x.jpg[0][0]",
+  EXPECT_EQ(flop.GetArgv(), (Args{"/usr/bin/convert", "-strip", "-colorspace", "sRGB", "jpeg:/p/x.jpg[0][0]",
                                   "-thumbnail", "240x320", "-rotate", "90", "-flop", "-rotate", "180",
                                   "/o/t.jpg"}));
 }

@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include <stdexcept>
+#include <string>
 
 namespace kovathumb {
 namespace internal {
@@ -19,7 +19,11 @@ TEST(OrientationIndexTest, StandardTagThenMakerNotes) {
   EXPECT_EQ(OrientationIndex(&one, &nine), 0);
   const std::string spaced = " 3 (rotate)";
   EXPECT_EQ(OrientationIndex(&spaced, nullptr), 2);
-  EXPECT_THROW(OrientationIndex(&junk, nullptr), std::invalid_argument);
+  const std::string huge = "99999999999";
+  for (const std::string* bad : {&junk, &huge}) {  // no number: no orientation, no exception
+    EXPECT_EQ(OrientationIndex(bad, nullptr), 0);
+    EXPECT_EQ(OrientationIndex(&one, bad), 0);
+  }
 }
 
 TEST(ChoosePreviewTest, BoxRules) {

@@ -21,6 +21,7 @@
 #include "cgi/request.h"
 #include "common/send.h"
 #include "common/tree.h"
+#include "common/watchdog.h"
 #include "kovathumb/error.h"
 #include "kovathumb/file.h"
 #include "kovathumb/thumb.h"
@@ -141,5 +142,14 @@ int Main() {
 int main() {
   // A client that goes away must not kill us halfway through storing.
   signal(SIGPIPE, SIG_IGN);
-  return kovathumb::cgi::Main();
+  // A request the library cannot finish in a tool's limits still gets an answer.
+  const char* head = getenv("REQUEST_METHOD");
+  const bool body = head == nullptr || strcmp(head, "HEAD") != 0;
+  const std::string headers = "Content-Type: text/plain; charset=utf-8\r\nCache-Control: no-store\r\n";
+  return kovathumb::tool::RunBounded(
+      [] { return kovathumb::cgi::Main(); },
+      "Status: 503 Service Unavailable\r\n" + headers + "Retry-After: 60\r\nContent-Length: 5\r\n\r\n" +
+          (body ? "busy\n" : ""),
+      "Status: 500 Internal Server Error\r\n" + headers + "Content-Length: 15\r\n\r\n" +
+          (body ? "internal error\n" : ""));
 }

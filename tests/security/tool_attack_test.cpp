@@ -1,0 +1,148 @@
+// Attacks on what the library hands its tools, and on the files they make,
+// by an ordinary user who owns one folder of the tree, against root.
+#include <stdlib.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <array>
+#include <chrono>
+#include <string>
+#include <vector>
+
+#include "convert_cmd/tool_files.h"
+#include "kovaplatform/kovaplatform.h"
+#include "kovathumb/convert_cmd.h"
+#include "kovathumb/thumb_info.h"
+#include "support/attacker.h"
+#include "support/dng.h"
+
+namespace kovathumb {
+namespace {
+
+using test::AsAttacker;
+using test::AttackTree;
+
+ThumbInfo Probe(const std::string& path, ThumbDimension box = {120, 120}, bool preview = false) {
+  ThumbInfo info(path, "small", box);
+  info.SetEnableGIF(true);
+  info.ExtractImgInfo(preview);
+  return info;
+}
+
+// Links at every name a predictable temporary could take in the next seconds.
+bool PlantLinks(const std::string& head, const std::string& tail, const std::string& target) {
+  const long now = static_cast<long>(time(nullptr));
+  for (long t = now; t < now + 4; ++t) {
+    if (symlink(target.c_str(), (head + std::to_string(t) + tail).c_str()) != 0) return false;
+  }
+  return true;
+}
+
+void RemoveLinks(const std::string& head, const std::string& tail) {
+  const long now = static_cast<long>(time(nullptr));
+  for (long t = now - 30; t < now + 4; ++t) unlink((head + std::to_string(t) + tail).c_str());
+}
+
+// Class 3: the reader is pinned to the format we convert, whatever the content says.
+TEST(ToolAttackTest, ConverterReadsOnlyTheFormatsWeConvert) {
+  KT_SKIP_UNLESS_ROOT();
+  const std::vector<std::array<std::string, 3>> cases = {  // leading bytes, probed type, coder
+      {"\xFF\xD8\xFF\xE0", "", "jpeg"}, {"\x89PNG\r\n\x1A\n", "", "png"}, {"GIF89a", "", "gif"},
+      {std::string("MM\0*", 4), "", "tiff"}, {"", "image/png", "png"},  // unreadable here: the probe decides
+      {"<?xpacket begin", "image/jpeg", ""}, {"<svg ", "", ""}, {"", "application/rdf+xml", ""}};
+  for (const auto& c : cases) EXPECT_EQ(internal::MagickCoder(c[0], c[1]), c[2]) << c[0] << c[1];
+  AttackTree t;
+  const std::string svg = "<?xpacket begin=\"\" id=\"W5M0MpCehiHzreSzNTczkc9d\"?>\n"
+                          "<svg xmlns=\"http://www.w3.org/2000/svg\" xmlns:xlink=\"http://www.w3.org/1999/xlink\""
+                          " width=\"800\" height=\"600\"><image xlink:href=\"" + t.secret +
+                          "\" width=\"800\" height=\"600\"/></svg>\n<?xpacket end=\"w\"?>\n";
+  for (const char* name : {"x.jpg", "x.png", "x.tif"}) {
+    const std::string path = t.mine + "/" + name;
+    ASSERT_TRUE(AsAttacker([&] { test::WriteFile(path, svg); return true; }));
+    const std::string out = t.top / "out.jpg";
+    try {
+      ConvertCmd cmd(Probe(path), path, out);
+      EXPECT_FALSE(cmd.exec()) << name;
+    } catch (const std::exception&) {  // refused by the probe: as good
+    }
+    EXPECT_FALSE(t.Leaks(test::Exists(out) ? test::ReadFile(out) : "")) << name;
+    unlink(out.c_str());
+  }
+  // Pattern characters in names change nothing that is read or written.
+  for (const char* name : {"50%off.png", "a[1].png", "%d[0].gif"}) {
+    const std::string path = t.mine + "/" + name;
+    const std::string plain = t.top / (name[0] == '%' ? "plain.gif" : "plain.png");
+    test::MakeImage(plain, 200, 100, "xc:green");  // the maker would read the name as a pattern
+    ASSERT_EQ(rename(plain.c_str(), path.c_str()), 0);
+    const std::string out = t.top / "t.png";
+    if (name[0] == '%') {
+      GIFConvertCmd gif(Probe(path), path, out);
+      EXPECT_TRUE(gif.exec()) << name;
+    } else {
+      EXPECT_TRUE(ConvertCmd(Probe(path), path, out).exec()) << name;
+    }
+    EXPECT_EQ(test::ImageSize(out).first, 120u) << name;
+    unlink(out.c_str());
+  }
+}
+
+// Class 4: links planted at the temporary names are never written through.
+TEST(ToolAttackTest, TemporaryFilesAreCreatedExclusively) {
+  KT_SKIP_UNLESS_ROOT();
+  AttackTree t;
+  const std::string secret = test::ReadFile(t.secret);
+  const std::string gif = t.mine + "/anim.gif";
+  test::MakeImage(gif, 200, 100, "xc:green");
+  const std::string coalesce = "/var/tmp/convert_thumbnail__";
+  ASSERT_TRUE(AsAttacker([&] { return PlantLinks(coalesce, "anim.gif", t.secret); }));
+  GIFConvertCmd cmd(Probe(gif), gif, t.top / "t.gif");
+  EXPECT_TRUE(cmd.exec());
+  RemoveLinks(coalesce, "anim.gif");
+
+  // The preview's name has a random part; links at every name an unseeded
+  // rand() would give are not followed either.
+  const std::string cam = t.mine + "/cam.jpg";
+  test::MakeImage(cam, 1600, 1200, "plasma:");
+  test::MakeImage(t.mine + "/cam-thumb.jpg", 160, 120, "xc:blue");
+  test::MustSh("exiv2 -it " + test::Quote(cam));
+  const std::string head = "/tmp/thumb." + std::to_string(getpid()) + ".";
+  ASSERT_TRUE(AsAttacker([&] {
+    for (const char* r : {".1804289383.jpg", ".846930886.jpg"}) {
+      if (!PlantLinks(head, r, t.secret)) return false;
+    }
+    return true;
+  }));
+  ThumbInfo info = Probe(cam, {120, 120}, true);
+  const std::string preview = info.GetEXIFPreviewTmpPath();
+  EXPECT_EQ(test::ImageSize(preview), std::make_pair(160u, 120u));
+  unlink(preview.c_str());
+  for (const char* r : {".1804289383.jpg", ".846930886.jpg"}) RemoveLinks(head, r);
+
+  // dcraw's preview goes beside dst; a link there is not written through.
+  const std::string raw = t.mine + "/r.dng";
+  test::WriteFile(raw, test::MakeDng(256, 192, test::ReadFile(t.mine + "/cam-thumb.jpg"), 160, 120));
+  const std::string dst = t.mine + "/t.jpg";
+  ASSERT_TRUE(AsAttacker([&] { return PlantLinks(dst + "_" + std::to_string(getpid()) + "_", "", t.secret); }));
+  DcrawCmd dcraw(Probe(raw), raw, dst);
+  dcraw.exec();
+  EXPECT_EQ(test::ReadFile(t.secret), secret);
+}
+
+// Class 5: a tool read through a pipe ends with its wall time.
+TEST(ToolAttackTest, PipedToolsEndWithTheirWallTime) {
+  setenv("KOVAPLATFORM_CHILD_WALL_SECONDS", "2", 1);
+  const char* const argv[] = {"/bin/sleep", "60", nullptr};
+  const auto start = std::chrono::steady_clock::now();
+  FILE* stream = KLIBCPopenv("/bin/sleep", "r", argv);
+  ASSERT_NE(stream, nullptr);
+  char buf[16];
+  EXPECT_EQ(fread(buf, 1, sizeof buf, stream), 0u);
+  KLIBCPclose(stream);
+  unsetenv("KOVAPLATFORM_CHILD_WALL_SECONDS");
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));
+}
+
+}  // namespace
+}  // namespace kovathumb

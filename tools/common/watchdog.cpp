@@ -1,0 +1,95 @@
+#include "common/watchdog.h"
+
+#include <errno.h>
+#include <poll.h>
+#include <signal.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <time.h>
+#include <unistd.h>
+
+#include "kovaplatform/kovaplatform.h"
+
+namespace kovathumb {
+namespace tool {
+
+namespace {
+
+int WallSeconds() {
+  const char* v = getenv("KOVAPLATFORM_CHILD_WALL_SECONDS");  // tests shorten it
+  const int n = v != nullptr ? atoi(v) : 0;
+  return n > 0 ? n : KOVA_CHILD_WALL_SECONDS;
+}
+
+bool WriteAll(int fd, const char* p, size_t n) {
+  while (n > 0) {
+    const ssize_t w = write(fd, p, n);
+    if (w < 0 && errno == EINTR) continue;
+    if (w <= 0) return false;
+    p += w;
+    n -= static_cast<size_t>(w);
+  }
+  return true;
+}
+
+}  // namespace
+
+int RunBounded(const std::function<int()>& request, const std::string& timedOut,
+               const std::string& failed) {
+  fflush(stdout);
+  int fds[2];
+  if (pipe(fds) != 0) return request();
+  const pid_t pid = fork();
+  if (pid < 0) {
+    close(fds[0]);
+    close(fds[1]);
+    return request();
+  }
+  if (pid == 0) {
+    close(fds[0]);
+    if (dup2(fds[1], 1) < 0) _exit(1);
+    close(fds[1]);
+    struct rlimit as = {KOVA_CHILD_ADDRESS_SPACE, KOVA_CHILD_ADDRESS_SPACE};
+    struct rlimit cur;
+    if (getrlimit(RLIMIT_AS, &cur) == 0 && cur.rlim_cur > as.rlim_cur) setrlimit(RLIMIT_AS, &as);
+    const int status = request();
+    fflush(stdout);
+    _exit(status);
+  }
+  close(fds[1]);
+  const time_t deadline = time(nullptr) + WallSeconds();
+  bool relayed = false, writable = true, timeout = false;
+  char buf[65536];
+  for (;;) {
+    const time_t left = deadline - time(nullptr);
+    struct pollfd p = {fds[0], POLLIN, 0};
+    const int ready = left > 0 ? poll(&p, 1, static_cast<int>(left) * 1000) : 0;
+    if (ready < 0 && errno == EINTR) continue;
+    if (ready <= 0) {
+      timeout = true;
+      break;
+    }
+    const ssize_t n = read(fds[0], buf, sizeof buf);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) break;
+    relayed = true;
+    // A client that left is not waited for; the child still ends in bounds.
+    if (writable) writable = WriteAll(1, buf, static_cast<size_t>(n));
+  }
+  close(fds[0]);
+  if (timeout) kill(pid, SIGKILL);
+  int status = 0;
+  while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+  }
+  const bool exited = !timeout && WIFEXITED(status);
+  if (!relayed && !exited) {
+    const std::string& answer = timeout ? timedOut : failed;
+    WriteAll(1, answer.data(), answer.size());
+  }
+  return exited ? WEXITSTATUS(status) : 1;
+}
+
+}  // namespace tool
+}  // namespace kovathumb
