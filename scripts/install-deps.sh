@@ -8,7 +8,7 @@ packages=(
   cmake g++ make pkg-config
   libexiv2-dev libheif-dev libcli11-dev nlohmann-json3-dev libgtest-dev
   imagemagick libjpeg-turbo-progs dcraw
-  exiv2 libheif-examples libimage-exiftool-perl
+  exiv2 libheif-examples libimage-exiftool-perl libvips-tools
   lighttpd ffmpeg chromium curl
   clang libclang-rt-14-dev valgrind wrk
 )

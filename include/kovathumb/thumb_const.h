@@ -24,7 +24,8 @@ inline constexpr char kLetterXLarge[] = "XL";
 inline constexpr const char* kImageExtensions[] = {
     "jpg", "jpeg", "jpe", "bmp", "png", "tif", "tiff", "gif",  "arw", "srf", "sr2",
     "dcr", "k25",  "kdc", "cr2", "crw", "nef", "mrw",  "ptx",  "pef", "raf", "3fr",
-    "erf", "mef",  "mos", "orf", "rw2", "dng", "x3f",  "raw",  "heic", "heif"};
+    "erf", "mef",  "mos", "orf", "rw2", "dng", "x3f",  "raw",  "heic", "heif",
+    "hif"};  // cameras' name for HEIF; read only in quality mode
 
 // Audio-only and disc names ("m4a", "ac3", "iso", ...) count as videos.
 inline constexpr const char* kVideoExtensions[] = {

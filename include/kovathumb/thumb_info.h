@@ -82,6 +82,9 @@ class KOVATHUMB_EXPORT ThumbInfo {
   void SetUserRotate(int quarterTurns);
   void SetEnableGIF(bool enable);
   void SetCropMode(bool crop);
+  // Quality mode: HEIFs are taken whenever libheif reads them (".hif" too),
+  // turned by their Exif orientation where libheif does not turn them.
+  void SetQuality(bool quality);
 
   // Gives `file` the source's access and modification times; utime's result.
   int UpdateAMTime(const std::string& file) const;
@@ -133,6 +136,7 @@ class KOVATHUMB_EXPORT ThumbInfo {
   bool flop_;
   bool enableGIF_;
   bool cropMode_;
+  bool quality_;
   struct stat64 fileStat_;
   std::shared_ptr<const int> sourceFd_;  // shared by copies
 };

@@ -118,6 +118,7 @@ void Thumb::SetOption(int options) {
   smallerFallback_ = (options & kThumbOptSmallerFallback) && !isVideo_;
   info_.enableGIF_ = enableGIF_;
   info_.cropMode_ = avatar_;
+  info_.SetQuality(options & 128);  // kThumbOptQuality
 }
 
 void Thumb::Rotate(int rotation) { info_.userRotate_ = rotation; }

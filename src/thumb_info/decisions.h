@@ -31,6 +31,14 @@ struct PreviewProps {
 int ChoosePreview(const std::vector<PreviewProps>& previews, const std::string& sourceMime,
                   ThumbDimension box);
 
+// Index into ThumbInfo::rotateFlopMappingList_ for a HEIF source whose
+// decoding (libheif's) already applies the file's own rotation and mirroring:
+// its Exif orientation counts only where it asks for a quarter turn that the
+// decoding visibly did not make (decoded size `w` x `h` equal to the stored
+// `ispeW` x `ispeH`, not square). Otherwise 0.
+int HeifOrientationIndex(int exifOrientation, uint32_t w, uint32_t h, uint32_t ispeW,
+                         uint32_t ispeH);
+
 // rotate + userRotate in 32 bits, wrapping rather than overflowing.
 inline int32_t TurnSum(int32_t rotate, int32_t userRotate) {
   return static_cast<int32_t>(static_cast<uint32_t>(rotate) + static_cast<uint32_t>(userRotate));

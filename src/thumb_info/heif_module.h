@@ -12,15 +12,18 @@ extern "C" {
 
 // Results of kovathumb_heif_probe.
 enum {
-  KOVATHUMB_HEIF_ACCEPTED = 1,       // first metadata block is Exif; size set
-  KOVATHUMB_HEIF_REJECTED = 0,       // no metadata, or another block first
+  KOVATHUMB_HEIF_ACCEPTED = 1,       // first metadata block is Exif; result set
+  KOVATHUMB_HEIF_REJECTED = 0,       // no metadata, or another block first; result set
   KOVATHUMB_HEIF_ERROR = -1,         // libheif error: code, subcode, message set
   KOVATHUMB_HEIF_RUNTIME_ERROR = -2  // other run-time error: message set
 };
 
 struct KovathumbHeifResult {
-  uint32_t width;
+  uint32_t width;   // as decoded, libheif's rotation and mirroring applied
   uint32_t height;
+  uint32_t ispeWidth;  // as stored
+  uint32_t ispeHeight;
+  int exifOrientation;  // of the first Exif block, 0 when none or unreadable
   int code;
   int subcode;
   char message[512];

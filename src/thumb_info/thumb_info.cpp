@@ -40,9 +40,12 @@ bool OddTurns(int32_t rotate, int32_t userRotate) {
 
 // Debian's Exiv2 0.27 opens HEIF files as QuickTime video with no size,
 // instead of rejecting them. We read photos only, so a source it takes for a
-// video container is an unknown image type to us.
-bool IsVideoContainer(const Exiv2::Image& image) {
-  return image.mimeType().compare(0, 6, "video/") == 0;
+// video container is an unknown image type to us, however far its reading
+// got. Asked only after readMetadata(): the TIFF reader fixes its type and
+// primary image on the first mimeType() call, and before reading that is the
+// first sub-image (a raw's small thumbnail), not the raw itself.
+bool IsVideoContainer(const std::string& mimeType) {
+  return mimeType.compare(0, 6, "video/") == 0;
 }
 
 // Exiv2 writes its warnings to standard error, which in a CGI process is the
@@ -71,7 +74,8 @@ ThumbInfo::ThumbInfo(const std::string& path, const std::string& size, const Thu
       heic_(false),
       flop_(false),
       enableGIF_(false),
-      cropMode_(false) {
+      cropMode_(false),
+      quality_(false) {
   memset(&fileStat_, 0, sizeof fileStat_);
   // Opened once, without following a link: every later reading (ours and
   // the tools') is of this very file.
@@ -108,11 +112,16 @@ void ThumbInfo::ExtractImgInfo(bool withPreview) {
         throw Exiv2::Error(Exiv2::kerDataSourceOpenFailed, path_, strerror(EACCES));
       }
       auto image = Exiv2::ImageFactory::open(PinnedSource(), true);  // a std::auto_ptr in Exiv2 0.27
-      if (IsVideoContainer(*image)) {
+      try {
+        image->readMetadata();
+      } catch (const Exiv2::AnyError&) {
+        if (!IsVideoContainer(image->mimeType())) throw;
+      }
+      const std::string mimeType = image->mimeType();
+      if (IsVideoContainer(mimeType)) {
         throw Exiv2::Error(Exiv2::kerFileContainsUnknownImageType, path_);
       }
-      image->readMetadata();
-      mimeType_ = image->mimeType();
+      mimeType_ = mimeType;
       width_ = static_cast<uint32_t>(image->pixelWidth());
       height_ = static_cast<uint32_t>(image->pixelHeight());
       if (withPreview) ExtractEXIFPreviewInfo(image);
@@ -131,7 +140,7 @@ void ThumbInfo::ExtractImgInfo(bool withPreview) {
     if (code == kExivCannotOpen) throw Error(603, text);
     if (code != kExivUnknownType) throw Error(601, text);
     const std::string ext = file::GetFileExt(BaseName(path_));
-    if (ext == "heif" || ext == "heic") {
+    if (ext == "heif" || ext == "heic" || (quality_ && ext == "hif")) {
       CheckAndGetHeif();
       if (IsHeic()) return;
     }
@@ -160,6 +169,7 @@ bool ThumbInfo::GetCropMode() const { return cropMode_; }
 void ThumbInfo::SetUserRotate(int quarterTurns) { userRotate_ = quarterTurns; }
 void ThumbInfo::SetEnableGIF(bool enable) { enableGIF_ = enable; }
 void ThumbInfo::SetCropMode(bool crop) { cropMode_ = crop; }
+void ThumbInfo::SetQuality(bool quality) { quality_ = quality; }
 
 std::string ThumbInfo::GetOutputMimeType() const {
   if (mimeType_ == kMimeGif && enableGIF_ && !cropMode_) return kMimeGif;

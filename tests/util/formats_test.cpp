@@ -29,7 +29,7 @@ TEST(FormatsTest, ImageAndVideoNames) {
 }
 
 TEST(FormatsTest, SetsAreComplete) {
-  EXPECT_EQ(ImageExtensionSet().size(), 32u);
+  EXPECT_EQ(ImageExtensionSet().size(), 33u);
   EXPECT_EQ(VideoExtensionSet().size(), 48u);
   for (const char* ext : kImageExtensions) EXPECT_FALSE(IsSupportVideo(ext)) << ext;
   for (const char* ext : kVideoExtensions) EXPECT_FALSE(IsSupportImage(ext)) << ext;
