@@ -66,13 +66,9 @@ void ThumbInfo::CheckAndGetHeif() {
     return;
   }
   KovathumbHeifResult result;
-<<<<<<< HEAD
-  switch (probe(PinnedSource().c_str(), &result)) {
-=======
-  const int outcome = probe(path_.c_str(), &result);
+  const int outcome = probe(PinnedSource().c_str(), &result);
   const bool readable = result.width != 0 && result.height != 0;
   switch (outcome) {
->>>>>>> h7-probe
     case KOVATHUMB_HEIF_ACCEPTED:
     case KOVATHUMB_HEIF_REJECTED: {
       if (outcome == KOVATHUMB_HEIF_REJECTED && !(quality_ && readable)) break;
