@@ -90,7 +90,7 @@ TEST_F(StoreAttackTest, PlantedLinksFifosAndDirectoriesAreNeverFollowed) {
     ASSERT_TRUE(Plant(c.what, c.name));
     const time_t start = time(nullptr);
     Request(c.options, "small", c.rotate);
-    EXPECT_LT(time(nullptr) - start, 20);  // a FIFO answers at once
+    EXPECT_LT(time(nullptr) - start, 60);  // a FIFO answers at once, not never
     ExpectContained();
   }
 }
