@@ -7,7 +7,8 @@
 // work that tools write goes into a private directory only we can write.
 // Files opened here are handed on as pinned paths ("/proc/self/fd/N" for
 // this process, "/proc/<pid>/fd/N" for our children), which name the very
-// inode we checked. Every system call of this is in safe_fs.cpp.
+// inode we checked. Every lookup by name, and every directory made or
+// removed, happens in safe_fs.cpp; callers work on the descriptors.
 #ifndef KOVATHUMB_UTIL_SAFE_FS_H_
 #define KOVATHUMB_UTIL_SAFE_FS_H_
 

@@ -55,8 +55,11 @@ class StoreAttackTest : public ::testing::Test {
     EXPECT_EQ(test::Capture("find " + Quote(t_.tree) + " -name 'KOVAFILETMP*' -o -name '.kovathumb-*'"), "");
   }
   bool Plant(const std::string& what, const std::string& at) {
-    const std::string ea = ea_, secret = t_.secret, outside = outside_, mine = t_.mine;
+    const std::string ea = ea_, secret = t_.secret, outside = outside_, mine = t_.mine, src = src_;
     return AsAttacker([=] {
+      // Their own photo as old as can be: whatever a link reaches is "up to date".
+      const struct timeval old[2] = {{1, 0}, {1, 0}};
+      if (utimes(src.c_str(), old) != 0) return false;
       const std::string path = what == "dotlink" ? mine + "/.kovaea" : ea + "/" + at;
       if (what != "dotlink" && system(("mkdir -p " + Quote(what == "ealink" ? mine + "/.kovaea" : ea)).c_str()) != 0) {
         return false;
@@ -90,7 +93,7 @@ TEST_F(StoreAttackTest, PlantedLinksFifosAndDirectoriesAreNeverFollowed) {
     ASSERT_TRUE(Plant(c.what, c.name));
     const time_t start = time(nullptr);
     Request(c.options, "small", c.rotate);
-    EXPECT_LT(time(nullptr) - start, 20);  // a FIFO answers at once
+    EXPECT_LT(time(nullptr) - start, 60);  // a FIFO answers at once, not never
     ExpectContained();
   }
 }
