@@ -62,9 +62,9 @@ std::string ConvertCmd::getConvertPath() {
 }
 
 bool ConvertCmd::exec() {
-  if (coder_.empty()) return false;  // not a format we convert
+  // Not a format we convert: fails like a converter that cannot read it.
   const std::string path = getConvertPath();
-  if (KLIBCExecv(path.c_str(), argv.data(), 1) == 0) return true;
+  if (!coder_.empty() && KLIBCExecv(path.c_str(), argv.data(), 1) == 0) return true;
   unlink(dst.c_str());
   return false;
 }

@@ -285,7 +285,7 @@ void ThumbInfo::ExtractEXIFPreviewInfo(const std::auto_ptr<Exiv2::Image>& image)
   }
   bool written = false;
   if (fd >= 0) {
-    written = true;
+    written = !data.empty();  // an empty preview is no preview
     for (size_t done = 0; written && done < data.size();) {
       const ssize_t n = write(fd, data.data() + done, data.size() - done);
       if (n < 0 && errno == EINTR) continue;

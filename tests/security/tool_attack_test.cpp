@@ -1,5 +1,6 @@
 // Attacks on what the library hands its tools, and on the files they make,
 // by an ordinary user who owns one folder of the tree, against root.
+#include <fcntl.h>
 #include <stdlib.h>
 #include <time.h>
 #include <unistd.h>
@@ -8,9 +9,11 @@
 
 #include <array>
 #include <chrono>
+#include <functional>
 #include <string>
 #include <vector>
 
+#include "common/watchdog.h"
 #include "convert_cmd/tool_files.h"
 #include "kovaplatform/kovaplatform.h"
 #include "kovathumb/convert_cmd.h"
@@ -130,9 +133,28 @@ TEST(ToolAttackTest, TemporaryFilesAreCreatedExclusively) {
   EXPECT_EQ(test::ReadFile(t.secret), secret);
 }
 
-// Class 5: a tool read through a pipe ends with its wall time.
-TEST(ToolAttackTest, PipedToolsEndWithTheirWallTime) {
+// What a program's bounded request answers on standard output.
+std::string Answer(const std::function<int()>& request) {
+  test::TempDir dir;
+  fflush(stdout);
+  const int saved = dup(1);
+  const int fd = open((dir / "out").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+  dup2(fd, 1);
+  close(fd);
+  tool::RunBounded(request, "503", "500");
+  dup2(saved, 1);
+  close(saved);
+  return test::ReadFile(dir / "out");
+}
+
+// Class 5: a tool read through a pipe, and a program's request, end with
+// the wall time; a request stopped before it answered still answers.
+TEST(ToolAttackTest, PipedToolsAndRequestsEndWithTheirWallTime) {
   setenv("KOVAPLATFORM_CHILD_WALL_SECONDS", "2", 1);
+  EXPECT_EQ(Answer([] { return printf("200") < 0; }), "200");
+  EXPECT_EQ(Answer([] { return sleep(60) > 0; }), "503");
+  EXPECT_EQ(Answer([] { return printf("2") + fflush(stdout) + sleep(60) > 0; }), "2");  // no second answer
+  EXPECT_EQ(Answer([]() -> int { abort(); }), "500");
   const char* const argv[] = {"/bin/sleep", "60", nullptr};
   const auto start = std::chrono::steady_clock::now();
   FILE* stream = KLIBCPopenv("/bin/sleep", "r", argv);
