@@ -1,29 +1,11 @@
 #include "common/send.h"
 
-#include <unistd.h>
-
 #include <cstdio>
 
 #include "kovathumb/thumb.h"
 
 namespace kovathumb {
 namespace tool {
-
-namespace {
-
-// TEMPORARY, until Thumb::DeleteOutputFile() is on this branch: the member
-// unlinks through the pinned EA directory; this stand-in unlinks by name and
-// goes away with the overload below once the member exists.
-template <typename T>
-auto DeleteOutput(T& thumb, int) -> decltype(thumb.DeleteOutputFile(), void()) {
-  thumb.DeleteOutputFile();
-}
-template <typename T>
-void DeleteOutput(T& thumb, long) {
-  unlink(thumb.GetOutputFile().c_str());
-}
-
-}  // namespace
 
 bool SendThumbnail(Thumb& thumb, const Wanted& wanted, bool deleteIfNeeded) {
   bool sent;
@@ -38,7 +20,7 @@ bool SendThumbnail(Thumb& thumb, const Wanted& wanted, bool deleteIfNeeded) {
     sent = thumb.Output(wanted.width, wanted.height) != 0;
   }
   std::fflush(stdout);
-  if (deleteIfNeeded && thumb.IsNeedDelete() && !thumb.GetOutputFile().empty()) DeleteOutput(thumb, 0);
+  if (deleteIfNeeded && thumb.IsNeedDelete() && !thumb.GetOutputFile().empty()) thumb.DeleteOutputFile();
   return sent;
 }
 
