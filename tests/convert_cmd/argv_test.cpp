@@ -110,7 +110,7 @@ TEST(GifArgvTest, CoalesceThenThumbnailWithoutMirror) {
   ASSERT_EQ(fake::State().exec_calls.size(), 1u);
   const Args coalesce = fake::State().exec_calls[0];
   ASSERT_EQ(coalesce.size(), 5u);
-  EXPECT_EQ(coalesce[1], "gif:/p/anim.gif");  // read as GIF, whatever the content
+  EXPECT_EQ(coalesce[2], "gif:/p/anim.gif");  // read as GIF, whatever the content
   EXPECT_EQ(coalesce[3], "-coalesce");
   const std::string tmp = "gif:/var/tmp/convert_thumbnail__" + std::to_string(static_cast<long>(time(nullptr)));
   EXPECT_EQ(coalesce[4].compare(0, 32, tmp.substr(0, 32)), 0) << coalesce[4];
