@@ -65,6 +65,7 @@ Thumb::Thumb(const std::string& path, int options, bool allowHeicOriginal)
 }
 
 Thumb::~Thumb() {
+  QualityRelease();
   const std::string preview = info_.GetEXIFPreviewTmpPath();
   if (!preview.empty()) unlink(preview.c_str());
 }
@@ -80,6 +81,8 @@ void Thumb::SetOption(int options) {
   smallerFallback_ = (options & kThumbOptSmallerFallback) && !isVideo_;
   info_.enableGIF_ = enableGIF_;
   info_.cropMode_ = avatar_;
+  quality_ = options & kThumbOptQuality;
+  info_.quality_ = quality_;
 }
 
 void Thumb::Rotate(int rotation) { info_.userRotate_ = rotation; }
@@ -126,7 +129,7 @@ std::string Thumb::CalcOutputFile() {
   if (isVideo_ && SetOutCinevoEA()) return outputFile_;
   if (avatar_ && SetOutAvatar()) return outputFile_;
   if (SetOutFromEXIFPreview()) return outputFile_;
-  if (allowHeicOriginal_ && info_.IsHeic() && SetOutOriginalImage()) return outputFile_;
+  if (allowHeicOriginal_ && !quality_ && info_.IsHeic() && SetOutOriginalImage()) return outputFile_;
   if (!noOnline_ && SetOutOnline()) return outputFile_;
   // Only a source that on-line conversion marked as good enough is served.
   if (originalOnlyWhenMarked_ && outputType_ != kThumbOutputOriginal) return std::string();
@@ -171,6 +174,7 @@ bool Thumb::SetOutStored(const std::string& name, bool needEAPath, bool conditio
   const std::string path = file::GetEAPath(path_, name);
   if (needEAPath && path.empty()) return Fail();
   if (!condition || !info_.IsThumbUptoDate(path)) return Fail();
+  if (quality_ && !isVideo_ && !QualityStoredOk(path)) return Fail();
   outputFile_ = path;
   outputType_ = type;
   return true;
@@ -207,6 +211,7 @@ std::string Thumb::GetOnlineOutputDest() const {
 }
 
 bool Thumb::SetOutFromEXIFPreview() {
+  if (quality_) return QualityFromPreview();
   if (!info_.IsGood()) return Fail();
   const std::string preview = info_.GetEXIFPreviewTmpPath();
   const std::string dest = file::GetEAPath(path_, info_.GetDossivaThumbEAName());
@@ -237,6 +242,7 @@ bool Thumb::SetOutFromEXIFPreview() {
 }
 
 bool Thumb::SetOutOnline() {
+  if (quality_) return QualityOnline();
   if (!info_.IsNeedConvert()) {
     outputType_ = kThumbOutputOriginal;
     return Fail();
@@ -398,6 +404,14 @@ bool Thumb::ConvertAll() {
 }
 
 int Thumb::Convert(std::initializer_list<std::string> sizes) {
+  if (quality_) {
+    std::vector<std::pair<std::string, ThumbDimension>> jobs;
+    for (const std::string& size : sizes) {
+      const auto it = strThumbSizeMap_.find(size);
+      jobs.emplace_back(size, it == strThumbSizeMap_.end() ? ThumbDimension{0, 0} : it->second);
+    }
+    return QualityConvert(std::move(jobs), true);
+  }
   int made = 0;
   for (const std::string& size : sizes) {
     try {
@@ -413,6 +427,11 @@ int Thumb::Convert(std::initializer_list<std::string> sizes) {
 }
 
 int Thumb::Convert(std::initializer_list<ThumbDimension> dimensions) {
+  if (quality_) {
+    std::vector<std::pair<std::string, ThumbDimension>> jobs;
+    for (const ThumbDimension& dimension : dimensions) jobs.emplace_back(kSizeCustom, dimension);
+    return QualityConvert(std::move(jobs), false);
+  }
   int made = 0;
   for (const ThumbDimension& dimension : dimensions) {
     try {

@@ -8,6 +8,7 @@
 #include <string>
 
 #include "kovathumb/thumb_info.h"
+#include "libkovathumb/quality.h"
 #include "thumb_info/decisions.h"
 #include "util/log.h"
 
@@ -98,7 +99,8 @@ void ThumbInfo::ExtractEXIFPreviewInfo(const std::auto_ptr<Exiv2::Image>& image)
   for (const Exiv2::PreviewProperties& p : list) {
     props.push_back({p.mimeType_, p.width_, p.height_});
   }
-  const int best = internal::ChoosePreview(props, mimeType_, dimension_);
+  const int best = quality_ ? internal::ChooseQualityPreview(props, width_, height_, dimension_)
+                            : internal::ChoosePreview(props, mimeType_, dimension_);
   if (best < 0) {
     exifPreviewTmpPath_.clear();
     return;
