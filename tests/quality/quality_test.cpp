@@ -118,7 +118,9 @@ TEST_F(QualityTest, ThumbnailsAreTheirTypeFitTheBoxUprightAndSrgb) {
     EXPECT_EQ(w, c.w);
     EXPECT_EQ(h, c.h);
     EXPECT_STREQ(space, "sRGB");
-    if (std::string(c.type) == "gif") EXPECT_GT(frames, 1u);  // still animated
+    if (std::string(c.type) == "gif") {
+      EXPECT_GT(frames, 1u);  // still animated
+    }
     EXPECT_STREQ(orientation, "Undefined");  // no tag left to turn it again
     EXPECT_TRUE(Near(Pixel(out, c.fx, c.fy), 200, 40, 40)) << Pixel(out, c.fx, c.fy);
     EXPECT_TRUE(Near(Pixel(out, 1 - c.fx, 1 - c.fy), 0, 0, 255)) << Pixel(out, 1 - c.fx, 1 - c.fy);
