@@ -167,6 +167,7 @@ class KOVATHUMB_EXPORT Thumb {
   bool QualityFromPreview();
   bool QualityOnline(const std::string* derived = nullptr);
   bool QualityFromRaw();
+  bool QualityFromHeif();
   bool QualityMake(const internal::QualityInput& in);
   std::string QualityWorkParent() const;
   int QualityConvert(std::vector<std::pair<std::string, ThumbDimension>> jobs, bool named);

@@ -31,6 +31,10 @@ constexpr int kConvertSizesLine = 95;
 constexpr int kConvertDimensionsLine = 113;
 constexpr char kSrgbProfile[] = "/usr/share/color/icc/colord/sRGB.icc";
 constexpr char kJpegQuality[] = "85";
+constexpr char kCjpeg[] = "/usr/bin/cjpeg";
+constexpr char kHeifConvert[] = "/usr/bin/heif-convert";
+// Larger decoded images go to ImageMagick, which bounds its own memory.
+constexpr uint64_t kMaxInProcessPixels = 16u << 20;
 
 std::string Geometry(ThumbDimension d, const char* flag) {
   return std::to_string(d.width) + "x" + std::to_string(d.height) + flag;
@@ -136,8 +140,19 @@ bool MakeThumb(const QualityInput& in, ThumbDimension box, bool crop, const std:
     const std::string scale =
         std::to_string(internal::DjpegEighths(facts.width, facts.height, fit)) + "/8";
     const std::string decoded = wd.File("decoded.ppm");
-    if (!Run({ThumbConvertCmd::kDjpeg, "-scale", scale, "-ppm", "-outfile", decoded, in.path})) {
+    if (!Run({ThumbConvertCmd::kDjpeg, "-scale", scale, "-rgb", "-ppm", "-outfile", decoded, in.path})) {
       return false;
+    }
+    // To a JPEG: shrink and turn here and let cjpeg write it, a fraction of
+    // an ImageMagick start.
+    internal::Pixels pixels;
+    if (outCoder == "jpeg" && !crop && internal::ReadPpm(decoded, kMaxInProcessPixels, &pixels)) {
+      pixels = internal::Orient(internal::Shrink(pixels, fit.width, fit.height), in.rotate, in.flop,
+                                in.userRotate);
+      const std::string scaled = wd.File("scaled.ppm");
+      return internal::WritePpm(scaled, pixels) &&
+             Run({kCjpeg, "-quality", kJpegQuality, "-outfile", wd.File(outName), scaled}) &&
+             wd.Has(outName);
     }
     args.push_back("ppm:" + decoded);
   } else {
@@ -224,7 +239,8 @@ bool Thumb::QualityOnline(const std::string* derived) {
   if (!info_.IsGood()) return Fail();
   const QualityInput source{path_, info_.IsHeic() ? "heic" : internal::CoderFor(info_.GetMimeType()),
                             info_.GetRotate(), info_.GetFlop(), info_.GetUserRotate()};
-  if (info_.IsWebAcceptable() || info_.IsHeic()) return QualityMake(source);
+  if (info_.IsHeic()) return QualityFromHeif() || QualityMake(source);
+  if (info_.IsWebAcceptable()) return QualityMake(source);
   // Raw files: the camera's own preview, scaled from its size; else the
   // whole image where ImageMagick has a reader for the type.
   return QualityFromRaw() || (!source.coder.empty() && QualityMake(source));
@@ -249,6 +265,16 @@ bool Thumb::QualityFromRaw() {
   if (!ok) return Fail();
   const std::string coder = internal::ScanJpegFile(raw).ok ? "jpeg" : "pnm";
   return QualityMake({raw, coder, info_.GetRotate(), info_.GetFlop(), info_.GetUserRotate()});
+}
+
+bool Thumb::QualityFromHeif() {
+  // libheif's own tool decodes (and turns, as the file says) in a third of
+  // ImageMagick's time; its JPEG is then shrunk while it loads.
+  WorkDir wd(QualityWorkParent());
+  if (!wd.ok()) return Fail();
+  const std::string decoded = wd.File("decoded.jpg");
+  if (!Run({kHeifConvert, "-q", "90", path_, decoded}) || !wd.Has("decoded.jpg")) return Fail();
+  return QualityMake({decoded, "jpeg", info_.GetRotate(), info_.GetFlop(), info_.GetUserRotate()});
 }
 
 std::string Thumb::QualityWorkParent() const {

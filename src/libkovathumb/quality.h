@@ -53,6 +53,20 @@ bool ServesOriginal(const std::string& mime, const std::string& outputMime, uint
 // when we have none.
 std::string CoderFor(const std::string& mime);
 
+// 8-bit RGB pixels, rows top to bottom.
+struct Pixels {
+  uint32_t width = 0;
+  uint32_t height = 0;
+  std::vector<unsigned char> rgb;
+};
+// A binary PPM of at most `maxPixels`, maxval 255; false for anything else.
+bool ReadPpm(const std::string& path, uint64_t maxPixels, Pixels* out);
+bool WritePpm(const std::string& path, const Pixels& image);
+// Shrinks `in` to `w` x `h` (each at most the input's) by area averaging.
+Pixels Shrink(const Pixels& in, uint32_t w, uint32_t h);
+// Turns by `rotate` quarter turns, mirrors, then turns by `userRotate`.
+Pixels Orient(const Pixels& in, int rotate, bool flop, int userRotate);
+
 }  // namespace internal
 }  // namespace kovathumb
 
