@@ -87,6 +87,7 @@ drop() { echo "rm -rf '$data/.kovaea'"; }
 onfly() {  # onfly KEY FILE JPEG?
   local key=$1 src=$2 jpeg=$3
   measure "$key.ours" "$(drop)" "$RUNS" "$K" get big "$src"
+  measure "$key.quality" "$(drop)" "$RUNS" "$K" get --quality big "$src"
   if [ "$jpeg" = yes ]; then
     # The bare pipeline of our request: djpeg with the same arguments, then
     # convert with the same arguments where the image must turn.
@@ -129,9 +130,26 @@ measure hit.cgi true $(( RUNS * 3 )) env KOVATHUMB_ROOT="$data" REQUEST_METHOD=G
 measure hit.cat true $(( RUNS * 3 )) cat "$stored"
 
 echo "measuring the batch case ($PHOTOS photos)..." >&2
-measure batch.j1 "rm -rf '$data/batch/.kovaea'" 1 "$K" index --no-progress -j 1 "$data/batch"
-measure batch.j2 "rm -rf '$data/batch/.kovaea'" 1 "$K" index --no-progress -j 2 "$data/batch"
-measure batch.rerun true "$RUNS" "$K" index --no-progress -j 2 "$data/batch"
+measure batch.j1 "rm -rf '$data/batch/.kovaea'" 1 "$K" index --appliance --no-progress -j 1 "$data/batch"
+measure batch.j2 "rm -rf '$data/batch/.kovaea'" 1 "$K" index --appliance --no-progress -j 2 "$data/batch"
+measure batch.rerun true "$RUNS" "$K" index --appliance --no-progress -j 2 "$data/batch"
+measure batch.q1 "rm -rf '$data/batch/.kovaea'" 1 "$K" index --no-progress -j 1 "$data/batch"
+measure batch.q2 "rm -rf '$data/batch/.kovaea'" 1 "$K" index --no-progress -j 2 "$data/batch"
+
+echo "measuring the demo gallery's \"medium\" tiles..." >&2
+rm -rf "$data/samples"
+MAKE_DNG="$B/tests/kovathumb_make_dng" scripts/make-samples.sh "$data/samples" >/dev/null 2>&1 || true
+tiles() {  # tiles FLAGS...: bytes of every photo's "medium" response, made on the fly
+  local total=0 n=0 f
+  while IFS= read -r -d '' f; do
+    rm -rf "$data/samples/.kovaea"
+    total=$(( total + $("$K" get "$@" medium "$f" 2>/dev/null | wc -c) ))
+    n=$(( n + 1 ))
+  done < <(find "$data/samples" -path '*/.kovaea' -prune -o -type f ! -name '*.mp4' -print0)
+  echo "$n $total"
+}
+read -r tiles_n tiles_appliance < <(tiles)
+read -r _ tiles_quality < <(tiles --quality)
 
 echo "probing our own share..." >&2
 rm -rf "$data/.kovaea"
@@ -155,6 +173,7 @@ probe_jpg=$("$PROBE" 0 big "$data/big.jpg" 2>&1 >/dev/null)
     esac
     header "$title"
     row "$key.ours" "kovathumb get big" 
+    row "$key.quality" "kovathumb get --quality big" "$key.ours"
     [ -n "${MED[$key.pipeline]:-}" ] && row "$key.pipeline" "bare pipeline (same djpeg$( [ $key = big6 ] && echo ' + convert') arguments)" "$key.ours"
     row "$key.vips" "vipsthumbnail -s 640x640" "$key.ours"
     row "$key.convert" "convert -thumbnail 640x640" "$key.ours"
@@ -169,9 +188,22 @@ probe_jpg=$("$PROBE" 0 big "$data/big.jpg" 2>&1 >/dev/null)
   row batch.j1 "index -j 1"
   row batch.j2 "index -j 2"
   row batch.rerun "index -j 2, re-run over the unchanged tree"
+  row batch.q1 "index -j 1 (quality mode)" batch.j1
+  row batch.q2 "index -j 2 (quality mode)" batch.j2
   awk -v n="$PHOTOS" -v a="${MED[batch.j1]}" -v b="${MED[batch.j2]}" -v c="${MED[batch.rerun]}" 'BEGIN {
     printf "\nPhotos per second: -j 1 %.1f, -j 2 %.1f (%.2f×); re-run %.0f× faster than the first -j 2 run.\n",
       n / (a / 1000), n / (b / 1000), a / b, b / c }'
+  printf '\n### %s\n\n' "Quality mode against the targets"
+  echo "| case | quality mode | reference | ratio |"
+  echo "|---|---:|---:|---:|"
+  for key in big big6 heic; do
+    printf '| on the fly "big", %s | %.1f ms | vipsthumbnail %.1f ms | %s× |\n' "$key" "${MED[$key.quality]}" "${MED[$key.vips]}" \
+      "$(ratio "$key.quality" "$key.vips")"
+  done
+  awk -v n="$PHOTOS" -v a="${MED[batch.q2]}" -v b="${MED[batch.j2]}" 'BEGIN {
+    printf "| index -j 2, photos/s | %.1f | appliance %.1f | %.2f× |\n", n / (a / 1000), n / (b / 1000), b / a }'
+  awk -v n="$tiles_n" -v a="$tiles_quality" -v b="$tiles_appliance" 'BEGIN {
+    printf "| demo gallery, %d \"medium\" tiles | %.2f MB | appliance %.2f MB | %.2f× |\n", n, a / 1e6, b / 1e6, a / b }'
   echo
   echo "### Our own share (one request, measured inside the process)"
   echo

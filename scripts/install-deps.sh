@@ -7,7 +7,7 @@ exec 1>&2
 packages=(
   cmake g++ make pkg-config
   libexiv2-dev libheif-dev libcli11-dev nlohmann-json3-dev libgtest-dev
-  imagemagick libjpeg-turbo-progs dcraw
+  imagemagick libjpeg-turbo-progs dcraw colord-data
   exiv2 libheif-examples libimage-exiftool-perl libvips-tools
   lighttpd ffmpeg chromium curl
   clang libclang-rt-14-dev valgrind wrk

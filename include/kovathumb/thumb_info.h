@@ -136,7 +136,7 @@ class KOVATHUMB_EXPORT ThumbInfo {
   bool flop_;
   bool enableGIF_;
   bool cropMode_;
-  bool quality_;
+  bool quality_ = false;  // set by Thumb: choose previews by quality mode's rules
   struct stat64 fileStat_;
   std::shared_ptr<const int> sourceFd_;  // shared by copies
 };

@@ -18,6 +18,7 @@
 #include "kovathumb/error.h"
 #include "kovathumb/file.h"
 #include "kovathumb/thumb_const.h"
+#include "libkovathumb/pinned.h"
 #include "libkovathumb/run_as_root_guard.h"
 #include "libkovathumb/store_rules.h"
 #include "thumb_info/decisions.h"
@@ -63,23 +64,6 @@ bool IsStorable(int fd, const struct stat64& st, const std::string& mime) {
 
 }  // namespace
 
-// What the current request holds open: the EA directory it looked in, the
-// output file it chose (sent and deleted through this very descriptor), and
-// the tools' private work directory.
-struct Thumb::Pinned {
-  safe_fs::Fd eaDir;
-  safe_fs::Fd output;
-  std::string outputPath;  // the output file this descriptor stands for
-  struct stat64 outputStat;
-  safe_fs::PrivateDir work;
-
-  void SetOutput(const std::string& path, safe_fs::Fd fd, const struct stat64& st) {
-    output = std::move(fd);
-    outputPath = path;
-    outputStat = st;
-  }
-};
-
 const std::map<std::string, ThumbDimension> Thumb::strThumbSizeMap_ = {
     {kSizeSmall, {120, 120}},   {kSizeMedium, {360, 360}},  {kSizeBig, {640, 640}},
     {kSizeLarge, {1280, 1280}}, {kSizeXLarge, {1280, 1280}}, {kSizeOriginal, {kUnlimited, kUnlimited}},
@@ -103,6 +87,7 @@ Thumb::Thumb(const std::string& path, int options, bool allowHeicOriginal)
 }
 
 Thumb::~Thumb() {
+  QualityRelease();
   const std::string preview = info_.GetEXIFPreviewTmpPath();
   if (!preview.empty()) unlink(preview.c_str());
 }
@@ -118,7 +103,8 @@ void Thumb::SetOption(int options) {
   smallerFallback_ = (options & kThumbOptSmallerFallback) && !isVideo_;
   info_.enableGIF_ = enableGIF_;
   info_.cropMode_ = avatar_;
-  info_.SetQuality(options & 128);  // kThumbOptQuality
+  quality_ = options & kThumbOptQuality;
+  info_.SetQuality(quality_);
 }
 
 void Thumb::Rotate(int rotation) { info_.userRotate_ = rotation; }
@@ -166,7 +152,7 @@ std::string Thumb::CalcOutputFile() {
   if (isVideo_ && SetOutCinevoEA()) return outputFile_;
   if (avatar_ && SetOutAvatar()) return outputFile_;
   if (SetOutFromEXIFPreview()) return outputFile_;
-  if (allowHeicOriginal_ && info_.IsHeic() && SetOutOriginalImage()) return outputFile_;
+  if (allowHeicOriginal_ && !quality_ && info_.IsHeic() && SetOutOriginalImage()) return outputFile_;
   if (!noOnline_ && SetOutOnline()) return outputFile_;
   // Only a source that on-line conversion marked as good enough is served.
   if (originalOnlyWhenMarked_ && outputType_ != kThumbOutputOriginal) return std::string();
@@ -247,6 +233,7 @@ bool Thumb::SetOutStored(const std::string& name, bool needEAPath, bool conditio
   struct stat64 st;
   safe_fs::Fd fd = ea < 0 ? safe_fs::Fd() : safe_fs::OpenRegularAt(ea, name, &st);
   if (!fd.valid() || !info_.IsThumbUptoDate(safe_fs::SelfPath(fd.get()))) return Fail();
+  if (quality_ && !isVideo_ && !QualityStoredOk(safe_fs::SelfPath(fd.get()))) return Fail();
   outputFile_ = path;
   pinned_->SetOutput(path, std::move(fd), st);
   outputType_ = type;
@@ -285,6 +272,7 @@ std::string Thumb::GetOnlineOutputDest() const {
 }
 
 bool Thumb::SetOutFromEXIFPreview() {
+  if (quality_) return QualityFromPreview();
   if (!info_.IsGood()) return Fail();
   const std::string preview = info_.GetEXIFPreviewTmpPath();
   const std::string dest = file::GetEAPath(path_, info_.GetDossivaThumbEAName());
@@ -336,6 +324,7 @@ bool Thumb::PrepareWork(bool inEADir, std::string* work) {
 }
 
 bool Thumb::SetOutOnline() {
+  if (quality_) return QualityOnline();
   if (!info_.IsNeedConvert()) {
     outputType_ = kThumbOutputOriginal;
     return Fail();
@@ -546,6 +535,14 @@ bool Thumb::ConvertAll() {
 }
 
 int Thumb::Convert(std::initializer_list<std::string> sizes) {
+  if (quality_) {
+    std::vector<std::pair<std::string, ThumbDimension>> jobs;
+    for (const std::string& size : sizes) {
+      const auto it = strThumbSizeMap_.find(size);
+      jobs.emplace_back(size, it == strThumbSizeMap_.end() ? ThumbDimension{0, 0} : it->second);
+    }
+    return QualityConvert(std::move(jobs), true);
+  }
   int made = 0;
   for (const std::string& size : sizes) {
     try {
@@ -561,6 +558,11 @@ int Thumb::Convert(std::initializer_list<std::string> sizes) {
 }
 
 int Thumb::Convert(std::initializer_list<ThumbDimension> dimensions) {
+  if (quality_) {
+    std::vector<std::pair<std::string, ThumbDimension>> jobs;
+    for (const ThumbDimension& dimension : dimensions) jobs.emplace_back(kSizeCustom, dimension);
+    return QualityConvert(std::move(jobs), false);
+  }
   int made = 0;
   for (const ThumbDimension& dimension : dimensions) {
     try {

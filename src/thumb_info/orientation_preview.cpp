@@ -17,11 +17,13 @@
 
 #include <cstdint>
 #include <exiv2/exiv2.hpp>
+#include <functional>
 #include <string>
 
 #include "convert_cmd/tool_files.h"
 #include "kovaplatform/kovaplatform.h"
 #include "kovathumb/thumb_info.h"
+#include "libkovathumb/quality.h"
 #include "thumb_info/decisions.h"
 #include "util/log.h"
 
@@ -187,7 +189,9 @@ bool ReadString(int fd, std::string* s, time_t deadline) {
   return ReadAll(fd, &(*s)[0], s->size(), deadline);
 }
 
-[[noreturn]] void PreviewChild(Exiv2::Image& image, const std::string& mime, ThumbDimension box,
+using PreviewChooser = std::function<int(const std::vector<internal::PreviewProps>&)>;
+
+[[noreturn]] void PreviewChild(Exiv2::Image& image, const PreviewChooser& choose,
                                int out) {
   signal(SIGALRM, SIG_DFL);
   alarm(kPreviewSeconds);
@@ -205,7 +209,7 @@ bool ReadString(int fd, std::string* s, time_t deadline) {
     std::vector<internal::PreviewProps> props;
     props.reserve(list.size());
     for (const Exiv2::PreviewProperties& p : list) props.push_back({p.mimeType_, p.width_, p.height_});
-    const int best = internal::ChoosePreview(props, mime, box);
+    const int best = choose(props);
     if (best < 0) {
       ok = WriteAll(out, "", 1);
     } else {
@@ -227,7 +231,7 @@ bool ReadString(int fd, std::string* s, time_t deadline) {
 // The chosen preview's extension and bytes from a bounded child; false when
 // there is none or the child did not answer in time. An Exiv2 error in the
 // child is raised here.
-bool ReadPreviewInChild(Exiv2::Image& image, const std::string& mime, ThumbDimension box,
+bool ReadPreviewInChild(Exiv2::Image& image, const PreviewChooser& choose,
                         std::string* extension, std::string* data) {
   int fds[2];
   if (pipe2(fds, O_CLOEXEC) != 0) return false;
@@ -239,7 +243,7 @@ bool ReadPreviewInChild(Exiv2::Image& image, const std::string& mime, ThumbDimen
   }
   if (pid == 0) {
     close(fds[0]);
-    PreviewChild(image, mime, box, fds[1]);
+    PreviewChild(image, choose, fds[1]);
   }
   close(fds[1]);
   const time_t deadline = time(nullptr) + kPreviewSeconds + 1;
@@ -271,8 +275,12 @@ bool ReadPreviewInChild(Exiv2::Image& image, const std::string& mime, ThumbDimen
 void ThumbInfo::ExtractEXIFPreviewInfo(const std::auto_ptr<Exiv2::Image>& image) {
 #pragma GCC diagnostic pop
   exifPreviewTmpPath_.clear();
+  const PreviewChooser choose = [this](const std::vector<internal::PreviewProps>& props) {
+    return quality_ ? internal::ChooseQualityPreview(props, width_, height_, dimension_)
+                    : internal::ChoosePreview(props, mimeType_, dimension_);
+  };
   std::string extension, data;
-  if (!ReadPreviewInChild(*image, mimeType_, dimension_, &extension, &data)) return;
+  if (!ReadPreviewInChild(*image, choose, &extension, &data)) return;
 
   // /tmp is everyone's: the file is ours only if we create it, and its name
   // must not be guessable.

@@ -19,8 +19,8 @@ TEST(CgiRequestTest, ParsesSizesFlagsAndApps) {
   EXPECT_EQ(r.path, "a b/c d.jpg");
   EXPECT_EQ(r.size, "big");
   EXPECT_EQ(r.rotate, -1);
-  EXPECT_EQ(r.options, 1 | 64);
-  ASSERT_TRUE(ParseRequest("path=x.jpg&w=300&h=200&avatar=1&gif=1", &r, &error));
+  EXPECT_EQ(r.options, 1 | 64 | 128);
+  ASSERT_TRUE(ParseRequest("path=x.jpg&w=300&h=200&avatar=1&gif=1&quality=0", &r, &error));
   EXPECT_EQ(r.width, 300u);
   EXPECT_EQ(r.options, 2 | 8 | 32);  // boxes never ask for gallery names
   ASSERT_TRUE(ParseRequest("list=1", &r, &error));

@@ -86,7 +86,7 @@ bool ParseRequest(const std::string& query, Request* r, std::string* error) {
   std::map<std::string, std::string> p;
   if (!ParseQuery(query, &p, error)) return false;
   static const std::set<std::string> known = {"list", "path", "size", "w", "h", "edge", "rotate",
-                                              "fallback", "avatar", "gif", "app"};
+                                              "fallback", "avatar", "gif", "app", "quality"};
   for (const auto& kv : p) {
     if (known.count(kv.first) == 0) return *error = "unknown parameter " + kv.first, false;
   }
@@ -138,6 +138,10 @@ bool ParseRequest(const std::string& query, Request* r, std::string* error) {
   if (r->gif) r->options |= kThumbOptEnableGIF;
   if (r->avatar) r->options |= kThumbOptAvatar;
   if (r->fallback) r->options |= kThumbOptSmallerFallback;
+  // Quality mode unless quality=0 asks for the appliance's thumbnails.
+  bool quality = true;
+  if (p.count("quality") && !Flag(p["quality"], &quality)) return *error = "bad quality", false;
+  if (quality) r->options |= kThumbOptQuality;
   return true;
 }
 

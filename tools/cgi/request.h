@@ -24,7 +24,8 @@ struct Request {
   bool fallback = false;
   bool avatar = false;
   bool gif = false;
-  int options = 0;     // option bits from app=pictavo|dossiva (both when absent)
+  int options = 0;     // option bits from app=pictavo|dossiva (both when absent) and
+                       // quality=0|1 (quality mode unless 0)
 };
 
 // Splits and percent-decodes `query` into `params`. False, with `error`

@@ -46,7 +46,8 @@ ThumbDimension SizeBox(const SizeArgs& args) {
 int OptionArgs::Bits() const {
   return raw | (pictavo ? kThumbOptPictavoEA : 0) | (dossiva ? kThumbOptDossivaEA : 0) |
          (noOnline ? kThumbOptNoOnline : 0) | (gif ? kThumbOptEnableGIF : 0) |
-         (avatar ? kThumbOptAvatar : 0) | (fallback ? kThumbOptSmallerFallback : 0);
+         (avatar ? kThumbOptAvatar : 0) | (fallback ? kThumbOptSmallerFallback : 0) |
+         (quality ? kThumbOptQuality : 0);
 }
 
 void AddThumbOptions(CLI::App* cmd, OptionArgs* args) {
@@ -56,6 +57,8 @@ void AddThumbOptions(CLI::App* cmd, OptionArgs* args) {
   cmd->add_flag("--gif", args->gif, "animated GIF thumbnails (8)");
   cmd->add_flag("--avatar", args->avatar, "avatar request (32)");
   cmd->add_flag("--fallback", args->fallback, "fall back to smaller sizes (64)");
+  cmd->add_flag("--quality", args->quality,
+                "quality mode (128): JPEG/PNG/GIF within the box, upright, sRGB");
   cmd->add_option("--options", args->raw, "raw option bits");
 }
 

@@ -41,6 +41,7 @@ void PrintLine(const Json& j);
 struct OptionArgs {
   bool pictavo = false, dossiva = false, noOnline = false, gif = false, avatar = false;
   bool fallback = false;
+  bool quality = false;
   int raw = 0;  // --options N, or-ed with the flags
   int Bits() const;
 };

@@ -46,8 +46,12 @@ struct IndexArgs {
   std::vector<std::string> sizes;
   bool json = false;
   bool noProgress = false;
+  bool appliance = false;
   std::vector<std::string> dirs;
 };
+
+// Quality mode unless --appliance; set once before the workers start.
+int g_thumbOptions = kThumbOptQuality;
 
 // ---- One file, in a worker ---------------------------------------------------------
 
@@ -60,7 +64,9 @@ struct Outcome {
   std::string error;
 };
 
-void MakeSize(const std::string& path, const std::string& size, Outcome* out) {
+// `shared`, when given, makes every size of the file: in quality mode it
+// makes smaller sizes from larger ones.
+void MakeSize(const std::string& path, const std::string& size, Thumb* shared, Outcome* out) {
   ThumbInfo info(path, size, Thumb::strThumbSizeMap_.at(size));
   try {
     info.ExtractImgInfo(false);
@@ -71,7 +77,9 @@ void MakeSize(const std::string& path, const std::string& size, Outcome* out) {
     ++out->upToDate;
     return;
   }
-  Thumb thumb(path, 0, false);
+  std::unique_ptr<Thumb> own;
+  if (shared == nullptr) own.reset(new Thumb(path, g_thumbOptions, false));
+  Thumb& thumb = shared != nullptr ? *shared : *own;
   if (thumb.Convert({size}) > 0) {
     ++out->made;
   } else if (thumb.GetOutputType() == "Original") {
@@ -141,12 +149,20 @@ Outcome WorkOn(const std::string& root, const std::string& rel, const std::vecto
       MakeScreenshot(path, &out);
       return out;
     }
-    for (const std::string& size : sizes) {
+    std::unique_ptr<Thumb> shared;
+    std::vector<std::string> order = sizes;
+    if (g_thumbOptions & kThumbOptQuality) {
+      shared.reset(new Thumb(path, g_thumbOptions, false));
+      std::stable_sort(order.begin(), order.end(), [](const std::string& a, const std::string& b) {
+        return Thumb::strThumbSizeMap_.at(a).width > Thumb::strThumbSizeMap_.at(b).width;
+      });
+    }
+    for (const std::string& size : order) {
       if (g_stopWorker) {
         out.interrupted = true;
         break;
       }
-      MakeSize(path, size, &out);
+      MakeSize(path, size, shared.get(), &out);
     }
   } catch (const Error& e) {
     out.error = pinned.Unpinned(e.what(), rel);
@@ -229,6 +245,7 @@ void DrawProgress(size_t done, size_t total, double elapsed) {
 }
 
 int RunIndex(const IndexArgs& args) {
+  g_thumbOptions = args.appliance ? 0 : kThumbOptQuality;
   std::vector<std::string> sizes = args.sizes;
   if (sizes.empty()) sizes = {kSizeSmall, kSizeMedium, kSizeBig, kSizeLarge, kSizeXLarge};
   for (const std::string& size : sizes) {
@@ -353,6 +370,7 @@ void AddIndexCommand(CLI::App& app, int* status) {
   cmd->add_option("--sizes", args->sizes, "sizes to make (default: all five)")->delimiter(',');
   cmd->add_flag("--json", args->json, "one JSON line per file and a summary line");
   cmd->add_flag("--no-progress", args->noProgress, "no progress bar on the terminal");
+  cmd->add_flag("--appliance", args->appliance, "the appliance's thumbnails instead of quality mode's");
   cmd->add_option("DIR", args->dirs, "directories")->required();
   cmd->callback([args, status] { *status = RunIndex(*args); });
 }

@@ -1,6 +1,7 @@
 // kovathumb make and kovathumb import: make or store thumbnails now.
 #include <errno.h>
 
+#include <algorithm>
 #include <cstring>
 #include <iostream>
 #include <memory>
@@ -52,8 +53,15 @@ int RunMake(const MakeArgs& args) {
       // enough already) is no failure. A request keeps its output type from
       // one call to the next, so each size gets a request of its own.
       int made = 0, original = 0, failed = 0;
+      // In quality mode one request makes every size, largest first, each
+      // from the one before.
+      const bool quality = args.options.Bits() & kThumbOptQuality;
+      std::unique_ptr<Thumb> shared;
+      if (quality) shared.reset(new Thumb(pinned.Path(), args.options.Bits(), false));
       auto count = [&](auto convert) {
-        Thumb thumb(pinned.Path(), args.options.Bits(), false);
+        std::unique_ptr<Thumb> own;
+        if (!quality) own.reset(new Thumb(pinned.Path(), args.options.Bits(), false));
+        Thumb& thumb = quality ? *shared : *own;
         if (convert(thumb) > 0) {
           ++made;
         } else if (thumb.GetOutputType() == "Original") {
@@ -62,7 +70,13 @@ int RunMake(const MakeArgs& args) {
           ++failed;
         }
       };
-      for (const std::string& size : sizes) count([&](Thumb& t) { return t.Convert({size}); });
+      std::vector<std::string> order = sizes;
+      if (quality) {
+        std::stable_sort(order.begin(), order.end(), [](const std::string& x, const std::string& y) {
+          return Thumb::strThumbSizeMap_.at(x).width > Thumb::strThumbSizeMap_.at(y).width;
+        });
+      }
+      for (const std::string& size : order) count([&](Thumb& t) { return t.Convert({size}); });
       for (const ThumbDimension& box : boxes) count([&](Thumb& t) { return t.Convert({box}); });
       PrintLine({{"path", path}, {"made", made}, {"original", original}, {"failed", failed}});
       if (failed > 0) status = kExitFailed;

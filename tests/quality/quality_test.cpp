@@ -1,0 +1,174 @@
+// Quality mode end to end: real fixtures, real tools, the real EA directory.
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "kovathumb/thumb.h"
+#include "libkovathumb/quality.h"
+#include "support/fake_platform.h"
+#include "support/test_util.h"
+
+namespace kovathumb {
+namespace {
+
+using test::Capture;
+using test::MustSh;
+using test::Quote;
+
+const std::string kIM = "/usr/bin/convert ";
+
+// "jpeg", "png", "gif" or "" by the file's first bytes.
+std::string ContentType(const std::string& path) {
+  const std::string head = test::ReadFile(path).substr(0, 4);
+  if (head.compare(0, 3, "\xFF\xD8\xFF") == 0) return "jpeg";
+  if (head == "\x89PNG") return "png";
+  if (head == "GIF8") return "gif";
+  return "";
+}
+
+// "W H colourspace frames orientation" of a thumbnail.
+std::string Facts(const std::string& path) {
+  return Capture("/usr/bin/identify -format '%w %h %[colorspace] %n %[orientation]\\n' " +
+                 Quote(path) + " | head -1");
+}
+
+// Red, green and blue (0..255) at a point given in fractions of the size.
+std::string Pixel(const std::string& path, double fx, double fy) {
+  return Capture(kIM + Quote(path + "[0]") + " -format '%[fx:int(255*p{" + std::to_string(fx) +
+                 "*w," + std::to_string(fy) + "*h}.r)] %[fx:int(255*p{" + std::to_string(fx) + "*w," +
+                 std::to_string(fy) + "*h}.g)] %[fx:int(255*p{" + std::to_string(fx) + "*w," +
+                 std::to_string(fy) + "*h}.b)]' info:");
+}
+
+bool Near(const std::string& rgb, int r, int g, int b) {
+  int x, y, z;
+  return sscanf(rgb.c_str(), "%d %d %d", &x, &y, &z) == 3 && abs(x - r) < 24 && abs(y - g) < 24 &&
+         abs(z - b) < 24;
+}
+
+struct Case {
+  const char* name;
+  const char* make;   // ImageMagick arguments writing the source (@ = its path)
+  int orientation;    // EXIF tag to set, 0 for none
+  int userRotate;
+  int options;
+  const char* size;
+  const char* type;   // expected content, "original" for the source itself
+  unsigned w, h;      // expected size
+  double fx, fy;      // where red (200, 40, 40) is expected
+};
+
+// An upright 400 x 300 picture: a red top-left quadrant on blue, stored
+// turned so that orientation N shows it upright.
+#define PHOTO "-size 400x300 xc:blue -fill 'rgb(200,40,40)' -draw 'rectangle 0,0 199,149' "
+const Case kCases[] = {
+    {"o1", PHOTO "-quality 95 @", 1, 0, 0, "medium", "jpeg", 360, 270, 0.25, 0.25},
+    {"o2", PHOTO "-flop @", 2, 0, 0, "medium", "jpeg", 360, 270, 0.25, 0.25},
+    {"o3", PHOTO "-rotate 180 @", 3, 0, 0, "medium", "jpeg", 360, 270, 0.25, 0.25},
+    {"o4", PHOTO "-flip @", 4, 0, 0, "medium", "jpeg", 360, 270, 0.25, 0.25},
+    {"o5", PHOTO "-transpose @", 5, 0, 0, "medium", "jpeg", 360, 270, 0.25, 0.25},
+    {"o6+user", PHOTO "-rotate 270 @", 6, 1, 0, "medium", "jpeg", 270, 360, 0.75, 0.25},
+    {"o7", PHOTO "-transverse @", 7, 0, 0, "medium", "jpeg", 360, 270, 0.25, 0.25},
+    {"o8+user", PHOTO "-rotate 90 @", 8, 2, 0, "medium", "jpeg", 360, 270, 0.75, 0.75},
+    {"cmyk", PHOTO "-colorspace CMYK @", 0, 0, 0, "small", "jpeg", 120, 90, 0.25, 0.25},
+    {"adobe", PHOTO "-profile /usr/share/color/icc/colord/sRGB.icc "
+              "-profile /usr/share/color/icc/colord/AdobeRGB1998.icc @", 0, 0, 0, "small", "jpeg", 120, 90,
+     0.25, 0.25},
+    {"png", PHOTO "-resize 800x600 png:@", 0, 0, 0, "medium", "png", 360, 270, 0.25, 0.25},
+    {"gif", "-size 200x150 xc:blue -fill 'rgb(200,40,40)' -draw 'rectangle 0,0 99,74' "
+            "\\( +clone -fill white -draw 'point 199,149' \\) -loop 0 gif:@",
+     0, 0, kThumbOptEnableGIF, "small", "gif", 120, 90, 0.25, 0.25},
+    {"fits", "-size 100x80 xc:'rgb(200,40,40)' @", 1, 0, 0, "medium", "original", 100, 80, 0.5, 0.5},
+};
+
+class QualityTest : public ::testing::Test {
+ protected:
+  void SetUp() override { fake::Reset(); }
+  void TearDown() override { fake::Reset(); }
+  std::string Make(const std::string& name, std::string make, int orientation) {
+    const std::string path = dir_ / name;
+    make.replace(make.find('@'), 1, Quote(path));
+    MustSh(kIM + make);
+    if (orientation != 0) test::SetExif(path, "Exif.Image.Orientation", std::to_string(orientation));
+    return path;
+  }
+  test::TempDir dir_;
+};
+
+TEST_F(QualityTest, ThumbnailsAreTheirTypeFitTheBoxUprightAndSrgb) {
+  for (const Case& c : kCases) {
+    SCOPED_TRACE(c.name);
+    const std::string ext = std::string(c.type) == "png" ? ".png" : std::string(c.type) == "gif" ? ".gif" : ".jpg";
+    const std::string src = Make(std::string(c.name) + ext, c.make, c.orientation);
+    Thumb thumb(src, kThumbOptQuality | c.options, false);
+    thumb.Rotate(c.userRotate);
+    const std::string out = thumb.CalcOutputFile(c.size);
+    ASSERT_FALSE(out.empty());
+    if (std::string(c.type) == "original") {
+      EXPECT_EQ(thumb.GetOutputType(), "Original");
+      EXPECT_EQ(out, src);
+      continue;
+    }
+    EXPECT_EQ(thumb.GetOutputType(), "Dossiva");
+    EXPECT_EQ(ContentType(out), c.type);
+    unsigned w = 0, h = 0, frames = 0;
+    char space[32] = {}, orientation[32] = {};
+    const std::string facts = Facts(out);
+    ASSERT_EQ(sscanf(facts.c_str(), "%u %u %31s %u %31s", &w, &h, space, &frames, orientation), 5) << facts;
+    EXPECT_EQ(w, c.w);
+    EXPECT_EQ(h, c.h);
+    EXPECT_STREQ(space, "sRGB");
+    if (std::string(c.type) == "gif") {
+      EXPECT_GT(frames, 1u);  // still animated
+    }
+    EXPECT_STREQ(orientation, "Undefined");  // no tag left to turn it again
+    EXPECT_TRUE(Near(Pixel(out, c.fx, c.fy), 200, 40, 40)) << Pixel(out, c.fx, c.fy);
+    EXPECT_TRUE(Near(Pixel(out, 1 - c.fx, 1 - c.fy), 0, 0, 255)) << Pixel(out, 1 - c.fx, 1 - c.fy);
+  }
+}
+
+TEST_F(QualityTest, PreviewsOfAnotherShapeAreNotUsedAndFiveSizesDecodeOnce) {
+  // A 3:2 photo whose embedded preview is 4:3 and green: its bars or its
+  // picture would show.
+  const std::string src = Make("barred.jpg", PHOTO "-resize 1500x1000! -quality 95 @", 0);
+  MustSh(kIM + "-size 160x120 xc:green " + Quote(dir_ / "barred-thumb.jpg") + " && exiv2 -it " +
+         Quote(src));
+  {
+    Thumb thumb(src, kThumbOptQuality, false);
+    const std::string out = thumb.CalcOutputFile("small");
+    ASSERT_FALSE(out.empty());
+    EXPECT_EQ(test::ImageSize(out), std::make_pair(120u, 80u));
+    EXPECT_TRUE(Near(Pixel(out, 0.25, 0.25), 200, 40, 40)) << Pixel(out, 0.25, 0.25);
+  }
+  MustSh("rm -rf " + Quote(dir_ / ".kovaea"));
+  fake::Reset();
+  Thumb thumb(src, kThumbOptQuality, false);
+  ASSERT_TRUE(thumb.ConvertAll());
+  int decodes = 0;
+  for (const auto& call : fake::State().exec_calls) {
+    for (const std::string& arg : call) decodes += arg.find(src) != std::string::npos ? 1 : 0;
+  }
+  EXPECT_EQ(decodes, 1);
+  const auto stored = test::ListDir(dir_.path() + "/.kovaea/barred.jpg", "KOVAFILE_THUMB_");
+  ASSERT_EQ(stored.size(), 4u);  // S, M, B and XL ("large" and "xlarge" share one)
+  for (const std::string& name : stored) {
+    const std::string path = dir_.path() + "/.kovaea/barred.jpg/" + name;
+    EXPECT_EQ(ContentType(path), "jpeg") << name;
+    EXPECT_TRUE(Near(Pixel(path, 0.25, 0.25), 200, 40, 40)) << name;
+  }
+  EXPECT_EQ(test::ImageSize(dir_.path() + "/.kovaea/barred.jpg/KOVAFILE_THUMB_XL.jpg"),
+            std::make_pair(1280u, 853u));
+}
+
+TEST(QualityDecisionsTest, FitsAndScales) {
+  using internal::FitInBox;
+  EXPECT_EQ(FitInBox(6000, 4000, {640, 640}).height, 427u);
+  EXPECT_EQ(FitInBox(100, 80, {640, 640}).width, 100u);  // never enlarged
+  EXPECT_EQ(internal::DjpegEighths(6000, 4000, {640, 427}), 1);
+  EXPECT_EQ(internal::DjpegEighths(1500, 1000, {1280, 853}), 7);
+  EXPECT_TRUE(internal::SameAspect(6036, 4020, 1620, 1080));
+  EXPECT_FALSE(internal::SameAspect(3000, 2000, 640, 480));
+}
+
+}  // namespace
+}  // namespace kovathumb
