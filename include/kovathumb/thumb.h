@@ -41,6 +41,7 @@ namespace kovathumb {
 namespace internal {
 struct QualityInput;
 class QualityWorkDir;
+struct Pixels;
 }  // namespace internal
 
 // What the chosen output file is.
@@ -169,6 +170,7 @@ class KOVATHUMB_EXPORT Thumb {
   bool QualityFromRaw();
   bool QualityFromHeif();
   bool QualityMake(const internal::QualityInput& in);
+  bool QualityStore(const internal::QualityWorkDir& wd, const std::string& name);
   std::string QualityWorkParent() const;
   int QualityConvert(std::vector<std::pair<std::string, ThumbDimension>> jobs, bool named);
   void QualityRelease();
@@ -177,6 +179,7 @@ class KOVATHUMB_EXPORT Thumb {
   // from which smaller sizes are made; owned, released by the destructor.
   internal::QualityWorkDir* qualityWork_ = nullptr;
   std::string qualityDerived_;
+  internal::Pixels* qualityPixels_ = nullptr;  // its upright pixels, when kept
   ThumbDimension qualityDerivedSize_ = {0, 0};
 };
 
