@@ -50,6 +50,7 @@ namespace kovathumb {
 namespace internal {
 struct QualityInput;
 class QualityWorkDir;
+struct Pixels;
 }  // namespace internal
 
 // What the chosen output file is.
@@ -191,6 +192,7 @@ class KOVATHUMB_EXPORT Thumb {
   bool QualityFromHeif();
   bool QualityMake(const internal::QualityInput& in);
   internal::QualityWorkDir* NewQualityWorkDir();
+  bool QualityStore(const internal::QualityWorkDir& wd, const std::string& name);
   int QualityConvert(std::vector<std::pair<std::string, ThumbDimension>> jobs, bool named);
   void QualityRelease();
   bool quality_ = false;
@@ -198,6 +200,7 @@ class KOVATHUMB_EXPORT Thumb {
   // from which smaller sizes are made; owned, released by the destructor.
   internal::QualityWorkDir* qualityWork_ = nullptr;
   std::string qualityDerived_;
+  internal::Pixels* qualityPixels_ = nullptr;  // its upright pixels, when kept
   ThumbDimension qualityDerivedSize_ = {0, 0};
 };
 

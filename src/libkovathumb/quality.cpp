@@ -107,7 +107,7 @@ bool Run(const std::vector<std::string>& args) {
 // Scales `in` into `box`, turns it upright, converts it to sRGB and writes
 // `outName` in `wd` as `outMime`.
 bool MakeThumb(const QualityInput& in, ThumbDimension box, bool crop, const std::string& outMime,
-               const WorkDir& wd, const std::string& outName) {
+               const WorkDir& wd, const std::string& outName, internal::Pixels* keep) {
   const bool odd = internal::TurnSum(in.rotate, in.userRotate) & 1;
   const ThumbDimension sensorBox = odd ? ThumbDimension{box.height, box.width} : box;
   const std::string outCoder = internal::CoderFor(outMime);
@@ -133,6 +133,7 @@ bool MakeThumb(const QualityInput& in, ThumbDimension box, bool crop, const std:
     if (outCoder == "jpeg" && !crop && internal::ReadPpm(decoded, kMaxInProcessPixels, &pixels)) {
       pixels = internal::Orient(internal::Shrink(pixels, fit.width, fit.height), in.rotate, in.flop,
                                 in.userRotate);
+      if (keep != nullptr) *keep = pixels;
       const std::string scaled = wd.File("scaled.ppm");
       return internal::WritePpm(scaled, pixels) &&
              Run({kCjpeg, "-quality", kJpegQuality, "-outfile", wd.File(outName), scaled}) &&
@@ -217,6 +218,20 @@ bool Thumb::QualityOnline(const std::string* derived) {
     outputType_ = kThumbOutputOriginal;
     return Fail();
   }
+  if (derived != nullptr && qualityPixels_ != nullptr && qualityWork_ != nullptr) {
+    // Its pixels are still here: no decoding at all.
+    const ThumbDimension fit =
+        internal::FitInBox(qualityPixels_->width, qualityPixels_->height, info_.GetDimension());
+    *qualityPixels_ = internal::Shrink(*qualityPixels_, fit.width, fit.height);
+    const std::string name = "thumb" + info_.GetOutputExtension();
+    const std::string scaled = qualityWork_->File("scaled.ppm");
+    if (!internal::WritePpm(scaled, *qualityPixels_) ||
+        !Run({kCjpeg, "-quality", kJpegQuality, "-outfile", qualityWork_->File(name), scaled}) ||
+        !qualityWork_->Has(name)) {
+      return Fail();
+    }
+    return QualityStore(*qualityWork_, name);
+  }
   if (derived != nullptr) {  // a larger thumbnail: already upright and in sRGB
     return QualityMake({*derived, internal::CoderFor(info_.GetOutputMimeType()), 0, false, 0});
   }
@@ -279,31 +294,40 @@ bool Thumb::QualityMake(const QualityInput& in) {
   }
   if (!wd->ok()) return Fail();
   const std::string ext = info_.GetOutputExtension();
+  internal::Pixels kept;
   if (!MakeThumb(in, info_.GetDimension(), info_.GetCropMode(), info_.GetOutputMimeType(), *wd,
-                 "thumb" + ext)) {
+                 "thumb" + ext, qualityWork_ != nullptr ? &kept : nullptr)) {
     KT_LOG("failed to make quality thumbnail of %s", path_.c_str());
     return Fail();
   }
-  const std::string made = wd->File("thumb" + ext);
+  if (qualityWork_ != nullptr && kept.width != 0) {
+    if (qualityPixels_ == nullptr) qualityPixels_ = new internal::Pixels;
+    *qualityPixels_ = std::move(kept);
+  }
+  return QualityStore(*wd, "thumb" + ext);
+}
+
+bool Thumb::QualityStore(const WorkDir& wd, const std::string& name) {
   if (!file::IsDestSupportEAWrite(file::Dirname(path_))) {
     // Served from a private directory under /var/tmp until the next request.
     std::string work;
     if (!PrepareWork(false, &work)) return Fail();
-    const std::string name = work.substr(work.rfind('/') + 1);
+    const std::string served = work.substr(work.rfind('/') + 1);
     struct stat64 st;
     safe_fs::Fd fd;
-    if (safe_fs::RenameAt(wd->fd(), "thumb" + ext, pinned_->work.fd(), name)) {
-      fd = safe_fs::OpenRegularAt(pinned_->work.fd(), name, &st);
+    if (safe_fs::RenameAt(wd.fd(), name, pinned_->work.fd(), served)) {
+      fd = safe_fs::OpenRegularAt(pinned_->work.fd(), served, &st);
     }
     if (!fd.valid()) return Fail();
-    outputFile_ = pinned_->work.path() + "/" + name;
+    outputFile_ = pinned_->work.path() + "/" + served;
     pinned_->SetOutput(outputFile_, std::move(fd), st);
     outputType_ = kThumbOutputDossivaVarTmp;
     return true;
   }
   // A batch makes its next smaller size from this one.
-  if (qualityWork_ != nullptr) qualityWork_->Link("thumb" + ext, "prev" + ext);
-  if (!SaveTmpThumbToEA(made)) return Fail();
+  const std::string ext = info_.GetOutputExtension();
+  if (qualityWork_ != nullptr) qualityWork_->Link(name, "prev" + ext);
+  if (!SaveTmpThumbToEA(wd.File(name))) return Fail();
   outputType_ = kThumbOutputDossiva;
   return true;
 }
@@ -354,6 +378,8 @@ int Thumb::QualityConvert(std::vector<std::pair<std::string, ThumbDimension>> jo
 void Thumb::QualityRelease() {
   delete qualityWork_;
   qualityWork_ = nullptr;
+  delete qualityPixels_;
+  qualityPixels_ = nullptr;
   qualityDerived_.clear();
 }
 

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -61,15 +62,21 @@ JpegFacts ScanJpeg(const unsigned char* data, size_t size) {
 JpegFacts ScanJpegFile(const std::string& path) {
   const int fd = open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
   if (fd < 0) return JpegFacts();
-  std::vector<unsigned char> head(kHeadBytes);
+  // Most frame headers are in the first 64 KiB; read more only when not.
+  std::unique_ptr<unsigned char[]> head(new unsigned char[kHeadBytes]);
   size_t got = 0;
-  while (got < head.size()) {
-    const ssize_t n = read(fd, head.data() + got, head.size() - got);
-    if (n <= 0) break;
-    got += static_cast<size_t>(n);
+  JpegFacts facts;
+  for (size_t want = 64 * 1024; want <= kHeadBytes; want *= 8) {
+    while (got < want) {
+      const ssize_t n = read(fd, head.get() + got, want - got);
+      if (n <= 0) break;
+      got += static_cast<size_t>(n);
+    }
+    facts = ScanJpeg(head.get(), got);
+    if (facts.ok || got < want) break;  // found, or the whole file read
   }
   close(fd);
-  return ScanJpeg(head.data(), got);
+  return facts;
 }
 
 ThumbDimension FitInBox(uint32_t w, uint32_t h, ThumbDimension box) {

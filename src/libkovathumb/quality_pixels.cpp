@@ -2,6 +2,7 @@
 // process than another ImageMagick start.
 #include <stdio.h>
 
+#include <algorithm>
 #include <string>
 #include <vector>
 
@@ -81,33 +82,33 @@ bool WritePpm(const std::string& path, const Pixels& image) {
 Pixels Shrink(const Pixels& in, uint32_t w, uint32_t h) {
   if (w == in.width && h == in.height) return in;
   const std::vector<Span> xs = Spans(in.width, w), ys = Spans(in.height, h);
-  // Rows first, into doubles, then columns.
-  std::vector<double> rows(static_cast<size_t>(in.height) * w * 3);
-  for (uint32_t y = 0; y < in.height; ++y) {
-    const unsigned char* src = &in.rgb[static_cast<size_t>(y) * in.width * 3];
-    double* dst = &rows[static_cast<size_t>(y) * w * 3];
-    for (uint32_t x = 0; x < w; ++x) {
-      double r = 0, g = 0, b = 0;
-      for (size_t k = 0; k < xs[x].weights.size(); ++k) {
-        const unsigned char* p = src + (xs[x].first + k) * 3;
-        r += p[0] * xs[x].weights[k];
-        g += p[1] * xs[x].weights[k];
-        b += p[2] * xs[x].weights[k];
-      }
-      dst[x * 3] = r, dst[x * 3 + 1] = g, dst[x * 3 + 2] = b;
-    }
-  }
   Pixels out;
   out.width = w;
   out.height = h;
   out.rgb.resize(static_cast<size_t>(w) * h * 3);
+  // One output row at a time: its input rows blended, then its columns.
+  const size_t inRow = static_cast<size_t>(in.width) * 3;
+  std::vector<double> row(inRow);
   for (uint32_t y = 0; y < h; ++y) {
-    for (size_t c = 0; c < static_cast<size_t>(w) * 3; ++c) {
-      double v = 0;
-      for (size_t k = 0; k < ys[y].weights.size(); ++k) {
-        v += rows[(ys[y].first + k) * static_cast<size_t>(w) * 3 + c] * ys[y].weights[k];
+    std::fill(row.begin(), row.end(), 0.0);
+    for (size_t k = 0; k < ys[y].weights.size(); ++k) {
+      const unsigned char* src = &in.rgb[(ys[y].first + k) * inRow];
+      const double wk = ys[y].weights[k];
+      for (size_t i = 0; i < inRow; ++i) row[i] += src[i] * wk;
+    }
+    unsigned char* dst = &out.rgb[static_cast<size_t>(y) * w * 3];
+    for (uint32_t x = 0; x < w; ++x) {
+      double r = 0, g = 0, b = 0;
+      for (size_t k = 0; k < xs[x].weights.size(); ++k) {
+        const double* p = &row[(xs[x].first + k) * 3];
+        r += p[0] * xs[x].weights[k];
+        g += p[1] * xs[x].weights[k];
+        b += p[2] * xs[x].weights[k];
       }
-      out.rgb[static_cast<size_t>(y) * w * 3 + c] = static_cast<unsigned char>(v < 0 ? 0 : v > 255 ? 255 : v + 0.5);
+      const auto clamp = [](double v) {
+        return static_cast<unsigned char>(v < 0 ? 0 : v > 255 ? 255 : v + 0.5);
+      };
+      dst[x * 3] = clamp(r), dst[x * 3 + 1] = clamp(g), dst[x * 3 + 2] = clamp(b);
     }
   }
   return out;

@@ -84,6 +84,8 @@ void MakeSize(const std::string& path, const std::string& size, Thumb* shared, O
     ++out->made;
   } else if (thumb.GetOutputType() == "Original") {
     ++out->original;  // the source serves as it is: nothing to store
+  } else if (g_stopWorker) {
+    out->interrupted = true;  // its tool was stopped with us
   } else {
     ++out->failed;
   }
