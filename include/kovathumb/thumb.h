@@ -123,6 +123,9 @@ class KOVATHUMB_EXPORT Thumb {
   // an exception for one size is logged and the next size goes on.
   int Convert(std::initializer_list<std::string> sizes);
   int Convert(std::initializer_list<ThumbDimension> dimensions);
+  // The same for sizes or boxes chosen at run time.
+  int Convert(const std::vector<std::string>& sizes);
+  int Convert(const std::vector<ThumbDimension>& dimensions);
 
   // Writes the cache header, then the output file (or, for a user-turned
   // gallery thumbnail, its rotation through jpegtran) with type `mime`.
@@ -132,9 +135,9 @@ class KOVATHUMB_EXPORT Thumb {
 
  private:
   // Probes the source once for the batch members, which need its facts.
-  void ExtractForBatch();
-  bool SetOutStored(const std::string& name, bool needEAPath, bool condition, int type);
-  bool Fail();
+  KOVATHUMB_LOCAL void ExtractForBatch();
+  KOVATHUMB_LOCAL bool SetOutStored(const std::string& name, bool needEAPath, bool condition, int type);
+  KOVATHUMB_LOCAL bool Fail();
 
   int outputType_;
   std::string path_;

@@ -398,6 +398,14 @@ bool Thumb::ConvertAll() {
 }
 
 int Thumb::Convert(std::initializer_list<std::string> sizes) {
+  return Convert(std::vector<std::string>(sizes));
+}
+
+int Thumb::Convert(std::initializer_list<ThumbDimension> dimensions) {
+  return Convert(std::vector<ThumbDimension>(dimensions));
+}
+
+int Thumb::Convert(const std::vector<std::string>& sizes) {
   int made = 0;
   for (const std::string& size : sizes) {
     try {
@@ -412,7 +420,7 @@ int Thumb::Convert(std::initializer_list<std::string> sizes) {
   return made;
 }
 
-int Thumb::Convert(std::initializer_list<ThumbDimension> dimensions) {
+int Thumb::Convert(const std::vector<ThumbDimension>& dimensions) {
   int made = 0;
   for (const ThumbDimension& dimension : dimensions) {
     try {
