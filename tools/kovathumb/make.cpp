@@ -5,6 +5,8 @@
 
 #include "common.h"
 #include "kovathumb/error.h"
+#include "kovathumb/file.h"
+#include "kovathumb/log.h"
 #include "kovathumb/thumb.h"
 #include "kovathumb/thumb_const.h"
 
@@ -29,20 +31,37 @@ int RunMake(const MakeArgs& args) {
     if (!ParseBox(text, &box)) throw CLI::ValidationError("--box", "expected WxH, got " + text);
     boxes.push_back(box);
   }
-  for (const std::string& size : sizes) {
-    if (Thumb::strThumbSizeMap_.count(size) == 0) throw CLI::ValidationError("--sizes", "unknown size " + size);
-  }
+  CheckSizes(sizes);
   if (args.all || (sizes.empty() && boxes.empty())) {
     sizes = {kSizeSmall, kSizeMedium, kSizeBig, kSizeLarge, kSizeXLarge};
   }
   int status = kExitOk;
   for (const std::string& path : args.files) {
+    const std::string problem = SourceProblem(path);
+    if (!problem.empty()) {
+      PrintLine(ErrorJson(path, 601, problem));
+      status = kExitFailed;
+      continue;
+    }
+    if (IsSupportVideo(path)) {
+      // As index does: a video's one thumbnail is its screenshot.
+      Outcome o;
+      MakeScreenshot(path, &o);
+      Json j = {{"path", path}, {"made", o.made}, {"up_to_date", o.upToDate}, {"failed", o.failed}};
+      if (o.skipped) j["skipped"] = "no ffmpeg";
+      if (!o.error.empty()) j["error"] = o.error;
+      PrintLine(j);
+      if (o.failed > 0) status = kExitFailed;
+      continue;
+    }
     try {
       // A size not made because the source itself serves (it is small
       // enough already) is no failure. A request keeps its output type from
       // one call to the next, so each size gets a request of its own.
       int made = 0, original = 0, failed = 0;
+      std::string error;
       auto count = [&](auto convert) {
+        ClearLogReason();
         Thumb thumb(path, args.options.Bits(), false);
         if (convert(thumb) > 0) {
           ++made;
@@ -50,11 +69,14 @@ int RunMake(const MakeArgs& args) {
           ++original;
         } else {
           ++failed;
+          error = FailureReason("no thumbnail made");
         }
       };
       for (const std::string& size : sizes) count([&](Thumb& t) { return t.Convert({size}); });
       for (const ThumbDimension& box : boxes) count([&](Thumb& t) { return t.Convert({box}); });
-      PrintLine({{"path", path}, {"made", made}, {"original", original}, {"failed", failed}});
+      Json j = {{"path", path}, {"made", made}, {"original", original}, {"failed", failed}};
+      if (!error.empty()) j["error"] = error;
+      PrintLine(j);
       if (failed > 0) status = kExitFailed;
     } catch (const Error& e) {
       PrintLine(ErrorJson(path, e.Code(), e.what()));
@@ -98,7 +120,7 @@ void AddMakeCommand(CLI::App& app, int* status) {
   auto args = std::make_shared<MakeArgs>();
   CLI::App* cmd = app.add_subcommand("make", "Make and store thumbnails now; one JSON line per file");
   AddThumbOptions(cmd, &args->options);
-  auto* sizes = cmd->add_option("--sizes", args->sizes, "size names")->delimiter(',');
+  auto* sizes = AddSizesOption(cmd, &args->sizes, "size names, separated by commas");
   auto* all = cmd->add_flag("--all", args->all, "small, medium, big, large and xlarge (the default)");
   sizes->excludes(all);
   cmd->add_option("--box", args->boxes, "an explicit box WxH (repeatable)");
