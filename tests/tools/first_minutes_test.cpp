@@ -1,0 +1,141 @@
+// What a new user meets first: the version, usage mistakes named, failures
+// with the library's reason, Ctrl-C during index, and the pkg-config file of
+// a Debian-style install.
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+#include <sstream>
+
+#include "kovathumb/version.h"
+#include "support/test_util.h"
+
+namespace kovathumb {
+namespace {
+
+using nlohmann::json;
+using test::Quote;
+
+struct Run {
+  int status;
+  std::string out, err;
+  std::vector<json> Lines() const {
+    std::vector<json> lines;
+    std::istringstream in(out);
+    for (std::string line; std::getline(in, line);) lines.push_back(json::parse(line));
+    return lines;
+  }
+};
+
+Run Cli(const std::string& args) {
+  test::TempDir tmp;
+  Run r;
+  FILE* p = popen((std::string(KOVATHUMB_CLI) + " " + args + " 2>" + Quote(tmp / "err")).c_str(), "r");
+  char buf[4096];
+  for (size_t n; (n = fread(buf, 1, sizeof buf, p)) > 0;) r.out.append(buf, n);
+  const int status = pclose(p);
+  r.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  r.err = test::ReadFile(tmp / "err");
+  return r;
+}
+
+TEST(FirstMinutesTest, VersionAndUsageMistakes) {
+  EXPECT_STREQ(Version(), KOVATHUMB_VERSION_STRING);
+  for (const char* flag : {"--version", "-V"}) {
+    const Run r = Cli(flag);
+    EXPECT_EQ(r.status, 0);
+    EXPECT_EQ(r.out, "kovathumb " KOVATHUMB_VERSION_STRING "\n");
+  }
+  Run r = Cli("thumbs a.jpg");
+  EXPECT_EQ(r.status, 2);
+  EXPECT_NE(r.err.find("unknown subcommand 'thumbs'; the subcommands are: info, convert, get, make, import, index"),
+            std::string::npos) << r.err;
+  for (const char* args : {"info --user-rotate 4 a.jpg", "info --keep-preview a.jpg"}) {
+    EXPECT_EQ(Cli(args).status, 2) << args;
+  }
+}
+
+TEST(FirstMinutesTest, SizeListsTakeCommasOnly) {
+  test::TempDir dir;
+  test::MakeImage(dir / "a.png", 300, 200);
+  test::MakeImage(dir / "b.png", 300, 200);
+  Run r = Cli("make --sizes small " + Quote(dir / "a.png") + " " + Quote(dir / "b.png"));
+  EXPECT_EQ(r.status, 0) << r.out << r.err;
+  ASSERT_EQ(r.Lines().size(), 2u);
+  EXPECT_EQ(r.Lines()[1]["path"], dir / "b.png");
+  EXPECT_EQ(r.Lines()[1]["made"], 1);
+  for (const std::string& sub : {"make", "index"}) {
+    r = Cli(sub + " --sizes small,huge " + Quote(dir.path()));
+    EXPECT_EQ(r.status, 2);
+    EXPECT_NE(r.err.find("not a thumbnail size: huge"), std::string::npos) << sub << ": " << r.err;
+  }
+}
+
+TEST(FirstMinutesTest, FailuresSayWhy) {
+  test::TempDir dir;
+  test::WriteFile(dir / "broken.jpg", "not a photo at all");
+  Run r = Cli("info " + Quote(dir.path()) + " " + Quote(dir / "gone.jpg"));
+  EXPECT_EQ(r.status, 1);
+  ASSERT_EQ(r.Lines().size(), 2u);
+  EXPECT_EQ(r.Lines()[0]["error"]["what"], dir.path() + ": is a directory");
+  EXPECT_EQ(r.Lines()[1]["error"]["what"], dir / "gone.jpg" + ": No such file or directory");
+
+  r = Cli("make --sizes small " + Quote(dir / "broken.jpg"));
+  EXPECT_EQ(r.status, 1);
+  ASSERT_EQ(r.Lines().size(), 1u) << r.out;
+  EXPECT_EQ(r.Lines()[0]["failed"], 1);
+  EXPECT_FALSE(r.Lines()[0].value("error", std::string()).empty()) << r.out;
+
+  r = Cli("index --no-progress --sizes small " + Quote(dir.path()));
+  EXPECT_EQ(r.status, 1);
+  EXPECT_NE(r.out.find("failed: " + dir / "broken.jpg" + ": "), std::string::npos) << r.out;
+}
+
+// Ctrl-C twice stops the files in hand at once: they are interrupted, and a
+// re-run makes them, so none is reported as failed.
+TEST(FirstMinutesTest, CtrlCInterruptsAndFailsNothing) {
+  test::TempDir dir;
+  for (int i = 0; i < 8; ++i) test::MakeImage(dir / (std::to_string(i) + ".jpg"), 4000, 3000);
+  test::TempDir tmp;
+  const pid_t pid = fork();
+  if (pid == 0) {
+    const std::string out = tmp / "out";
+    freopen(out.c_str(), "w", stdout);
+    execl(KOVATHUMB_CLI, KOVATHUMB_CLI, "index", "--json", "-j", "2", dir.path().c_str(), nullptr);
+    _exit(127);
+  }
+  usleep(700 * 1000);
+  kill(pid, SIGINT);
+  usleep(50 * 1000);
+  kill(pid, SIGINT);
+  int status = 0;
+  waitpid(pid, &status, 0);
+  EXPECT_EQ(WEXITSTATUS(status), 130);
+  const Run r{0, test::ReadFile(tmp / "out"), ""};
+  const json summary = r.Lines().back();
+  EXPECT_EQ(summary["failed"], 0) << r.out;
+  EXPECT_EQ(summary["interrupted"], true);
+  EXPECT_FALSE(summary["interrupted_files"].empty()) << r.out;
+}
+
+// A /usr install with a multiarch library directory: the .pc file finds
+// its headers and library wherever the tree is, here under a staging root.
+TEST(FirstMinutesTest, PkgConfigForADebianInstall) {
+  test::TempDir dir;
+  const std::string stage = dir / "stage";
+  test::MustSh("cmake -S " + Quote(KOVATHUMB_SOURCE_DIR) + " -B " + Quote(dir / "b") +
+               " -DCMAKE_INSTALL_PREFIX=/usr -DCMAKE_INSTALL_LIBDIR=lib/x86_64-linux-gnu"
+               " -DKOVATHUMB_BUILD_TESTS=OFF -DKOVATHUMB_BUILD_TOOLS=OFF -DKOVATHUMB_BUILD_BENCH=OFF >/dev/null");
+  const std::string pcdir = stage + "/usr/lib/x86_64-linux-gnu/pkgconfig";
+  test::MustSh("mkdir -p " + Quote(pcdir) + " && cp " + Quote(dir / "b/kovathumb.pc") + " " + Quote(pcdir));
+  // The flags are made of these two.
+  const std::string pc = "realpath -m $(PKG_CONFIG_PATH=" + Quote(pcdir) + " pkg-config --variable=";
+  EXPECT_EQ(test::Capture(pc + "includedir kovathumb)"), stage + "/usr/include\n");
+  EXPECT_EQ(test::Capture(pc + "libdir kovathumb)"), stage + "/usr/lib/x86_64-linux-gnu\n");
+}
+
+}  // namespace
+}  // namespace kovathumb
