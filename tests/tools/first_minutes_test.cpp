@@ -19,7 +19,7 @@ namespace {
 using nlohmann::json;
 using test::Quote;
 
-struct Run {
+struct Result {
   int status;
   std::string out, err;
   std::vector<json> Lines() const {
@@ -30,9 +30,9 @@ struct Run {
   }
 };
 
-Run Cli(const std::string& args) {
+Result Cli(const std::string& args) {
   test::TempDir tmp;
-  Run r;
+  Result r;
   FILE* p = popen((std::string(KOVATHUMB_CLI) + " " + args + " 2>" + Quote(tmp / "err")).c_str(), "r");
   char buf[4096];
   for (size_t n; (n = fread(buf, 1, sizeof buf, p)) > 0;) r.out.append(buf, n);
@@ -45,11 +45,11 @@ Run Cli(const std::string& args) {
 TEST(FirstMinutesTest, VersionAndUsageMistakes) {
   EXPECT_STREQ(Version(), KOVATHUMB_VERSION_STRING);
   for (const char* flag : {"--version", "-V"}) {
-    const Run r = Cli(flag);
+    const Result r = Cli(flag);
     EXPECT_EQ(r.status, 0);
     EXPECT_EQ(r.out, "kovathumb " KOVATHUMB_VERSION_STRING "\n");
   }
-  Run r = Cli("thumbs a.jpg");
+  Result r = Cli("thumbs a.jpg");
   EXPECT_EQ(r.status, 2);
   EXPECT_NE(r.err.find("unknown subcommand 'thumbs'; the subcommands are: info, convert, get, make, import, index"),
             std::string::npos) << r.err;
@@ -62,12 +62,12 @@ TEST(FirstMinutesTest, SizeListsTakeCommasOnly) {
   test::TempDir dir;
   test::MakeImage(dir / "a.png", 300, 200);
   test::MakeImage(dir / "b.png", 300, 200);
-  Run r = Cli("make --sizes small " + Quote(dir / "a.png") + " " + Quote(dir / "b.png"));
+  Result r = Cli("make --sizes small " + Quote(dir / "a.png") + " " + Quote(dir / "b.png"));
   EXPECT_EQ(r.status, 0) << r.out << r.err;
   ASSERT_EQ(r.Lines().size(), 2u);
   EXPECT_EQ(r.Lines()[1]["path"], dir / "b.png");
   EXPECT_EQ(r.Lines()[1]["made"], 1);
-  for (const std::string& sub : {"make", "index"}) {
+  for (const std::string sub : {"make", "index"}) {
     r = Cli(sub + " --sizes small,huge " + Quote(dir.path()));
     EXPECT_EQ(r.status, 2);
     EXPECT_NE(r.err.find("not a thumbnail size: huge"), std::string::npos) << sub << ": " << r.err;
@@ -77,7 +77,7 @@ TEST(FirstMinutesTest, SizeListsTakeCommasOnly) {
 TEST(FirstMinutesTest, FailuresSayWhy) {
   test::TempDir dir;
   test::WriteFile(dir / "broken.jpg", "not a photo at all");
-  Run r = Cli("info " + Quote(dir.path()) + " " + Quote(dir / "gone.jpg"));
+  Result r = Cli("info " + Quote(dir.path()) + " " + Quote(dir / "gone.jpg"));
   EXPECT_EQ(r.status, 1);
   ASSERT_EQ(r.Lines().size(), 2u);
   EXPECT_EQ(r.Lines()[0]["error"]["what"], dir.path() + ": is a directory");
@@ -98,12 +98,12 @@ TEST(FirstMinutesTest, FailuresSayWhy) {
 // re-run makes them, so none is reported as failed.
 TEST(FirstMinutesTest, CtrlCInterruptsAndFailsNothing) {
   test::TempDir dir;
-  for (int i = 0; i < 8; ++i) test::MakeImage(dir / (std::to_string(i) + ".jpg"), 4000, 3000);
+  for (int i = 0; i < 6; ++i) test::MakeImage(dir / (std::to_string(i) + ".png"), 3000, 3000);
   test::TempDir tmp;
   const pid_t pid = fork();
   if (pid == 0) {
     const std::string out = tmp / "out";
-    freopen(out.c_str(), "w", stdout);
+    if (freopen(out.c_str(), "w", stdout) == nullptr) _exit(126);
     execl(KOVATHUMB_CLI, KOVATHUMB_CLI, "index", "--json", "-j", "2", dir.path().c_str(), nullptr);
     _exit(127);
   }
@@ -114,7 +114,7 @@ TEST(FirstMinutesTest, CtrlCInterruptsAndFailsNothing) {
   int status = 0;
   waitpid(pid, &status, 0);
   EXPECT_EQ(WEXITSTATUS(status), 130);
-  const Run r{0, test::ReadFile(tmp / "out"), ""};
+  const Result r{0, test::ReadFile(tmp / "out"), ""};
   const json summary = r.Lines().back();
   EXPECT_EQ(summary["failed"], 0) << r.out;
   EXPECT_EQ(summary["interrupted"], true);
