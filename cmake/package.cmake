@@ -36,6 +36,10 @@ set(CPACK_COMPONENT_TOOLS_DESCRIPTION "thumbnail command-line program and CGI en
 set(CPACK_DEBIAN_WEB_PACKAGE_NAME kovathumb-web)
 set(CPACK_DEBIAN_WEB_PACKAGE_ARCHITECTURE all)
 set(CPACK_DEBIAN_WEB_PACKAGE_DEPENDS "kovathumb (= ${PROJECT_VERSION}), lighttpd")
+# The server configuration is the administrator's to edit: an upgrade keeps it.
+file(WRITE ${CMAKE_CURRENT_BINARY_DIR}/debian-web/conffiles
+     "${CMAKE_INSTALL_FULL_SYSCONFDIR}/lighttpd/conf-available/50-kovathumb.conf\n")
+set(CPACK_DEBIAN_WEB_PACKAGE_CONTROL_EXTRA ${CMAKE_CURRENT_BINARY_DIR}/debian-web/conffiles)
 set(CPACK_COMPONENT_WEB_DESCRIPTION "thumbnail gallery page and web server configuration")
 
 include(CPack)

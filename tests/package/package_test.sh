@@ -14,7 +14,8 @@ out=$2/package-test
 command -v apt-get >/dev/null || { echo "no apt-get: skipped"; exit 77; }
 multiarch=$(dpkg-architecture -qDEB_HOST_MULTIARCH 2>/dev/null || gcc -print-multiarch)
 
-rm -rf "$out"
+# The package build is kept between runs: it is rebuilt incrementally.
+rm -rf "$out/consumer" "$out"/build/*.deb
 mkdir -p "$out/consumer"
 cmake -S "$src" -B "$out/build" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_INSTALL_PREFIX=/usr \
   -DCMAKE_INSTALL_LIBDIR="lib/$multiarch" -DKOVATHUMB_BUILD_TESTS=OFF -DKOVATHUMB_BUILD_BENCH=OFF \
