@@ -21,7 +21,7 @@ cmake -S "$src" -B "$out/build" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_INSTAL
   -DCMAKE_INSTALL_LIBDIR="lib/$multiarch" -DKOVATHUMB_BUILD_TESTS=OFF -DKOVATHUMB_BUILD_BENCH=OFF \
   ${CMAKE_CXX_COMPILER_LAUNCHER:+-DCMAKE_CXX_COMPILER_LAUNCHER=$CMAKE_CXX_COMPILER_LAUNCHER} >/dev/null
 cmake --build "$out/build" -j"$(nproc)" >/dev/null
-(cd "$out/build" && cpack -G DEB >/dev/null)
+(cd "$out/build" && cpack -G DEB >"$out/cpack.log" 2>&1) || { cat "$out/cpack.log"; exit 1; }
 debs=("$out"/build/*.deb)
 echo "packages: ${debs[*]##*/}"
 [ ${#debs[@]} = 4 ] || { echo "FAIL: expected 4 packages"; exit 1; }
@@ -30,7 +30,7 @@ packages=$(for d in "${debs[@]}"; do dpkg-deb -f "$d" Package; done)
 remove() { apt-get purge -y -qq $packages >/dev/null 2>&1 || true; }
 trap remove EXIT
 (cd "$out/build" && DEBIAN_FRONTEND=noninteractive apt-get install -y -qq -o DPkg::Lock::Timeout=300 \
-  $(printf './%s ' "${debs[@]##*/}") >/dev/null)
+  $(printf './%s ' "${debs[@]##*/}") >"$out/apt.log" 2>&1) || { cat "$out/apt.log"; exit 1; }
 
 fail() { echo "FAIL: $*"; exit 1; }
 version=$(sed -n 's/^project(kovathumb VERSION \([0-9.]*\).*/\1/p' "$src/CMakeLists.txt")
