@@ -19,8 +19,16 @@ if [ "${1:-}" = stop ]; then
   exit 0
 fi
 port=${1:-8080}
+# Our own earlier demo may hold the port; anything else there is reported
+# now, not after the build.
+scripts/serve.sh stop
+if [ "$port" != 0 ] && (exec 3<>"/dev/tcp/127.0.0.1/$port") 2>/dev/null; then
+  echo "Port $port is in use. Pick another: scripts/demo.sh PORT (scripts/demo.sh 0 picks a free one)" >&2
+  exit 1
+fi
 scripts/install-deps.sh
-scripts/build.sh
+# Only what the demo runs: the programs and the sample maker.
+BUILD_TARGETS="kovathumb_cli kovathumb_cgi kovathumb_make_dng" scripts/build.sh
 rm -rf build/samples
 samples=$(MAKE_DNG="$PWD/build/tests/kovathumb_make_dng" scripts/make-samples.sh build/samples)
 echo "Sample tree: $samples"

@@ -148,6 +148,9 @@ class KOVATHUMB_EXPORT Thumb {
   // an exception for one size is logged and the next size goes on.
   int Convert(std::initializer_list<std::string> sizes);
   int Convert(std::initializer_list<ThumbDimension> dimensions);
+  // The same for sizes or boxes chosen at run time.
+  int Convert(const std::vector<std::string>& sizes);
+  int Convert(const std::vector<ThumbDimension>& dimensions);
 
   // Writes the cache header, then the output file (or, for a user-turned
   // gallery thumbnail, its rotation through jpegtran) with type `mime`.
@@ -157,15 +160,15 @@ class KOVATHUMB_EXPORT Thumb {
 
  private:
   // Probes the source once for the batch members, which need its facts.
-  void ExtractForBatch();
-  bool SetOutStored(const std::string& name, bool needEAPath, bool condition, int type);
-  bool Fail();
+  KOVATHUMB_LOCAL void ExtractForBatch();
+  KOVATHUMB_LOCAL bool SetOutStored(const std::string& name, bool needEAPath, bool condition, int type);
+  KOVATHUMB_LOCAL bool Fail();
   struct Pinned;
-  int EADir(bool make);
-  bool PrepareWork(bool inEADir, std::string* work);
-  std::string ToolSource() const;
-  std::string ServePath() const;
-  void BoundBoxThumbs(const std::string& kept);
+  KOVATHUMB_LOCAL int EADir(bool make);
+  KOVATHUMB_LOCAL bool PrepareWork(bool inEADir, std::string* work);
+  KOVATHUMB_LOCAL std::string ToolSource() const;
+  KOVATHUMB_LOCAL std::string ServePath() const;
+  KOVATHUMB_LOCAL void BoundBoxThumbs(const std::string& kept);
 
   int outputType_;
   std::string path_;
@@ -185,16 +188,16 @@ class KOVATHUMB_EXPORT Thumb {
   std::unique_ptr<Pinned> pinned_;  // open files of the current request
 
   // Quality mode (quality.cpp).
-  bool QualityStoredOk(const std::string& path) const;
-  bool QualityFromPreview();
-  bool QualityOnline(const std::string* derived = nullptr);
-  bool QualityFromRaw();
-  bool QualityFromHeif();
-  bool QualityMake(const internal::QualityInput& in);
-  internal::QualityWorkDir* NewQualityWorkDir();
-  bool QualityStore(const internal::QualityWorkDir& wd, const std::string& name);
-  int QualityConvert(std::vector<std::pair<std::string, ThumbDimension>> jobs, bool named);
-  void QualityRelease();
+  KOVATHUMB_LOCAL bool QualityStoredOk(const std::string& path) const;
+  KOVATHUMB_LOCAL bool QualityFromPreview();
+  KOVATHUMB_LOCAL bool QualityOnline(const std::string* derived = nullptr);
+  KOVATHUMB_LOCAL bool QualityFromRaw();
+  KOVATHUMB_LOCAL bool QualityFromHeif();
+  KOVATHUMB_LOCAL bool QualityMake(const internal::QualityInput& in);
+  KOVATHUMB_LOCAL internal::QualityWorkDir* NewQualityWorkDir();
+  KOVATHUMB_LOCAL bool QualityStore(const internal::QualityWorkDir& wd, const std::string& name);
+  KOVATHUMB_LOCAL int QualityConvert(std::vector<std::pair<std::string, ThumbDimension>> jobs, bool named);
+  KOVATHUMB_LOCAL void QualityRelease();
   bool quality_ = false;
   // The batch members' work directory and the last thumbnail made there,
   // from which smaller sizes are made; owned, released by the destructor.

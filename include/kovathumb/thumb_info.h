@@ -113,14 +113,14 @@ class KOVATHUMB_EXPORT ThumbInfo {
   // Exiv2 0.27 hands images out as std::auto_ptr.
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wdeprecated-declarations"
-  void ExtractEXIFPreviewInfo(const std::auto_ptr<Exiv2::Image>& image);
+  KOVATHUMB_LOCAL void ExtractEXIFPreviewInfo(const std::auto_ptr<Exiv2::Image>& image);
 #pragma GCC diagnostic pop
-  int ResolveOrientationIndex(Exiv2::Image& image) const;
-  void CheckAndGetHeif();
-  const std::string& SizeLetter() const;
+  KOVATHUMB_LOCAL int ResolveOrientationIndex(Exiv2::Image& image) const;
+  KOVATHUMB_LOCAL void CheckAndGetHeif();
+  KOVATHUMB_LOCAL const std::string& SizeLetter() const;
   // The opened source as a path ("/proc/self/fd/N"); `path_` when it could
   // not be opened for reading.
-  std::string PinnedSource() const;
+  KOVATHUMB_LOCAL std::string PinnedSource() const;
 
   std::string path_;
   std::string size_;

@@ -535,6 +535,14 @@ bool Thumb::ConvertAll() {
 }
 
 int Thumb::Convert(std::initializer_list<std::string> sizes) {
+  return Convert(std::vector<std::string>(sizes));
+}
+
+int Thumb::Convert(std::initializer_list<ThumbDimension> dimensions) {
+  return Convert(std::vector<ThumbDimension>(dimensions));
+}
+
+int Thumb::Convert(const std::vector<std::string>& sizes) {
   if (quality_) {
     std::vector<std::pair<std::string, ThumbDimension>> jobs;
     for (const std::string& size : sizes) {
@@ -557,7 +565,7 @@ int Thumb::Convert(std::initializer_list<std::string> sizes) {
   return made;
 }
 
-int Thumb::Convert(std::initializer_list<ThumbDimension> dimensions) {
+int Thumb::Convert(const std::vector<ThumbDimension>& dimensions) {
   if (quality_) {
     std::vector<std::pair<std::string, ThumbDimension>> jobs;
     for (const ThumbDimension& dimension : dimensions) jobs.emplace_back(kSizeCustom, dimension);

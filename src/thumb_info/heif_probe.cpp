@@ -23,13 +23,14 @@ std::string DirOf(const std::string& path) {
   return slash == std::string::npos ? std::string(".") : path.substr(0, slash);
 }
 
-// The module beside the object that holds this code (the installed or built
-// library), else where the build put it.
+// The module in our versioned directory beside the object that holds this
+// code (the installed library, wherever the tree was moved), else where the
+// install or the build put it.
 KovathumbHeifProbeFn LoadProbe(std::string* error) {
   std::vector<std::string> candidates;
   Dl_info self;
   if (dladdr(reinterpret_cast<void*>(&LoadProbe), &self) != 0 && self.dli_fname != nullptr) {
-    candidates.push_back(DirOf(self.dli_fname) + "/" + kModuleName);
+    candidates.push_back(DirOf(self.dli_fname) + "/" KOVATHUMB_MODULE_SUBDIR "/" + kModuleName);
   }
   candidates.push_back(std::string(KOVATHUMB_HEIF_MODULE_INSTALLED) + "/" + kModuleName);
   candidates.push_back(std::string(KOVATHUMB_HEIF_MODULE_BUILT) + "/" + kModuleName);

@@ -5,10 +5,36 @@
 #include <stdio.h>
 #include <syslog.h>
 
+#include <stdlib.h>
+#include <string.h>
+
 #include <atomic>
 #include <string>
 
+#include "kovathumb/log.h"
+
 namespace kovathumb {
+namespace {
+
+std::atomic<int> g_stderr{-1};  // -1: not yet decided by the environment
+thread_local std::string t_reason;
+
+bool ToStderr() {
+  int on = g_stderr.load();
+  if (on < 0) {
+    const char* env = getenv("KOVATHUMB_LOG_STDERR");
+    on = env != nullptr && *env != '\0' && strcmp(env, "0") != 0;
+    g_stderr.store(on);
+  }
+  return on != 0;
+}
+
+}  // namespace
+
+void SetLogToStderr(bool on) { g_stderr.store(on ? 1 : 0); }
+std::string LogReason() { return t_reason; }
+void ClearLogReason() { t_reason.clear(); }
+
 namespace internal {
 namespace {
 
@@ -36,6 +62,7 @@ void Emit(int priority, const std::string& line) {
   } else {
     syslog(priority, "%s", line.c_str());
   }
+  if (ToStderr()) fprintf(stderr, "kovathumb: %s\n", line.c_str());
 }
 
 }  // namespace
@@ -48,6 +75,7 @@ void LogError(const char* file, int line, const char* func, const char* fmt, ...
   va_end(ap);
   char head[256];
   snprintf(head, sizeof head, "%s:%d (%s) ", file, line, func);
+  if (t_reason.empty()) t_reason = msg;
   Emit(LOG_ERR, std::string(head) + "\"" + msg + "\"");
   errno = saved;
 }

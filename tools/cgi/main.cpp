@@ -14,6 +14,7 @@
 #include <string.h>
 #include <syslog.h>
 
+#include <algorithm>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
@@ -25,6 +26,7 @@
 #include "kovathumb/error.h"
 #include "kovathumb/file.h"
 #include "kovathumb/thumb.h"
+#include "kovathumb/version.h"
 
 namespace kovathumb {
 namespace cgi {
@@ -68,11 +70,16 @@ const char* TypeOf(const std::string& path) {
   return "image/x-raw";
 }
 
-int List(const std::string& realRoot) {
+// One page of the sorted list, so that a large tree comes in parts; "total"
+// tells the page how many there are.
+int List(const std::string& realRoot, size_t offset, size_t limit) {
   std::vector<tool::TreeFile> files;
   tool::WalkTree(realRoot, &files);
+  const size_t begin = std::min(offset, files.size());
+  const size_t end = limit > 0 ? std::min(files.size(), begin + limit) : files.size();
   nlohmann::json list = nlohmann::json::array();
-  for (const tool::TreeFile& f : files) {
+  for (size_t i = begin; i < end; ++i) {
+    const tool::TreeFile& f = files[i];
     list.push_back({{"path", f.rel},
                     {"type", TypeOf(f.rel)},
                     {"video", IsSupportVideo(f.rel)},
@@ -80,7 +87,7 @@ int List(const std::string& realRoot) {
                     {"mtime", static_cast<long long>(f.mtime)}});
   }
   const std::string body =
-      nlohmann::json{{"files", list}}.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) + "\n";
+      nlohmann::json{{"files", list}, {"total", files.size()}, {"offset", begin}}.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) + "\n";
   printf("Content-Type: application/json\r\nContent-Length: %zu\r\nCache-Control: no-store\r\n\r\n", body.size());
   if (!IsHead()) fwrite(body.data(), 1, body.size(), stdout);
   fflush(stdout);
@@ -118,7 +125,7 @@ int Main() {
   Request req;
   std::string error;
   if (!ParseRequest(query, &req, &error)) return Answer(400, error);
-  if (req.list) return List(realRoot);
+  if (req.list) return List(realRoot, static_cast<size_t>(req.offset), static_cast<size_t>(req.limit));
 
   tool::PinnedFile pinned;
   const int status = Resolve(realRoot, req.path, &pinned);
@@ -139,7 +146,46 @@ int Main() {
 }  // namespace cgi
 }  // namespace kovathumb
 
-int main() {
+namespace {
+
+constexpr char kUsage[] =
+    "Usage: kovathumb-cgi\n"
+    "The thumbnail endpoint of the gallery and other web applications, run by a\n"
+    "web server as a CGI program: it answers one request, read from the\n"
+    "environment (REQUEST_METHOD, QUERY_STRING), on standard output.\n"
+    "\n"
+    "Requests:\n"
+    "  ?path=REL&size=NAME      the thumbnail of REL (a path under the root) in size\n"
+    "                           small, medium, big, large, xlarge or original;\n"
+    "                           or w=&h= (a box), or edge= (a square box)\n"
+    "      rotate=N             the user's rotation in quarter turns\n"
+    "      fallback=1           a smaller stored size when this one is missing\n"
+    "      avatar=1, gif=1      an avatar thumbnail; animated GIF thumbnails\n"
+    "      app=pictavo|dossiva  try that application's stored thumbnails first\n"
+    "  ?list=1                  the photos and videos under the root, as JSON\n"
+    "      offset=N&limit=N     one page of that list\n"
+    "\n"
+    "Environment:\n"
+    "  KOVATHUMB_ROOT           the directory the paths are under (required)\n"
+    "  KOVATHUMB_LOG_STDERR=1   also write the library's log lines to standard error\n"
+    "\n"
+    "Options (outside a web server only):\n"
+    "  -h, --help               print this help and exit\n"
+    "  -V, --version            print the version and exit\n";
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  // Outside a web server, the usual options; a request never takes them.
+  if (argc > 1 && getenv("REQUEST_METHOD") == nullptr) {
+    const std::string arg = argv[1];
+    if (arg == "--version" || arg == "-V") {
+      printf("kovathumb-cgi %s\n", kovathumb::Version());
+      return 0;
+    }
+    fputs(kUsage, arg == "--help" || arg == "-h" ? stdout : stderr);
+    return arg == "--help" || arg == "-h" ? 0 : 2;
+  }
   // A client that goes away must not kill us halfway through storing.
   signal(SIGPIPE, SIG_IGN);
   // A request the library cannot finish in a tool's limits still gets an answer.

@@ -86,13 +86,15 @@ bool ParseRequest(const std::string& query, Request* r, std::string* error) {
   std::map<std::string, std::string> p;
   if (!ParseQuery(query, &p, error)) return false;
   static const std::set<std::string> known = {"list", "path", "size", "w", "h", "edge", "rotate",
-                                              "fallback", "avatar", "gif", "app", "quality"};
+                                              "fallback", "avatar", "gif", "app", "quality", "offset", "limit"};
   for (const auto& kv : p) {
     if (known.count(kv.first) == 0) return *error = "unknown parameter " + kv.first, false;
   }
   *r = Request();
   if (p.count("list")) {
     if (!Flag(p["list"], &r->list)) return *error = "bad list", false;
+    if (p.count("offset") && !Number(p["offset"], 0, 1000000000, &r->offset)) return *error = "bad offset", false;
+    if (p.count("limit") && !Number(p["limit"], 1, 100000, &r->limit)) return *error = "bad limit", false;
     if (r->list) return true;
   }
   if (p.count("path") == 0 || p["path"].empty()) return *error = "no path", false;

@@ -16,6 +16,8 @@ constexpr size_t kMaxQuery = 8192;
 
 struct Request {
   bool list = false;   // list=1: the files under the root, as JSON
+  long offset = 0;     // offset=&limit=: one page of that list (limit 0: all)
+  long limit = 0;
   std::string path;    // path=REL, relative to the root
   std::string size;    // size=NAME
   unsigned width = 0;  // w=&h=, or edge=

@@ -1,9 +1,14 @@
 #include "common.h"
 
+#include <errno.h>
+#include <string.h>
+#include <sys/stat.h>
+
 #include <cstdio>
 #include <iostream>
 #include <map>
 
+#include "kovathumb/log.h"
 #include "kovathumb/thumb.h"
 #include "kovathumb/thumb_const.h"
 
@@ -60,6 +65,42 @@ void AddThumbOptions(CLI::App* cmd, OptionArgs* args) {
   cmd->add_flag("--quality", args->quality,
                 "quality mode (128): JPEG/PNG/GIF within the box, upright, sRGB");
   cmd->add_option("--options", args->raw, "raw option bits");
+}
+
+CLI::Option* AddSizesOption(CLI::App* cmd, std::vector<std::string>* sizes, const std::string& help) {
+  return cmd
+      ->add_option_function<std::string>(
+          "--sizes",
+          [sizes](const std::string& list) {
+            for (size_t begin = 0, comma;; begin = comma + 1) {
+              comma = list.find(',', begin);
+              sizes->push_back(list.substr(begin, comma - begin));
+              if (comma == std::string::npos) break;
+            }
+          },
+          help)
+      ->type_name("NAME[,NAME...]");
+}
+
+void CheckSizes(const std::vector<std::string>& sizes) {
+  for (const std::string& size : sizes) {
+    if (size == kSizeOriginal || SizeTable().count(size) == 0) {
+      throw CLI::ValidationError("--sizes", "not a thumbnail size: " + size);
+    }
+  }
+}
+
+std::string SourceProblem(const std::string& path) {
+  struct stat st;
+  if (stat(path.c_str(), &st) != 0) return path + ": " + strerror(errno);
+  if (S_ISDIR(st.st_mode)) return path + ": is a directory";
+  if (!S_ISREG(st.st_mode)) return path + ": not a regular file";
+  return std::string();
+}
+
+std::string FailureReason(const std::string& fallback) {
+  const std::string reason = LogReason();
+  return reason.empty() ? fallback : reason;
 }
 
 Json ErrorJson(const std::string& path, int code, const std::string& what) {

@@ -33,6 +33,20 @@ ThumbDimension SizeBox(const SizeArgs& args);
 // Parses "WxH" (both above 0).
 bool ParseBox(const std::string& text, ThumbDimension* box);
 
+// --sizes: names separated by commas, one argument (repeatable), so the
+// file names after it are never taken for sizes.
+CLI::Option* AddSizesOption(CLI::App* cmd, std::vector<std::string>* sizes, const std::string& help);
+// Throws CLI::ValidationError for a name that is not a thumbnail size.
+void CheckSizes(const std::vector<std::string>& sizes);
+
+// Why `path` cannot be a source, with the system's reason ("is a
+// directory", "No such file or directory"); "" when it may be one.
+std::string SourceProblem(const std::string& path);
+
+// The library's reason for the failure of this thread's request since
+// ClearLogReason(), or `fallback`.
+std::string FailureReason(const std::string& fallback);
+
 Json ErrorJson(const std::string& path, int code, const std::string& what);
 // Prints one compact JSON object on its own line and flushes.
 void PrintLine(const Json& j);
@@ -46,6 +60,15 @@ struct OptionArgs {
   int Bits() const;
 };
 void AddThumbOptions(CLI::App* cmd, OptionArgs* args);
+
+// What became of one source file's thumbnails.
+struct Outcome {
+  int made = 0, upToDate = 0, original = 0, failed = 0;
+  bool skipped = false, interrupted = false;
+  std::string error;  // the reason for the last failure
+};
+// The video application's screenshot: one frame, stored like a thumbnail.
+void MakeScreenshot(const std::string& path, Outcome* out);
 
 // Subcommands register themselves and store their exit status in `status`.
 void AddInfoCommand(CLI::App& app, int* status);

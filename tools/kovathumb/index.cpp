@@ -29,6 +29,7 @@
 #include "kovaplatform/kovaplatform.h"
 #include "kovathumb/error.h"
 #include "kovathumb/file.h"
+#include "kovathumb/log.h"
 #include "kovathumb/thumb.h"
 #include "kovathumb/thumb_const.h"
 
@@ -58,12 +59,6 @@ int g_thumbOptions = kThumbOptQuality;
 volatile sig_atomic_t g_stopWorker = 0;
 void OnStopWorker(int) { g_stopWorker = 1; }
 
-struct Outcome {
-  int made = 0, upToDate = 0, original = 0, failed = 0;
-  bool skipped = false, interrupted = false;
-  std::string error;
-};
-
 // `shared`, when given, makes every size of the file: in quality mode it
 // makes smaller sizes from larger ones.
 void MakeSize(const std::string& path, const std::string& size, Thumb* shared, Outcome* out) {
@@ -77,6 +72,7 @@ void MakeSize(const std::string& path, const std::string& size, Thumb* shared, O
     ++out->upToDate;
     return;
   }
+  ClearLogReason();
   std::unique_ptr<Thumb> own;
   if (shared == nullptr) own.reset(new Thumb(path, g_thumbOptions, false));
   Thumb& thumb = shared != nullptr ? *shared : *own;
@@ -88,8 +84,11 @@ void MakeSize(const std::string& path, const std::string& size, Thumb* shared, O
     out->interrupted = true;  // its tool was stopped with us
   } else {
     ++out->failed;
+    out->error = FailureReason("no " + size + " thumbnail made");
   }
 }
+
+}  // namespace
 
 // The video application's screenshot: one frame, stored like a thumbnail.
 // ffmpeg reads the very file we opened and writes into a directory only we
@@ -111,6 +110,7 @@ void MakeScreenshot(const std::string& path, Outcome* out) {
   if (src < 0 || fstat(src, &st) != 0 || !S_ISREG(st.st_mode) || dst.empty() || !file::MakeEADir(path)) {
     if (src >= 0) close(src);
     ++out->failed;
+    out->error = "cannot make the EA directory";
     return;
   }
   char work[] = "/var/tmp/kovathumb_shot_XXXXXX";
@@ -130,11 +130,14 @@ void MakeScreenshot(const std::string& path, Outcome* out) {
     ++out->made;
   } else {
     ++out->failed;
+    out->error = FailureReason("ffmpeg made no screenshot");
   }
   close(src);
   unlink(tmp.c_str());
   rmdir(work);
 }
+
+namespace {
 
 // Works on `rel` beneath `root`, through its pinned directory.
 Outcome WorkOn(const std::string& root, const std::string& rel, const std::vector<std::string>& sizes) {
@@ -250,11 +253,7 @@ int RunIndex(const IndexArgs& args) {
   g_thumbOptions = args.appliance ? 0 : kThumbOptQuality;
   std::vector<std::string> sizes = args.sizes;
   if (sizes.empty()) sizes = {kSizeSmall, kSizeMedium, kSizeBig, kSizeLarge, kSizeXLarge};
-  for (const std::string& size : sizes) {
-    if (size == kSizeOriginal || Thumb::strThumbSizeMap_.count(size) == 0) {
-      throw CLI::ValidationError("--sizes", "not a thumbnail size: " + size);
-    }
-  }
+  CheckSizes(sizes);
   std::vector<Found> files;
   for (std::string dir : args.dirs) {
     while (dir.size() > 1 && dir.back() == '/') dir.pop_back();
@@ -281,14 +280,22 @@ int RunIndex(const IndexArgs& args) {
   auto elapsed = [&] { return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count(); };
   std::vector<Worker> running;
   size_t next = 0, done = 0;
-  int made = 0, upToDate = 0, original = 0, skipped = 0, interrupted = 0;
-  std::vector<std::string> failedFiles;
+  int made = 0, upToDate = 0, original = 0, skipped = 0;
+  std::vector<std::pair<std::string, std::string>> failedFiles;  // path, reason
+  std::vector<std::string> interruptedFiles;
   int signalled = 0;
 
   while (!running.empty() || (g_interrupts == 0 && next < files.size())) {
     if (g_interrupts != signalled) {
-      // First: finish the size in hand, then stop. Again: stop now.
-      for (Worker& w : running) kill(-w.pid, g_interrupts > 1 ? SIGKILL : SIGUSR1);
+      // First: finish the size in hand, then stop (the worker alone is
+      // told: its tools must finish). Again: stop now.
+      for (Worker& w : running) {
+        if (g_interrupts > 1) {
+          kill(-w.pid, SIGKILL);
+        } else {
+          kill(w.pid, SIGUSR1);
+        }
+      }
       signalled = g_interrupts;
     }
     while (g_interrupts == 0 && running.size() < jobs && next < files.size()) {
@@ -318,7 +325,11 @@ int RunIndex(const IndexArgs& args) {
       kill(-w.pid, SIGKILL);  // tools it left behind, if any
       Json j = Json::parse(w.output, nullptr, false);
       const std::string& path = files[w.index].path;
-      if (j.is_discarded() || !WIFEXITED(status)) {
+      if ((j.is_discarded() || !WIFEXITED(status)) && g_interrupts != 0) {
+        // Stopped by us, not by a fault of the file: a re-run makes it.
+        j = Json{{"path", path}, {"made", 0}, {"up_to_date", 0}, {"original", 0}, {"failed", 0},
+                 {"interrupted", true}};
+      } else if (j.is_discarded() || !WIFEXITED(status)) {
         const std::string why = WIFSIGNALED(status) ? "worker killed by signal " + std::to_string(WTERMSIG(status))
                                                     : "worker ended without a result";
         j = Json{{"path", path}, {"made", 0}, {"up_to_date", 0}, {"original", 0}, {"failed", 1}, {"error", why}};
@@ -327,8 +338,8 @@ int RunIndex(const IndexArgs& args) {
       upToDate += j.value("up_to_date", 0);
       original += j.value("original", 0);
       skipped += j.value("skipped", false) ? 1 : 0;
-      interrupted += j.value("interrupted", false) ? 1 : 0;
-      if (j.value("failed", 0) > 0) failedFiles.push_back(path);
+      if (j.value("interrupted", false)) interruptedFiles.push_back(path);
+      if (j.value("failed", 0) > 0) failedFiles.push_back({path, j.value("error", std::string())});
       ++done;
       if (args.json) PrintLine(j);
       running.erase(running.begin() + static_cast<long>(i));
@@ -346,17 +357,23 @@ int RunIndex(const IndexArgs& args) {
                   {"original", original},
                   {"skipped", skipped},
                   {"failed", failedFiles.size()},
-                  {"failed_files", failedFiles},
+                  {"failed_files", Json::array()},
                   {"interrupted", stopped},
+                  {"interrupted_files", interruptedFiles},
                   {"seconds", std::round(elapsed() * 1000) / 1000}};
+  for (const auto& f : failedFiles) summary["failed_files"].push_back(f.first);
   if (args.json) {
     PrintLine(summary);
   } else {
     std::printf("%zu files: %d thumbnails made, %d up to date, %d served as the original, %d skipped, "
                 "%zu files failed%s in %.1f s\n",
                 files.size(), made, upToDate, original, skipped, failedFiles.size(),
-                stopped ? " (interrupted)" : "", elapsed());
-    for (const std::string& f : failedFiles) std::printf("failed: %s\n", f.c_str());
+                stopped ? (", " + std::to_string(interruptedFiles.size()) + " interrupted").c_str() : "",
+                elapsed());
+    for (const auto& f : failedFiles) {
+      std::printf("failed: %s%s%s\n", f.first.c_str(), f.second.empty() ? "" : ": ", f.second.c_str());
+    }
+    for (const std::string& f : interruptedFiles) std::printf("interrupted: %s\n", f.c_str());
   }
   if (stopped) return 130;
   return failedFiles.empty() ? kExitOk : kExitFailed;
@@ -369,7 +386,7 @@ void AddIndexCommand(CLI::App& app, int* status) {
   CLI::App* cmd = app.add_subcommand("index", "Make the thumbnails of every photo (and video) under DIR");
   cmd->add_option("-j,--jobs", args->jobs, "files worked on at once (default: the number of cores)")
       ->check(CLI::Range(1, 256));
-  cmd->add_option("--sizes", args->sizes, "sizes to make (default: all five)")->delimiter(',');
+  AddSizesOption(cmd, &args->sizes, "sizes to make, separated by commas (default: all five)");
   cmd->add_flag("--json", args->json, "one JSON line per file and a summary line");
   cmd->add_flag("--no-progress", args->noProgress, "no progress bar on the terminal");
   cmd->add_flag("--appliance", args->appliance, "the appliance's thumbnails instead of quality mode's");

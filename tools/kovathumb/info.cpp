@@ -65,6 +65,12 @@ int RunInfo(const InfoArgs& args) {
   const ThumbDimension box = SizeBox(args.size);
   int status = kExitOk;
   for (const std::string& path : args.files) {
+    const std::string problem = SourceProblem(path);
+    if (!problem.empty()) {
+      PrintLine(ErrorJson(path, 601, problem));
+      status = kExitFailed;
+      continue;
+    }
     try {
       ThumbInfo info(path, sizeName, box);
       info.SetUserRotate(args.userRotate);
@@ -97,11 +103,11 @@ void AddInfoCommand(CLI::App& app, int* status) {
   auto args = std::make_shared<InfoArgs>();
   CLI::App* cmd = app.add_subcommand("info", "Print what the library reads from each file, as JSON lines");
   AddSizeOptions(cmd, &args->size);
-  cmd->add_option("--user-rotate", args->userRotate, "user rotation in quarter turns");
+  cmd->add_option("--user-rotate", args->userRotate, "user rotation in quarter turns")->check(CLI::Range(0, 3));
   cmd->add_flag("--gif", args->gif, "allow animated GIF thumbnails");
   cmd->add_flag("--crop", args->crop, "crop mode");
-  cmd->add_flag("--preview", args->preview, "write the embedded preview and report its path");
-  cmd->add_flag("--keep-preview", args->keepPreview, "keep the preview file");
+  auto* preview = cmd->add_flag("--preview", args->preview, "write the embedded preview and report its path");
+  cmd->add_flag("--keep-preview", args->keepPreview, "keep the preview file")->needs(preview);
   cmd->add_option("FILE", args->files, "source files")->required();
   cmd->callback([args, status] { *status = RunInfo(*args); });
 }

@@ -10,6 +10,8 @@
 #include "common.h"
 #include "common/pin.h"
 #include "kovathumb/error.h"
+#include "kovathumb/file.h"
+#include "kovathumb/log.h"
 #include "kovathumb/thumb.h"
 #include "kovathumb/thumb_const.h"
 
@@ -34,18 +36,33 @@ int RunMake(const MakeArgs& args) {
     if (!ParseBox(text, &box)) throw CLI::ValidationError("--box", "expected WxH, got " + text);
     boxes.push_back(box);
   }
-  for (const std::string& size : sizes) {
-    if (Thumb::strThumbSizeMap_.count(size) == 0) throw CLI::ValidationError("--sizes", "unknown size " + size);
-  }
+  CheckSizes(sizes);
   if (args.all || (sizes.empty() && boxes.empty())) {
     sizes = {kSizeSmall, kSizeMedium, kSizeBig, kSizeLarge, kSizeXLarge};
   }
   int status = kExitOk;
   for (const std::string& path : args.files) {
+    const std::string problem = SourceProblem(path);
+    if (!problem.empty()) {
+      PrintLine(ErrorJson(path, 601, problem));
+      status = kExitFailed;
+      continue;
+    }
     PinnedFile pinned;
     if (const int err = PinGiven(path, &pinned)) {
       PrintLine(ErrorJson(path, 601, err == ELOOP ? "a symbolic link: refused" : std::strerror(err)));
       status = kExitFailed;
+      continue;
+    }
+    if (IsSupportVideo(path)) {
+      // As index does: a video's one thumbnail is its screenshot.
+      Outcome o;
+      MakeScreenshot(pinned.Path(), &o);
+      Json j = {{"path", path}, {"made", o.made}, {"up_to_date", o.upToDate}, {"failed", o.failed}};
+      if (o.skipped) j["skipped"] = "no ffmpeg";
+      if (!o.error.empty()) j["error"] = o.error;
+      PrintLine(j);
+      if (o.failed > 0) status = kExitFailed;
       continue;
     }
     try {
@@ -53,12 +70,14 @@ int RunMake(const MakeArgs& args) {
       // enough already) is no failure. A request keeps its output type from
       // one call to the next, so each size gets a request of its own.
       int made = 0, original = 0, failed = 0;
+      std::string error;
       // In quality mode one request makes every size, largest first, each
       // from the one before.
       const bool quality = args.options.Bits() & kThumbOptQuality;
       std::unique_ptr<Thumb> shared;
       if (quality) shared.reset(new Thumb(pinned.Path(), args.options.Bits(), false));
       auto count = [&](auto convert) {
+        ClearLogReason();
         std::unique_ptr<Thumb> own;
         if (!quality) own.reset(new Thumb(pinned.Path(), args.options.Bits(), false));
         Thumb& thumb = quality ? *shared : *own;
@@ -68,6 +87,7 @@ int RunMake(const MakeArgs& args) {
           ++original;
         } else {
           ++failed;
+          error = FailureReason("no thumbnail made");
         }
       };
       std::vector<std::string> order = sizes;
@@ -78,7 +98,9 @@ int RunMake(const MakeArgs& args) {
       }
       for (const std::string& size : order) count([&](Thumb& t) { return t.Convert({size}); });
       for (const ThumbDimension& box : boxes) count([&](Thumb& t) { return t.Convert({box}); });
-      PrintLine({{"path", path}, {"made", made}, {"original", original}, {"failed", failed}});
+      Json j = {{"path", path}, {"made", made}, {"original", original}, {"failed", failed}};
+      if (!error.empty()) j["error"] = error;
+      PrintLine(j);
       if (failed > 0) status = kExitFailed;
     } catch (const Error& e) {
       PrintLine(ErrorJson(path, e.Code(), pinned.Unpinned(e.what(), path)));
@@ -127,7 +149,7 @@ void AddMakeCommand(CLI::App& app, int* status) {
   auto args = std::make_shared<MakeArgs>();
   CLI::App* cmd = app.add_subcommand("make", "Make and store thumbnails now; one JSON line per file");
   AddThumbOptions(cmd, &args->options);
-  auto* sizes = cmd->add_option("--sizes", args->sizes, "size names")->delimiter(',');
+  auto* sizes = AddSizesOption(cmd, &args->sizes, "size names, separated by commas");
   auto* all = cmd->add_flag("--all", args->all, "small, medium, big, large and xlarge (the default)");
   sizes->excludes(all);
   cmd->add_option("--box", args->boxes, "an explicit box WxH (repeatable)");

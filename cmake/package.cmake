@@ -1,0 +1,45 @@
+# Debian packages with CPack: cpack -G DEB in a build configured with
+# -DCMAKE_INSTALL_PREFIX=/usr. One package per install component.
+set(CPACK_GENERATOR DEB)
+set(CPACK_PACKAGE_NAME kovathumb)
+set(CPACK_PACKAGE_VENDOR kovathumb)
+set(CPACK_PACKAGE_CONTACT "kovathumb developers <kovathumb@localhost>")
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "${PROJECT_DESCRIPTION}")
+set(CPACK_PACKAGING_INSTALL_PREFIX ${CMAKE_INSTALL_PREFIX})
+# The server configuration goes to an absolute /etc path.
+set(CPACK_SET_DESTDIR ON)
+set(CPACK_DEB_COMPONENT_INSTALL ON)
+set(CPACK_COMPONENTS_ALL runtime dev tools web)
+set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+set(CPACK_DEBIAN_PACKAGE_SECTION graphics)
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+# Our own libraries are found in the build tree; the packages name each other.
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${CMAKE_BINARY_DIR} ${CMAKE_BINARY_DIR}/platform)
+set(CPACK_DEBIAN_ENABLE_COMPONENT_DEPENDS ON)
+
+set(_so ${PROJECT_VERSION_MAJOR})
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME libkovathumb${_so})
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
+# The library starts these programs to convert.
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_DEPENDS "imagemagick, libjpeg-turbo-progs, dcraw")
+set(CPACK_COMPONENT_RUNTIME_DESCRIPTION "thumbnail library: shared libraries and HEIF module")
+
+set(CPACK_DEBIAN_DEV_PACKAGE_NAME libkovathumb-dev)
+set(CPACK_DEBIAN_DEV_PACKAGE_SECTION libdevel)
+set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS "libkovathumb${_so} (= ${PROJECT_VERSION}), libexiv2-dev, pkg-config")
+set(CPACK_COMPONENT_DEV_DESCRIPTION "thumbnail library: headers, pkg-config and CMake files")
+
+set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME kovathumb)
+set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "libkovathumb${_so} (= ${PROJECT_VERSION})")
+set(CPACK_COMPONENT_TOOLS_DESCRIPTION "thumbnail command-line program and CGI endpoint")
+
+set(CPACK_DEBIAN_WEB_PACKAGE_NAME kovathumb-web)
+set(CPACK_DEBIAN_WEB_PACKAGE_ARCHITECTURE all)
+set(CPACK_DEBIAN_WEB_PACKAGE_DEPENDS "kovathumb (= ${PROJECT_VERSION}), lighttpd")
+# The server configuration is the administrator's to edit: an upgrade keeps it.
+file(WRITE ${CMAKE_CURRENT_BINARY_DIR}/debian-web/conffiles
+     "${CMAKE_INSTALL_FULL_SYSCONFDIR}/lighttpd/conf-available/50-kovathumb.conf\n")
+set(CPACK_DEBIAN_WEB_PACKAGE_CONTROL_EXTRA ${CMAKE_CURRENT_BINARY_DIR}/debian-web/conffiles)
+set(CPACK_COMPONENT_WEB_DESCRIPTION "thumbnail gallery page and web server configuration")
+
+include(CPack)

@@ -1,0 +1,7 @@
+#include "kovathumb/version.h"
+
+namespace kovathumb {
+
+const char* Version() { return KOVATHUMB_VERSION_STRING; }
+
+}  // namespace kovathumb
