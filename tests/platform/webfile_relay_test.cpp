@@ -1,92 +1,77 @@
 #include "kovaplatform/webfile_relay.h"
 
 #include <stdlib.h>
-#include <sys/stat.h>
 
 #include <gtest/gtest.h>
 
-#include "support/response.h"
+#include "support/http.h"
 #include "support/test_util.h"
 
 namespace kovathumb {
 namespace {
 
-using test::CaptureStdout;
-using test::ParseResponse;
-
 class RelayTest : public ::testing::Test {
  protected:
   void SetUp() override {
     for (const char* v : {"REQUEST_METHOD", "HTTP_IF_NONE_MATCH", "HTTP_IF_MODIFIED_SINCE"}) unsetenv(v);
-    file_ = dir_ / "a \"quoted\" name.jpg";
     test::WriteFile(file_, "JPEGDATA");
   }
   test::Response Send(const std::string& path) {
-    return ParseResponse(CaptureStdout([&] { result_ = WebFileRelay().Output(path.c_str(), "image/jpeg"); }));
+    return test::ParseResponse(test::CaptureStdout([&] { result_ = WebFileRelay().Output(path.c_str(), "image/jpeg"); }));
+  }
+  test::Response Send(FILE* f) {
+    return test::ParseResponse(test::CaptureStdout([&] { result_ = WebFileRelay().Output(f, "r.jpg", "image/jpeg"); }));
   }
   test::TempDir dir_;
-  std::string file_;
+  std::string file_ = dir_ / "a \"quoted\" name.jpg";
   int result_ = -1;
 };
 
 TEST_F(RelayTest, FileWithHeadersValidatorsAndBody) {
   test::Response r = Send(file_);
   EXPECT_EQ(result_, 0);
-  ASSERT_TRUE(r.complete);
   EXPECT_EQ(r.firstLine, "Content-Type: image/jpeg");
-  EXPECT_EQ(r.headers["Content-Length"], "8");
-  EXPECT_EQ(r.headers["Content-Disposition"],
+  EXPECT_EQ(r.headers["content-length"], "8");
+  EXPECT_EQ(r.headers["content-disposition"],
             "inline; filename=\"a _quoted_ name.jpg\"; filename*=UTF-8''a%20%22quoted%22%20name.jpg");
-  EXPECT_FALSE(r.headers["ETag"].empty());
-  EXPECT_FALSE(r.headers["Last-Modified"].empty());
   EXPECT_EQ(r.body, "JPEGDATA");
-
   // Revalidation: a matching tag or date costs no body.
-  setenv("HTTP_IF_NONE_MATCH", r.headers["ETag"].c_str(), 1);
-  test::Response tag = Send(file_);
-  EXPECT_EQ(result_, 0);
-  EXPECT_EQ(tag.firstLine, "Status: 304 Not Modified");
-  EXPECT_EQ(tag.body, "");
-  setenv("HTTP_IF_NONE_MATCH", "\"other\"", 1);
-  EXPECT_EQ(Send(file_).body, "JPEGDATA");
-  unsetenv("HTTP_IF_NONE_MATCH");
-  setenv("HTTP_IF_MODIFIED_SINCE", r.headers["Last-Modified"].c_str(), 1);
-  EXPECT_EQ(Send(file_).firstLine, "Status: 304 Not Modified");
-  setenv("HTTP_IF_MODIFIED_SINCE", "Thu, 01 Jan 1970 00:00:00 GMT", 1);
-  EXPECT_EQ(Send(file_).body, "JPEGDATA");
-  unsetenv("HTTP_IF_MODIFIED_SINCE");
-
+  struct Case {
+    const char* var;
+    std::string value;
+    int status;
+  };
+  for (const Case& c : {Case{"HTTP_IF_NONE_MATCH", r.headers["etag"], 304}, Case{"HTTP_IF_NONE_MATCH", "\"other\"", 200},
+                        Case{"HTTP_IF_MODIFIED_SINCE", r.headers["last-modified"], 304},
+                        Case{"HTTP_IF_MODIFIED_SINCE", "Thu, 01 Jan 1970 00:00:00 GMT", 200}}) {
+    setenv(c.var, c.value.c_str(), 1);
+    test::Response again = Send(file_);
+    EXPECT_EQ(again.status, c.status) << c.var << c.value;
+    EXPECT_EQ(again.body, c.status == 304 ? "" : "JPEGDATA");
+    unsetenv(c.var);
+  }
   setenv("REQUEST_METHOD", "HEAD", 1);
   test::Response head = Send(file_);
-  EXPECT_EQ(head.headers["Content-Length"], "8");
+  EXPECT_EQ(head.headers["content-length"], "8");
   EXPECT_EQ(head.body, "");
 }
 
-TEST_F(RelayTest, FailuresEndTheHeaderBlockWithAStatus) {
+TEST_F(RelayTest, FailuresEndTheHeaderBlockWithAStatusAndStreamsHaveNoLength) {
   test::Response missing = Send(dir_ / "missing.jpg");
   EXPECT_NE(result_, 0);
   EXPECT_TRUE(missing.complete);
   EXPECT_EQ(missing.firstLine, "Status: 404 Not Found");
-  EXPECT_EQ(Send(dir_.path()).firstLine, "Status: 500 Internal Server Error");  // a directory
+  EXPECT_EQ(Send(dir_.path()).status, 500);  // a directory
   EXPECT_NE(result_, 0);
-
-  test::Response null = ParseResponse(
-      CaptureStdout([&] { result_ = WebFileRelay().Output(static_cast<FILE*>(nullptr), "x.jpg", "image/jpeg"); }));
+  test::Response null = Send(static_cast<FILE*>(nullptr));
   EXPECT_NE(result_, 0);
   EXPECT_EQ(null.firstLine, "Status: 500 Internal Server Error");
   EXPECT_TRUE(null.complete);
-}
-
-TEST_F(RelayTest, StreamBodyWithoutLength) {
-  FILE* f = fopen(file_.c_str(), "r");
-  test::Response r = ParseResponse(CaptureStdout([&] { result_ = WebFileRelay().Output(f, "r.jpg", "image/jpeg"); }));
+  test::Response stream = Send(fopen(file_.c_str(), "r"));
   EXPECT_EQ(result_, 0);
-  EXPECT_EQ(r.headers.count("Content-Length"), 0u);
-  EXPECT_EQ(r.body, "JPEGDATA");
-  FILE* empty = fopen("/dev/null", "r");
-  EXPECT_EQ(ParseResponse(CaptureStdout([&] { result_ = WebFileRelay().Output(empty, "r.jpg", "image/jpeg"); }))
-                .firstLine,
-            "Status: 500 Internal Server Error");
+  EXPECT_EQ(stream.headers.count("content-length"), 0u);
+  EXPECT_EQ(stream.body, "JPEGDATA");
+  EXPECT_EQ(Send(fopen("/dev/null", "r")).status, 500);
 }
 
 }  // namespace
