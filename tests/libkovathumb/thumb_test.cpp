@@ -188,7 +188,7 @@ TEST_F(ThumbRootTest, StoringWithoutRootLogsTheGuardAndKeepsTheFile) {
 }
 
 TEST_F(ThumbTest, ConvertCountsSizesAndImportNeedsTheOutputType) {
-  test::MakePhoto(src_, 800, 600);
+  test::MakePhoto(src_);
   LogCapture log;
   Thumb thumb(src_, 0, false);
   EXPECT_EQ(thumb.Convert({std::string("small"), std::string("huge"), std::string("big")}), 2);

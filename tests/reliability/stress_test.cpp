@@ -14,7 +14,7 @@ namespace {
 
 TEST(StressTest, ConcurrentRequestsForTheSameThumbnail) {
   const char* env = std::getenv("KOVATHUMB_STRESS_ROUNDS");
-  const int rounds = env != nullptr ? std::atoi(env) : 200, clients = 8;
+  const int rounds = env != nullptr ? std::atoi(env) : 30, clients = 8;
   test::TempDir dir;
   const std::string src = dir / "photo.jpg";
   test::MakePhoto(src, 1200, 900, 6);
