@@ -76,9 +76,9 @@ TEST_F(ToolsTest, ConvertCropsHardNamesAndFailsCleanly) {
 }
 
 TEST_F(ToolsTest, AnimatedGifKeepsItsFrames) {
-  const std::string src = dir_ / "kovatest_anim.gif";
+  const std::string name = "kovatest_anim" + std::to_string(getpid()) + ".gif", src = dir_ / name;
   test::MustSh("/usr/bin/convert -size 300x200 -delay 20 xc:red xc:green xc:blue -loop 0 " + Quote(src));
-  const std::string coalesced = "ls /var/tmp/*kovatest_anim.gif 2>/dev/null";
+  const std::string coalesced = "ls /var/tmp/*" + name + " 2>/dev/null";
   ASSERT_TRUE(GIFConvertCmd(Probe(src, "small", {120, 120}, 0, true), src, dir_ / "thumb.gif").exec());
   EXPECT_EQ(test::Capture("/usr/bin/identify -format '%w %h\\n' " + Quote(dir_ / "thumb.gif")),
             "120 80\n120 80\n120 80\n");
@@ -86,7 +86,7 @@ TEST_F(ToolsTest, AnimatedGifKeepsItsFrames) {
   // A failing second run leaves the coalesced file and no output.
   EXPECT_FALSE(GIFConvertCmd(Probe(src, "small", {120, 120}, 0, true), src, dir_ / "no/such/dir/t.gif").exec());
   EXPECT_NE(test::Capture(coalesced), "");
-  test::Sh("rm -f /var/tmp/*kovatest_anim.gif");
+  test::Sh("rm -f /var/tmp/*" + name);
 }
 
 TEST_F(ToolsTest, RawPreviewExtractedByDcraw) {

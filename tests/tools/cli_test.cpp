@@ -92,7 +92,9 @@ TEST(CliTest, ConvertGetMakeAndImport) {
             true);
   struct stat st;
   ASSERT_EQ(stat((ea + "/KOVAFILE_THUMB_XL.jpg").c_str(), &st), 0);
-  EXPECT_EQ(st.st_mtime, 1234);
+  if (geteuid() == 0) {  // times are set as root only
+    EXPECT_EQ(st.st_mtime, 1234);
+  }
 }
 
 }  // namespace
