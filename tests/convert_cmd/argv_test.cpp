@@ -13,6 +13,7 @@ namespace kovathumb {
 namespace {
 
 using Args = std::vector<std::string>;
+using Size = std::pair<unsigned, unsigned>;
 
 ThumbInfo Jpeg(unsigned w, unsigned h, int rotate, ThumbDimension box, int userRotate = 0) {
   ThumbInfo info = ThumbInfoTestAccess::Make("image/jpeg", w, h, rotate, "__CUSTOM_SIZE__", box);
@@ -33,32 +34,30 @@ TEST(ConvertArgvTest, ThumbnailMirrorAndRotations) {
 }
 
 TEST(ConvertArgvTest, CropOffsets) {
-  ThumbInfo info = Jpeg(600, 240, 0, {320, 240});
-  info.SetCropMode(true);
-  EXPECT_EQ(ConvertCmd(info, "/s.jpg", "/d.jpg").GetArgv()[6], "320x240+140+0");
-  EXPECT_EQ(ConvertCmd(info, "/s.jpg", "/d.jpg").GetArgv()[5], "-crop");
-  // An odd user rotation swaps the crop box before the offsets: 240x320 box.
-  ThumbInfo turned = Jpeg(600, 400, 0, {320, 240}, 1);
-  turned.SetCropMode(true);
-  EXPECT_EQ(ConvertCmd(turned, "/s.jpg", "/d.jpg").GetArgv()[6], "240x320+180+40");
-  // Narrower than the box: the unsigned difference wraps and is halved.
-  ThumbInfo narrow = Jpeg(100, 240, 0, {320, 240});
-  narrow.SetCropMode(true);
-  EXPECT_EQ(ConvertCmd(narrow, "/s.jpg", "/d.jpg").GetArgv()[6], "100x240+2147483538+0");
+  // An odd user rotation swaps the box before the offsets; narrower than
+  // the box, the unsigned difference wraps and is halved.
+  for (auto c : {std::make_pair(Jpeg(600, 240, 0, {320, 240}), "320x240+140+0"),
+                 {Jpeg(600, 400, 0, {320, 240}, 1), "240x320+180+40"},
+                 {Jpeg(100, 240, 0, {320, 240}), "100x240+2147483538+0"}}) {
+    c.first.SetCropMode(true);
+    const Args argv = ConvertCmd(c.first, "/s.jpg", "/d.jpg").GetArgv();
+    EXPECT_EQ(argv[5], "-crop");
+    EXPECT_EQ(argv[6], c.second);
+  }
 }
 
 TEST(DJpegArgvTest, ScalesOfTheWorkedExamples) {
   const std::string src = "/s.jpg";  // borrowed by the vector: must outlive the command
   DJpegCmd big(Jpeg(4000, 3000, 0, {320, 320}), src, "/d.bmp");
-  EXPECT_EQ(big.GetScale(), 3);
   EXPECT_EQ(big.GetConvertBytes(), 562554u);
   EXPECT_EQ(big.GetArgv(), (Args{"/usr/bin/djpeg", "-scale", "1/8", "-dct", "fast", "-fast", "-onepass",
                                  "-bmp", "-outfile", "/d.bmp", "/s.jpg"}));
-  EXPECT_EQ(DJpegCmd(Jpeg(640, 480, 0, {320, 320}), "/s", "/d").GetScale(), 0);  // 76800 <= 76800
-  EXPECT_EQ(DJpegCmd(Jpeg(300, 200, 0, {320, 320}), "/s", "/d").GetScale(), 0);
-  EXPECT_EQ(DJpegCmd(Jpeg(0, 0, 0, {320, 320}), "/s", "/d").GetScale(), 0);      // clamped from -1
-  // One side unknown: the loop runs on the other (3), the zero area lowers it.
-  EXPECT_EQ(DJpegCmd(Jpeg(4000, 0, 0, {320, 320}), "/s", "/d").GetScale(), 2);
+  // 76800 <= 76800; 0x0 clamped from -1; one side unknown: the loop runs on
+  // the other (3), the zero area lowers it.
+  for (auto c : {std::make_pair(Size{4000, 3000}, 3), {{640, 480}, 0}, {{300, 200}, 0}, {{0, 0}, 0}, {{4000, 0}, 2}}) {
+    EXPECT_EQ(DJpegCmd(Jpeg(c.first.first, c.first.second, 0, {320, 320}), "/s", "/d").GetScale(), c.second)
+        << c.first.first << "x" << c.first.second;
+  }
 }
 
 TEST(DJpegArgvTest, IntermediateNameOnlyWhenTurningOrMirroring) {

@@ -36,7 +36,7 @@ int CheckSwitchInPrivateVar() {
   return 0;
 }
 
-TEST(MedextraTest, SwitchIsReadOnEveryCall) {
+TEST(MedextraRootTest, SwitchIsReadOnEveryCall) {
   pid_t pid = fork();
   if (pid == 0) _exit(CheckSwitchInPrivateVar());
   int status = 0;

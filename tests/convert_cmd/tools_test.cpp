@@ -3,21 +3,22 @@
 
 #include <gtest/gtest.h>
 
+#include "kovaplatform/kovaplatform.h"
 #include "kovathumb/convert_cmd.h"
 #include "kovathumb/file.h"
 #include "support/dng.h"
 #include "support/fake_platform.h"
 #include "support/test_util.h"
-#include "kovaplatform/kovaplatform.h"
 
 namespace kovathumb {
 namespace {
 
 using test::ImageSize;
 using test::Quote;
+using Size = std::pair<unsigned, unsigned>;
 
-ThumbInfo Probe(const std::string& path, const std::string& size, ThumbDimension box,
-                int userRotate = 0, bool gif = false) {
+ThumbInfo Probe(const std::string& path, const std::string& size, ThumbDimension box, int userRotate = 0,
+                bool gif = false) {
   ThumbInfo info(path, size, box);
   info.SetUserRotate(userRotate);
   info.SetEnableGIF(gif);
@@ -25,83 +26,67 @@ ThumbInfo Probe(const std::string& path, const std::string& size, ThumbDimension
   return info;
 }
 
-// Files of ours left in the shared temporary directories.
-std::vector<std::string> Leftovers(const std::string& base) {
-  std::vector<std::string> found;
-  for (const char* dir : {"/tmp", "/var/tmp"}) {
-    for (const std::string& n : test::ListDir(dir)) {
-      if (n.find(base) != std::string::npos) found.push_back(std::string(dir) + "/" + n);
-    }
-  }
-  return found;
+double Mean(const std::string& image, const std::string& area) {
+  return std::stod(test::Capture("/usr/bin/convert " + Quote(image) + " -crop " + area + " -format '%[fx:mean]' info:"));
 }
 
 class ToolsTest : public ::testing::Test {
  protected:
   void SetUp() override { fake::Reset(); }
+  void TearDown() override { fake::Reset(); }
   test::TempDir dir_;
 };
 
-TEST_F(ToolsTest, RotatedJpegBecomesUprightThumbnailOfTheBox) {
-  const std::string src = dir_ / "big photo.jpg";
+TEST_F(ToolsTest, DJpegTurnsOnlyWhenItMust) {
+  const std::string src = dir_ / "big photo.jpg", dst = dir_ / "thumb.jpg";
   test::MakeImage(src, 4000, 3000, "gradient:white-black");
   test::SetExif(src, "Exif.Image.Orientation", "6");
-  const std::string dst = dir_ / "thumb.jpg";
   DJpegCmd cmd(Probe(src, "big", {640, 640}), src, dst);
   EXPECT_EQ(cmd.GetScale(), 2);
   ASSERT_TRUE(cmd.exec());
-  EXPECT_EQ(ImageSize(dst), std::make_pair(480u, 640u));
+  EXPECT_EQ(ImageSize(dst), Size(480, 640));
   // Upright: the source's top (white) is now the right-hand side.
-  const std::string left = test::Capture("/usr/bin/convert " + Quote(dst) + " -crop 10x10+5+315 -format '%[fx:mean]' info:");
-  const std::string right = test::Capture("/usr/bin/convert " + Quote(dst) + " -crop 10x10+465+315 -format '%[fx:mean]' info:");
-  EXPECT_LT(std::stod(left), 0.2);
-  EXPECT_GT(std::stod(right), 0.8);
+  EXPECT_LT(Mean(dst, "10x10+5+315"), 0.2);
+  EXPECT_GT(Mean(dst, "10x10+465+315"), 0.8);
   EXPECT_EQ(test::ListDir(dir_.path()), std::vector<std::string>({"big photo.jpg", "thumb.jpg"}));
+  const std::string flat = dir_ / "flat.jpg";
+  test::MakeImage(flat, 1600, 1200);
+  ASSERT_TRUE(DJpegCmd(Probe(flat, "big", {640, 640}), flat, dir_ / "out.bmp").exec());
+  EXPECT_EQ(ImageSize(dir_ / "out.bmp"), Size(800, 600));  // 1/2 scale, no second stage
 }
 
-TEST_F(ToolsTest, UnturnedJpegIsDecodedStraightToTheOutput) {
-  const std::string src = dir_ / "flat.jpg";
-  test::MakeImage(src, 1600, 1200);
-  const std::string dst = dir_ / "out.bmp";
-  DJpegCmd cmd(Probe(src, "big", {640, 640}), src, dst);
-  ASSERT_TRUE(cmd.exec());
-  EXPECT_EQ(ImageSize(dst), std::make_pair(800u, 600u));  // 1/2 scale, no second stage
-}
-
-TEST_F(ToolsTest, ConvertCropsPngAndFailsCleanly) {
+TEST_F(ToolsTest, ConvertCropsHardNamesAndFailsCleanly) {
   const std::string src = dir_ / "it's $(touch pwned) `x`.png";
   test::MakeImage(src, 600, 400);
   ThumbInfo info = Probe(src, "__CUSTOM_SIZE__", {200, 200});
   info.SetCropMode(true);
-  const std::string dst = dir_ / "-crop.png";
-  ASSERT_TRUE(ConvertCmd(info, src, dst).exec());
-  EXPECT_EQ(ImageSize(dst), std::make_pair(200u, 200u));
+  ASSERT_TRUE(ConvertCmd(info, src, dir_ / "-crop.png").exec());
+  EXPECT_EQ(ImageSize(dir_ / "-crop.png"), Size(200, 200));
   EXPECT_FALSE(test::Exists(dir_ / "pwned"));
-  EXPECT_FALSE(test::Exists("pwned"));
-
-  // A converter failure removes the partial output.
-  const std::string corrupt = dir_ / "corrupt.png";
-  test::WriteFile(corrupt, std::string("\x89PNG\r\n\x1a\n", 8) + std::string(100, 'x'));
+  // A converter failure, or a launcher's, removes the partial output.
+  test::WriteFile(dir_ / "corrupt.png", std::string("\x89PNG\r\n\x1a\n", 8) + std::string(100, 'x'));
   test::WriteFile(dir_ / "partial.png", "stale");
-  EXPECT_FALSE(ConvertCmd(info, corrupt, dir_ / "partial.png").exec());
+  EXPECT_FALSE(ConvertCmd(info, dir_ / "corrupt.png", dir_ / "partial.png").exec());
   EXPECT_FALSE(test::Exists(dir_ / "partial.png"));
+  fake::State().exec_result = 1;
+  test::WriteFile(dir_ / "d.jpg", "partial");
+  EXPECT_FALSE(ConvertCmd(info, src, dir_ / "d.jpg").exec());
+  EXPECT_FALSE(test::Exists(dir_ / "d.jpg"));
+  EXPECT_FALSE(DJpegCmd(info, src, dir_ / "e.jpg").exec());
 }
 
 TEST_F(ToolsTest, AnimatedGifKeepsItsFrames) {
-  const std::string src = dir_ / "kovatest_anim.gif";
+  const std::string name = "kovatest_anim" + std::to_string(getpid()) + ".gif", src = dir_ / name;
   test::MustSh("/usr/bin/convert -size 300x200 -delay 20 xc:red xc:green xc:blue -loop 0 " + Quote(src));
-  const std::string dst = dir_ / "thumb.gif";
-  GIFConvertCmd cmd(Probe(src, "small", {120, 120}, 0, true), src, dst);
-  ASSERT_TRUE(cmd.exec());
-  EXPECT_EQ(test::Capture("/usr/bin/identify -format '%w %h\\n' " + Quote(dst)), "120 80\n120 80\n120 80\n");
-  EXPECT_TRUE(Leftovers("kovatest_anim.gif").empty());
-
+  const std::string coalesced = "ls /var/tmp/*" + name + " 2>/dev/null";
+  ASSERT_TRUE(GIFConvertCmd(Probe(src, "small", {120, 120}, 0, true), src, dir_ / "thumb.gif").exec());
+  EXPECT_EQ(test::Capture("/usr/bin/identify -format '%w %h\\n' " + Quote(dir_ / "thumb.gif")),
+            "120 80\n120 80\n120 80\n");
+  EXPECT_EQ(test::Capture(coalesced), "");
   // A failing second run leaves the coalesced file and no output.
-  GIFConvertCmd failing(Probe(src, "small", {120, 120}, 0, true), src, dir_ / "no/such/dir/t.gif");
-  EXPECT_FALSE(failing.exec());
-  const std::vector<std::string> left = Leftovers("kovatest_anim.gif");
-  EXPECT_EQ(left.size(), 1u);
-  for (const std::string& f : left) unlink(f.c_str());
+  EXPECT_FALSE(GIFConvertCmd(Probe(src, "small", {120, 120}, 0, true), src, dir_ / "no/such/dir/t.gif").exec());
+  EXPECT_NE(test::Capture(coalesced), "");
+  test::Sh("rm -f /var/tmp/*" + name);
 }
 
 TEST_F(ToolsTest, RawPreviewExtractedByDcraw) {
@@ -135,25 +120,11 @@ TEST_F(ToolsTest, JpegtranStreamsARotatedJpeg) {
   ASSERT_NE(stream, nullptr);
   std::string data;
   char buf[4096];
-  size_t n;
-  while ((n = fread(buf, 1, sizeof buf, stream)) > 0) data.append(buf, n);
+  for (size_t n; (n = fread(buf, 1, sizeof buf, stream)) > 0;) data.append(buf, n);
   EXPECT_EQ(KLIBCPclose(stream), 0);
-  test::WriteFile(dir_ / "r.jpg", data);
-  EXPECT_EQ(ImageSize(dir_ / "r.jpg"), std::make_pair(32u, 64u));
+  EXPECT_EQ(test::BodySize(data), Size(32, 64));
   EXPECT_TRUE(JpegTranCmd(info, src, dir_ / "f.jpg", false).exec());
   EXPECT_FALSE(JpegTranCmd(info, dir_ / "missing.jpg", dir_ / "g.jpg", false).exec());
-}
-
-TEST_F(ToolsTest, FailingLauncherMakesExecFalse) {
-  const std::string src = dir_ / "s.jpg";
-  test::MakeImage(src, 800, 600);
-  ThumbInfo info = Probe(src, "small", {120, 120}, 1);
-  fake::State().exec_result = 1;
-  test::WriteFile(dir_ / "d.jpg", "partial");
-  EXPECT_FALSE(ConvertCmd(info, src, dir_ / "d.jpg").exec());
-  EXPECT_FALSE(test::Exists(dir_ / "d.jpg"));
-  EXPECT_FALSE(DJpegCmd(info, src, dir_ / "e.jpg").exec());
-  fake::Reset();
 }
 
 }  // namespace

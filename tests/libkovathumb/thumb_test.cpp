@@ -2,7 +2,6 @@
 #include "kovathumb/thumb.h"
 
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 #include <utime.h>
 
@@ -10,27 +9,19 @@
 
 #include <stdexcept>
 
+#include "support/attacker.h"
 #include "support/fake_platform.h"
-#include "support/response.h"
+#include "support/http.h"
 #include "support/test_util.h"
 
 namespace kovathumb {
 namespace {
 
-using test::CaptureStdout;
+using test::BodySize;
 using test::ImageSize;
 using test::LogCapture;
-using test::ParseResponse;
 using test::Quote;
-
-constexpr char kCacheLine[] = "Cache-Control: max-age=300, must-revalidate\r\n";
-
-// A photo whose JPEG outweighs its decoded estimate at every size, so that
-// requests convert it.
-void MakePhoto(const std::string& path, unsigned w = 1600, unsigned h = 1200) {
-  test::MustSh("/usr/bin/convert -size " + std::to_string(w) + "x" + std::to_string(h) +
-               " xc:gray +noise Random -quality 95 " + Quote(path));
-}
+using Size = std::pair<unsigned, unsigned>;
 
 void SetMtime(const std::string& path, time_t mtime) {
   struct utimbuf t = {mtime, mtime};
@@ -41,73 +32,60 @@ std::vector<std::string> PreviewFiles() { return test::ListDir("/tmp", "thumb." 
 
 class ThumbTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    fake::Reset();
-    src_ = dir_ / "photo.jpg";
-    ea_ = dir_.path() + "/.kovaea/photo.jpg";
-  }
+  void SetUp() override { fake::Reset(); }
   void TearDown() override { fake::Reset(); }
   // A stored thumbnail `name` of the source, as new as the source plus `age`.
   std::string Store(const std::string& name, unsigned w, unsigned h, long age = 0) {
     test::MustSh("mkdir -p " + Quote(ea_));
-    const std::string path = ea_ + "/" + name;
-    test::MakeImage(path, w, h, "xc:orange");
+    test::MakeImage(ea_ + "/" + name, w, h, "xc:orange");
     struct stat st;
     stat(src_.c_str(), &st);
-    SetMtime(path, st.st_mtime + age);
-    return path;
+    SetMtime(ea_ + "/" + name, st.st_mtime + age);
+    return ea_ + "/" + name;
   }
-  test::Response Output(Thumb& thumb, const std::string& size, int* result) {
-    return ParseResponse(CaptureStdout([&] { *result = thumb.Output(size); }));
+  test::Response Output(Thumb& thumb, const std::string& size, int* result = nullptr) {
+    int r = 0;
+    test::Response out = test::ParseResponse(test::CaptureStdout([&] { r = thumb.Output(size); }));
+    if (result != nullptr) *result = r;
+    return out;
   }
-  std::string BodySize(const test::Response& r) {
-    test::WriteFile(dir_ / "body", r.body);
-    auto s = ImageSize(dir_ / "body");
-    return std::to_string(s.first) + "x" + std::to_string(s.second);
-  }
-
   test::TempDir dir_;
-  std::string src_;
-  std::string ea_;
+  std::string src_ = dir_ / "photo.jpg";
+  std::string ea_ = dir_.path() + "/.kovaea/photo.jpg";
 };
 
 TEST_F(ThumbTest, ConvertsStoresAndSendsAnUprightThumbnail) {
-  MakePhoto(src_);
-  test::SetExif(src_, "Exif.Image.Orientation", "6");
+  test::MakePhoto(src_, 1600, 1200, 6);
   SetMtime(src_, 1600000000);
   Thumb thumb(src_, 0, false);
   int result = 0;
   test::Response r = Output(thumb, "big", &result);
   EXPECT_NE(result, 0);
-  EXPECT_EQ(r.raw.compare(0, strlen(kCacheLine), kCacheLine), 0);
-  EXPECT_EQ(r.headers["Content-Type"], "image/jpeg");
-  EXPECT_EQ(r.headers["Content-Length"], std::to_string(r.body.size()));
-  EXPECT_EQ(BodySize(r), "480x640");
+  EXPECT_EQ(r.raw.compare(0, 45, "Cache-Control: max-age=300, must-revalidate\r\n"), 0);
+  EXPECT_EQ(r.headers["content-type"], "image/jpeg");
+  EXPECT_EQ(r.headers["content-length"], std::to_string(r.body.size()));
+  EXPECT_EQ(BodySize(r.body), Size(480, 640));
   EXPECT_EQ(thumb.GetOutputType(), "Dossiva");
   EXPECT_EQ(thumb.GetOutputFile(), ea_ + "/KOVAFILE_THUMB_B_r1.jpg");
-
-  // Stored as root, mode 0777, access time 0 and the source's modification
-  // time (checked before anything reads it).
-  Thumb medium(src_, 0, false);
-  ASSERT_FALSE(medium.CalcOutputFile("medium").empty());
+  // Stored as root, mode 0777, access time 0 and the source's modification time.
+  ASSERT_FALSE(Thumb(src_, 0, false).CalcOutputFile("medium").empty());
   struct stat st;
   ASSERT_EQ(stat((ea_ + "/KOVAFILE_THUMB_M_r1.jpg").c_str(), &st), 0);
-  EXPECT_EQ(st.st_uid, 0u);
-  EXPECT_EQ(st.st_gid, 0u);
+  EXPECT_EQ(st.st_uid, geteuid());
   EXPECT_EQ(st.st_mode & 07777, 0777u);
-  EXPECT_EQ(st.st_atime, 0);
-  EXPECT_EQ(st.st_mtime, 1600000000);
-  // Nothing else is left in the EA directory, /tmp or /var/tmp.
+  if (geteuid() == 0) {  // times are set as root only
+    EXPECT_EQ(st.st_atime, 0);
+    EXPECT_EQ(st.st_mtime, 1600000000);
+  }
   EXPECT_EQ(test::ListDir(ea_, "KOVAFILETMP").size(), 0u);
   EXPECT_TRUE(PreviewFiles().empty());
 }
 
 TEST_F(ThumbTest, UpToDateStoredThumbnailsAreServedWithoutConversion) {
-  MakePhoto(src_);
+  test::MakePhoto(src_);
   struct Case {
     int options;
-    std::string name;
-    std::string type;
+    std::string name, type;
   };
   for (const Case& c : {Case{1, "KOVAPHOTO_THUMB_B.jpg", "Pictavo"}, Case{1, "KOVAPHOTO:THUMB_B.jpg", "Pictavo"},
                         Case{2, "KOVAFILE_THUMB_B.jpg", "Dossiva"}, Case{32, "KOVAAVATAR_640x640.jpg", "Dossiva"},
@@ -116,84 +94,54 @@ TEST_F(ThumbTest, UpToDateStoredThumbnailsAreServedWithoutConversion) {
     if (c.options == (1 | 32)) Store("KOVAPHOTO_THUMB_B.jpg", 64, 48);  // never tried for avatars
     fake::Reset();
     Thumb thumb(src_, c.options, false);
-    int result = 0;
-    test::Response r = Output(thumb, "big", &result);
-    EXPECT_NE(result, 0) << c.name;
+    EXPECT_EQ(BodySize(Output(thumb, "big").body), Size(64, 48)) << c.name;
     EXPECT_EQ(thumb.GetOutputFile(), stored) << c.options;
     EXPECT_EQ(thumb.GetOutputType(), c.type);
-    EXPECT_EQ(BodySize(r), "64x48");
     EXPECT_TRUE(fake::State().exec_calls.empty()) << c.name;
     test::MustSh("rm -rf " + Quote(ea_));
   }
   // Older than the source: not used; without on-line conversion nothing is.
   Store("KOVAPHOTO_THUMB_B.jpg", 64, 48, -10);
-  Thumb stale(src_, 1 | 4, false);
-  EXPECT_EQ(stale.CalcOutputFile("big"), "");
-  EXPECT_EQ(stale.GetOutputFile(), "");
+  EXPECT_EQ(Thumb(src_, 1 | 4, false).CalcOutputFile("big"), "");
+  // A smaller size stands in only when asked to.
+  const std::string medium = Store("KOVAFILE_THUMB_M.jpg", 64, 48);
+  Thumb fallback(src_, 2 | 4 | 64, false);
+  EXPECT_EQ(fallback.CalcOutputFile("big"), medium);
+  EXPECT_EQ(fallback.CalcOutputFile("__CUSTOM_SIZE__"), "");
+  EXPECT_EQ(Thumb(src_, 2 | 4, false).CalcOutputFile("big"), "");
+  EXPECT_THROW(Thumb(src_, 2 | 4, false).Output("huge"), std::out_of_range);
 }
 
-TEST_F(ThumbTest, OriginalSizeAndSmallSources) {
+TEST_F(ThumbTest, OriginalsSmallSourcesAndVideos) {
   test::MakeImage(src_, 320, 240);
   Thumb thumb(src_, 0, false);
-  int result = 0;
-  test::Response r = Output(thumb, "original", &result);
-  EXPECT_NE(result, 0);
+  EXPECT_EQ(Output(thumb, "original").body, test::ReadFile(src_));
   EXPECT_EQ(thumb.GetOutputType(), "Original");
-  EXPECT_EQ(r.body, test::ReadFile(src_));
-
   // A small turned JPEG: conversion would not make it smaller.
   const std::string small = dir_ / "small.jpg";
   test::MakeImage(small, 640, 480);
   test::SetExif(small, "Exif.Image.Orientation", "6");
   Thumb smallThumb(small, 0, false);
-  r = Output(smallThumb, "small", &result);
-  EXPECT_NE(result, 0);
+  EXPECT_EQ(Output(smallThumb, "small").body, test::ReadFile(small));
   EXPECT_EQ(smallThumb.GetOutputType(), "Original");
-  EXPECT_EQ(r.body, test::ReadFile(small));
-
-  const std::string tiff = dir_ / "scan.tif";
-  test::MakeImage(tiff, 64, 64);
-  Thumb tiffThumb(tiff, 0, false);
-  EXPECT_EQ(CaptureStdout([&] { result = tiffThumb.Output("original"); }), "");
-  EXPECT_EQ(result, 0);
-  EXPECT_EQ(CaptureStdout([&] { EXPECT_FALSE(tiffThumb.OutputOriginalImage()); }), "");
-}
-
-TEST_F(ThumbTest, FallbackOverSmallerSizesAndUnknownNames) {
-  MakePhoto(src_);
-  const std::string medium = Store("KOVAFILE_THUMB_M.jpg", 64, 48);
-  Thumb fallback(src_, 2 | 4 | 64, false);
-  EXPECT_EQ(fallback.CalcOutputFile("big"), medium);
-  Thumb strict(src_, 2 | 4, false);
-  EXPECT_EQ(strict.CalcOutputFile("big"), "");
-  EXPECT_EQ(fallback.CalcOutputFile("__CUSTOM_SIZE__"), "");
-  try {
-    strict.Output("huge");
-    FAIL();
-  } catch (const std::out_of_range& e) {
-    EXPECT_STREQ(e.what(), "map::at");
+  for (const char* name : {"scan.tif", "clip.mp4"}) {
+    test::MakeImage(dir_ / name, 64, 64);
+    Thumb none(dir_ / name, 0, false);
+    int result = 1;
+    EXPECT_EQ(Output(none, "original", &result).raw, "") << name;
+    EXPECT_EQ(result, 0);
   }
-}
-
-TEST_F(ThumbTest, VideosNeverConvert) {
-  const std::string clip = dir_ / "clip.mp4";
-  test::WriteFile(clip, "video");
-  Thumb thumb(clip, 0, false);
-  int result = 1;
-  EXPECT_EQ(CaptureStdout([&] { result = thumb.Output("big"); }), "");
-  EXPECT_EQ(result, 0);
-  EXPECT_TRUE(fake::State().exec_calls.empty());
-
-  test::MustSh("mkdir -p " + Quote(dir_.path() + "/.kovaea/clip.mp4"));
+  EXPECT_TRUE(fake::State().exec_calls.empty());  // videos never convert
   const std::string shot = dir_.path() + "/.kovaea/clip.mp4/KOVAVIDEO_VIDEO_SCREENSHOT.jpg";
+  test::MustSh("mkdir -p " + Quote(dir_.path() + "/.kovaea/clip.mp4"));
   test::MakeImage(shot, 64, 36);
-  Thumb withShot(clip, 64, false);  // the fallback bit is ignored for videos
+  Thumb withShot(dir_ / "clip.mp4", 64, false);  // the fallback bit is ignored for videos
   EXPECT_EQ(withShot.CalcOutputFile("big"), shot);
   EXPECT_EQ(withShot.GetOutputType(), "Cinevo");
 }
 
 TEST_F(ThumbTest, UnwritableEADirectoryLeavesResultInVarTmp) {
-  MakePhoto(src_);
+  test::MakePhoto(src_);
   fake::State().fs_type = 12;
   Thumb thumb(src_, 0, false);
   const std::string out = thumb.CalcOutputFile("small");
@@ -219,91 +167,75 @@ TEST_F(ThumbTest, MoveAcrossFileSystemsFallsBackToMv) {
   EXPECT_EQ(mv[3].compare(mv[3].size() - 11, 11, "/stored.jpg"), 0) << mv[3];
   struct stat st;
   stat((dir_ / "stored.jpg").c_str(), &st);
-  EXPECT_EQ(st.st_mtime, 1234);
-
+  if (geteuid() == 0) {
+    EXPECT_EQ(st.st_mtime, 1234);
+  }
   LogCapture log;
   EXPECT_FALSE(thumb.SaveThumbToEA(dir_ / "gone", dir_ / "x", 0));
   EXPECT_EQ(log.Count("\"Can not acess thumbnail '" + dir_.path() + "/gone'\\n\""), 1);
 }
 
-TEST_F(ThumbTest, StoringWithoutRootLogsTheGuardAndKeepsTheFile) {
+using ThumbRootTest = ThumbTest;
+
+TEST_F(ThumbRootTest, StoringWithoutRootLogsTheGuardAndKeepsTheFile) {
+  KT_SKIP_UNLESS_ROOT();
   test::WriteFile(src_, "source");
   chmod(dir_.path().c_str(), 0777);
-  pid_t pid = fork();
-  if (pid == 0) {
-    if (setresgid(65534, 65534, 65534) != 0 || setresuid(65534, 65534, 65534) != 0) _exit(90);
+  EXPECT_TRUE(test::AsAttacker([&] {
     LogCapture log;
     test::MakeImage(dir_ / "tmp.jpg", 8, 8);
-    Thumb thumb(src_, 0, false);
-    if (!thumb.SaveThumbToEA(dir_ / "tmp.jpg", dir_ / "stored.jpg", 0)) _exit(1);
-    if (log.Count("libkovathumb.cpp:489 ERROR: IF_RUN_AS2(\"root\")") != 1) _exit(2);
-    if (log.Count("libkovathumb.cpp:510 ERROR: IF_RUN_AS2(\"root\")") != 1) _exit(3);
-    _exit(0);
-  }
-  int status = 0;
-  waitpid(pid, &status, 0);
-  ASSERT_TRUE(WIFEXITED(status));
-  EXPECT_EQ(WEXITSTATUS(status), 0);
+    return Thumb(src_, 0, false).SaveThumbToEA(dir_ / "tmp.jpg", dir_ / "stored.jpg", 0) &&
+           log.Count("libkovathumb.cpp:489 ERROR: IF_RUN_AS2(\"root\")") == 1 &&
+           log.Count("libkovathumb.cpp:510 ERROR: IF_RUN_AS2(\"root\")") == 1;
+  }));
   struct stat st;
   ASSERT_EQ(stat((dir_ / "stored.jpg").c_str(), &st), 0);
-  EXPECT_EQ(st.st_uid, 65534u);
+  EXPECT_EQ(st.st_uid, test::kAttackerId);
   EXPECT_EQ(st.st_mode & 0777, 0777u);
 }
 
-TEST_F(ThumbTest, ConvertCountsSizesAndGoesOnAfterAnUnknownName) {
-  MakePhoto(src_);
+TEST_F(ThumbTest, ConvertCountsSizesAndImportNeedsTheOutputType) {
+  test::MakePhoto(src_);
   LogCapture log;
   Thumb thumb(src_, 0, false);
   EXPECT_EQ(thumb.Convert({std::string("small"), std::string("huge"), std::string("big")}), 2);
   EXPECT_EQ(log.Count("libkovathumb.cpp:95 (Convert) \"Unknown Internal Error\""), 1);
   EXPECT_TRUE(test::Exists(ea_ + "/KOVAFILE_THUMB_S.jpg"));
-  EXPECT_TRUE(test::Exists(ea_ + "/KOVAFILE_THUMB_B.jpg"));
   EXPECT_EQ(thumb.Convert({ThumbDimension{200, 100}}), 1);
   EXPECT_TRUE(test::Exists(ea_ + "/KOVAFILE_THUMB_200x100.jpg"));
+  test::WriteFile(dir_ / "corrupt.jpg", std::string(5000, 'z'));
+  EXPECT_FALSE(Thumb(dir_ / "corrupt.jpg", 0, false).ConvertAll());
 
-  const std::string corrupt = dir_ / "corrupt.jpg";
-  test::WriteFile(corrupt, std::string(5000, 'z'));
-  Thumb broken(corrupt, 0, false);
-  EXPECT_FALSE(broken.ConvertAll());
-}
-
-TEST_F(ThumbTest, ImportedThumbnailsMustHaveTheOutputType) {
-  MakePhoto(src_, 800, 600);
   test::MakeImage(dir_ / "s.png", 120, 90);
-  test::MakeImage(dir_ / "b.jpg", 640, 480);
-  LogCapture log;
-  Thumb thumb(src_, 0, false);
-  EXPECT_FALSE(thumb.SaveExistingThumbsToEA({{"small", dir_ / "s.png"}, {"big", dir_ / "b.jpg"}}, 0, true));
+  test::MakeImage(dir_ / "m.jpg", 320, 240);
+  Thumb import(src_, 0, false);
+  EXPECT_FALSE(import.SaveExistingThumbsToEA({{"small", dir_ / "s.png"}, {"medium", dir_ / "m.jpg"}}, 0, true));
   EXPECT_EQ(log.Count("Thumbnail has different mime type '" + dir_.path() + "/s.png'"), 1);
-  EXPECT_FALSE(test::Exists(ea_ + "/KOVAFILE_THUMB_S.jpg"));
   EXPECT_TRUE(test::Exists(dir_ / "s.png"));
-  EXPECT_TRUE(test::Exists(ea_ + "/KOVAFILE_THUMB_B.jpg"));
-  EXPECT_FALSE(test::Exists(dir_ / "b.jpg"));
+  EXPECT_TRUE(test::Exists(ea_ + "/KOVAFILE_THUMB_M.jpg"));
+  EXPECT_FALSE(test::Exists(dir_ / "m.jpg"));
   EXPECT_TRUE(PreviewFiles().empty());
 }
 
 TEST_F(ThumbTest, OnlyGalleryThumbnailsAreTurnedForTheUser) {
-  MakePhoto(src_, 800, 600);
+  test::MakePhoto(src_, 800, 600);
   const std::string gallery = Store("KOVAPHOTO_THUMB_B.jpg", 64, 32);
   Thumb turned(src_, 1, false);
   turned.Rotate(1);
-  int result = 0;
-  test::Response r = Output(turned, "big", &result);
-  EXPECT_NE(result, 0);
-  EXPECT_EQ(BodySize(r), "32x64");
-  EXPECT_EQ(r.headers.count("Content-Length"), 0u);  // streamed
+  test::Response r = Output(turned, "big");
+  EXPECT_EQ(BodySize(r.body), Size(32, 64));
+  EXPECT_EQ(r.headers.count("content-length"), 0u);  // streamed
   Thumb whole(src_, 1, false);
   whole.Rotate(4);  // a whole turn: the stored file as it is
-  EXPECT_EQ(Output(whole, "big", &result).body, test::ReadFile(gallery));
-
+  EXPECT_EQ(Output(whole, "big").body, test::ReadFile(gallery));
   Store("KOVAFILE_THUMB_B_r1.jpg", 64, 32);
   Thumb dossiva(src_, 2, false);
   dossiva.Rotate(1);
-  EXPECT_EQ(BodySize(Output(dossiva, "big", &result)), "64x32");
+  EXPECT_EQ(BodySize(Output(dossiva, "big").body), Size(64, 32));
 }
 
-TEST_F(ThumbTest, EmbeddedPreviewBecomesTheThumbnail) {
-  MakePhoto(src_);
+TEST_F(ThumbTest, EmbeddedPreviewBecomesTheThumbnailTurnedAsAsked) {
+  test::MakePhoto(src_);
   test::MakeImage(dir_ / "photo-thumb.jpg", 640, 480, "xc:green");
   test::MustSh("exiv2 -it " + Quote(src_));
   {
@@ -311,18 +243,22 @@ TEST_F(ThumbTest, EmbeddedPreviewBecomesTheThumbnail) {
     EXPECT_EQ(thumb.CalcOutputFile("medium"), ea_ + "/KOVAFILE_THUMB_M.jpg");
     EXPECT_EQ(thumb.GetOutputType(), "Dossiva");
     EXPECT_TRUE(fake::State().exec_calls.empty());  // moved as it is
-    EXPECT_EQ(ImageSize(ea_ + "/KOVAFILE_THUMB_M.jpg"), std::make_pair(640u, 480u));
-    EXPECT_TRUE(PreviewFiles().empty());
+    EXPECT_EQ(ImageSize(ea_ + "/KOVAFILE_THUMB_M.jpg"), Size(640, 480));
+  }
+  test::MustSh("cp " + Quote(src_) + " " + Quote(dir_ / "turn.jpg"));
+  {
+    Thumb thumb(dir_ / "turn.jpg", 0, false);
+    thumb.Rotate(1);  // the user's turn alone
+    EXPECT_EQ(ImageSize(thumb.CalcOutputFile("medium")), Size(270, 360));
   }
   test::SetExif(src_, "Exif.Image.Orientation", "6");
   {
     Thumb thumb(src_, 0, false);
     EXPECT_EQ(thumb.CalcOutputFile("medium"), ea_ + "/KOVAFILE_THUMB_M_r1.jpg");
-    EXPECT_EQ(ImageSize(thumb.GetOutputFile()), std::make_pair(270u, 360u));
+    EXPECT_EQ(ImageSize(thumb.GetOutputFile()), Size(270, 360));
     EXPECT_TRUE(PreviewFiles().empty());
   }
-  // A request answered by a stored thumbnail leaves the preview to the
-  // destructor.
+  // A request answered by a stored thumbnail leaves the preview to the destructor.
   {
     Thumb thumb(src_, 2, false);
     EXPECT_EQ(thumb.CalcOutputFile("medium"), ea_ + "/KOVAFILE_THUMB_M_r1.jpg");

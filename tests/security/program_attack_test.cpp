@@ -38,7 +38,7 @@ void Exchange(const std::string& a, const std::string& b) {
   (void)!renameat2(AT_FDCWD, a.c_str(), AT_FDCWD, b.c_str(), RENAME_EXCHANGE);
 }
 
-class ProgramAttackTest : public ::testing::Test {
+class ProgramAttackRootTest : public ::testing::Test {
  protected:
   void SetUp() override {
     KT_SKIP_UNLESS_ROOT();
@@ -68,7 +68,7 @@ class ProgramAttackTest : public ::testing::Test {
   std::string sibling_;
 };
 
-TEST_F(ProgramAttackTest, LinksInRequestPathsAndListsAreRefused) {
+TEST_F(ProgramAttackRootTest, LinksInRequestPathsAndListsAreRefused) {
   EXPECT_EQ(Cgi(t_.tree, "path=alice/keep.jpg&size=small").status, 200);
   const std::pair<const char*, int> paths[] = {
       {"alice/out.jpg", 403}, {"alice/sib/p.jpg", 403}, {"alice/up/secret.jpg", 403}, {"alice/in.jpg", 403},
@@ -108,7 +108,7 @@ TEST_F(ProgramAttackTest, LinksInRequestPathsAndListsAreRefused) {
   ExpectOutsideUntouched();
 }
 
-TEST_F(ProgramAttackTest, SwappingLinksIntoPlaceDuringRequestsNeverReachesOutside) {
+TEST_F(ProgramAttackRootTest, SwappingLinksIntoPlaceDuringRequestsNeverReachesOutside) {
   const std::string m = t_.mine;
   test::AttackerLoop swapper([m] {
     Exchange(m + "/p.jpg", m + "/x.jpg");  // the photo and a link to the secret
@@ -128,7 +128,7 @@ TEST_F(ProgramAttackTest, SwappingLinksIntoPlaceDuringRequestsNeverReachesOutsid
   ExpectOutsideUntouched();
 }
 
-TEST_F(ProgramAttackTest, IndexWithLinksAndSwappedFoldersStaysInTheTree) {
+TEST_F(ProgramAttackRootTest, IndexWithLinksAndSwappedFoldersStaysInTheTree) {
   const std::string m = t_.mine;
   test::AttackerLoop swapper([m] { Exchange(m + "/d", m + "/x"); });
   test::Sh(KOVATHUMB_CLI " index --no-progress -j 2 --sizes small,big " + Quote(t_.tree) + " >/dev/null");

@@ -16,7 +16,7 @@
 #include "kovathumb/thumb.h"
 #include "libkovathumb/store_rules.h"
 #include "support/attacker.h"
-#include "support/response.h"
+#include "support/http.h"
 #include "support/test_util.h"
 
 namespace kovathumb {
@@ -25,7 +25,7 @@ namespace {
 using test::AsAttacker;
 using test::Quote;
 
-class StoreAttackTest : public ::testing::Test {
+class StoreAttackRootTest : public ::testing::Test {
  protected:
   void SetUp() override {
     KT_SKIP_UNLESS_ROOT();
@@ -77,7 +77,7 @@ class StoreAttackTest : public ::testing::Test {
   std::string src_, ea_, outside_;
 };
 
-TEST_F(StoreAttackTest, PlantedLinksFifosAndDirectoriesAreNeverFollowed) {
+TEST_F(StoreAttackRootTest, PlantedLinksFifosAndDirectoriesAreNeverFollowed) {
   struct Case {
     const char* what;
     const char* name;
@@ -98,7 +98,7 @@ TEST_F(StoreAttackTest, PlantedLinksFifosAndDirectoriesAreNeverFollowed) {
   }
 }
 
-TEST_F(StoreAttackTest, ToolsReadTheFileThatWasOpened) {
+TEST_F(StoreAttackRootTest, ToolsReadTheFileThatWasOpened) {
   Thumb thumb(src_, 2, false);
   // Swapped for a link to the secret once the request has opened it.
   const std::string src = src_, secret = t_.secret;
@@ -112,7 +112,7 @@ TEST_F(StoreAttackTest, ToolsReadTheFileThatWasOpened) {
   EXPECT_THROW(Thumb link(src_, 2, false), Error);
 }
 
-TEST_F(StoreAttackTest, NothingEmptyBrokenOrStaleIsStored) {
+TEST_F(StoreAttackRootTest, NothingEmptyBrokenOrStaleIsStored) {
   Thumb thumb(src_, 2, false);
   ASSERT_FALSE(thumb.CalcOutputFile("small").empty());  // probes the source
   const std::string jpeg = t_.top / "ok.jpg";
@@ -139,7 +139,7 @@ TEST_F(StoreAttackTest, NothingEmptyBrokenOrStaleIsStored) {
   ExpectContained();
 }
 
-TEST_F(StoreAttackTest, ArbitraryBoxesAreBoundedAndOutputsDeletedThroughTheDirectory) {
+TEST_F(StoreAttackRootTest, ArbitraryBoxesAreBoundedAndOutputsDeletedThroughTheDirectory) {
   Thumb thumb(src_, 0, false);
   for (unsigned edge = 100; edge < 112; ++edge) EXPECT_EQ(thumb.Convert({ThumbDimension{edge, edge}}), 1);
   const auto boxes = test::ListDir(ea_, "KOVAFILE_THUMB_1");

@@ -49,7 +49,7 @@ void RemoveLinks(const std::string& head, const std::string& tail) {
 }
 
 // Class 3: the reader is pinned to the format we convert, whatever the content says.
-TEST(ToolAttackTest, ConverterReadsOnlyTheFormatsWeConvert) {
+TEST(ToolAttackRootTest, ConverterReadsOnlyTheFormatsWeConvert) {
   KT_SKIP_UNLESS_ROOT();
   const std::vector<std::array<std::string, 3>> cases = {  // leading bytes, probed type, coder
       {"\xFF\xD8\xFF\xE0", "", "jpeg"}, {"\x89PNG\r\n\x1A\n", "", "png"}, {"GIF89a", "", "gif"},
@@ -92,7 +92,7 @@ TEST(ToolAttackTest, ConverterReadsOnlyTheFormatsWeConvert) {
 }
 
 // Class 4: links planted at the temporary names are never written through.
-TEST(ToolAttackTest, TemporaryFilesAreCreatedExclusively) {
+TEST(ToolAttackRootTest, TemporaryFilesAreCreatedExclusively) {
   KT_SKIP_UNLESS_ROOT();
   AttackTree t;
   const std::string secret = test::ReadFile(t.secret);
@@ -149,7 +149,7 @@ std::string Answer(const std::function<int()>& request) {
 
 // Class 5: a tool read through a pipe, and a program's request, end with
 // the wall time; a request stopped before it answered still answers.
-TEST(ToolAttackTest, PipedToolsAndRequestsEndWithTheirWallTime) {
+TEST(ToolAttackRootTest, PipedToolsAndRequestsEndWithTheirWallTime) {
   setenv("KOVAPLATFORM_CHILD_WALL_SECONDS", "2", 1);
   EXPECT_EQ(Answer([] { return printf("200") < 0; }), "200");
   EXPECT_EQ(Answer([] { return sleep(60) > 0; }), "503");

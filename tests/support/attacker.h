@@ -12,9 +12,6 @@
 
 #include "support/test_util.h"
 
-#define KT_SKIP_UNLESS_ROOT() \
-  if (geteuid() != 0) GTEST_SKIP() << "needs root: attacks run as an ordinary user against root"
-
 namespace kovathumb {
 namespace test {
 

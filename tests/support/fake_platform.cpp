@@ -3,7 +3,6 @@
 #include "support/fake_platform.h"
 
 #include <dlfcn.h>
-#include <stdarg.h>
 
 #include "kovaplatform/kovaplatform.h"
 
@@ -57,17 +56,6 @@ int KLIBCExecv(const char* path, const char* const argv[], int wait) {
   if (kovathumb::fake::State().exec_result != -2) return kovathumb::fake::State().exec_result;
   static auto real = Real<int (*)(const char*, const char* const*, int)>("KLIBCExecv");
   return real(path, argv, wait);
-}
-
-int KLIBCExecl(const char* path, int flags, ...) {
-  std::vector<const char*> argv;
-  va_list args;
-  va_start(args, flags);
-  for (const char* a = va_arg(args, const char*); a != nullptr; a = va_arg(args, const char*))
-    argv.push_back(a);
-  va_end(args);
-  argv.push_back(nullptr);
-  return KLIBCExecv(path, argv.data(), 1);
 }
 
 FILE* KLIBCPopenv(const char* path, const char* mode, const char* const argv[]) {

@@ -14,10 +14,10 @@ namespace fake {
 struct Platform {
   // File-system type answered by KOVAGetFSType; -2 passes through.
   int fs_type = -2;
-  // Result of KLIBCExecv/KLIBCExecl without running anything; -2 runs for real.
+  // Result of KLIBCExecv (and so KLIBCExecl) without running anything; -2 runs for real.
   int exec_result = -2;
-  // Executable path and arguments of every KLIBCExecv, KLIBCExecl and
-  // KLIBCPopenv call.
+  // Executable path and arguments of every KLIBCExecv and KLIBCPopenv
+  // call.
   std::vector<std::vector<std::string>> exec_calls;
   int eamkdir_calls = 0;
   // Runs before each KLIBCExecv, with the call's path and arguments.

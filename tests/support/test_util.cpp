@@ -1,7 +1,9 @@
 #include "support/test_util.h"
 
 #include <dirent.h>
+#include <sched.h>
 #include <stdlib.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 
@@ -18,10 +20,10 @@ namespace kovathumb {
 namespace test {
 
 TempDir::TempDir() {
-  char tmpl[] = "/tmp/kovathumb_test_XXXXXX";
-  char* p = mkdtemp(tmpl);
-  if (p == nullptr) abort();
-  path_ = p;
+  const char* tmp = getenv("TMPDIR");
+  std::string tmpl = std::string(tmp != nullptr && *tmp != '\0' ? tmp : "/tmp") + "/kovathumb_test_XXXXXX";
+  if (mkdtemp(&tmpl[0]) == nullptr) abort();
+  path_ = tmpl;
 }
 
 TempDir::~TempDir() { Sh("rm -rf " + Quote(path_)); }
@@ -42,8 +44,7 @@ std::string Capture(const std::string& command) {
   FILE* p = popen(command.c_str(), "r");
   if (p == nullptr) return out;
   char buf[4096];
-  size_t n;
-  while ((n = fread(buf, 1, sizeof buf, p)) > 0) out.append(buf, n);
+  for (size_t n; (n = fread(buf, 1, sizeof buf, p)) > 0;) out.append(buf, n);
   pclose(p);
   return out;
 }
@@ -51,8 +52,12 @@ std::string Capture(const std::string& command) {
 void MustSh(const std::string& command) { ASSERT_EQ(Sh(command), 0) << command; }
 
 void MakeImage(const std::string& path, unsigned w, unsigned h, const std::string& spec) {
-  MustSh("/usr/bin/convert -size " + std::to_string(w) + "x" + std::to_string(h) + " " + spec +
-         " " + Quote(path));
+  MustSh("/usr/bin/convert -size " + std::to_string(w) + "x" + std::to_string(h) + " " + spec + " " + Quote(path));
+}
+
+void MakePhoto(const std::string& path, unsigned w, unsigned h, int orientation) {
+  MakeImage(path, w, h, "xc:gray +noise Random -quality 95");
+  if (orientation != 0) SetExif(path, "Exif.Image.Orientation", std::to_string(orientation));
 }
 
 void SetExif(const std::string& path, const std::string& key, const std::string& value) {
@@ -61,9 +66,14 @@ void SetExif(const std::string& path, const std::string& key, const std::string&
 
 std::pair<unsigned, unsigned> ImageSize(const std::string& path) {
   unsigned w = 0, h = 0;
-  std::string out = Capture("/usr/bin/identify -format '%w %h\\n' " + Quote(path) + " 2>/dev/null");
-  std::istringstream(out) >> w >> h;
+  std::istringstream(Capture("/usr/bin/identify -format '%w %h\\n' " + Quote(path) + " 2>/dev/null")) >> w >> h;
   return {w, h};
+}
+
+std::pair<unsigned, unsigned> BodySize(const std::string& imageBytes) {
+  TempDir dir;
+  WriteFile(dir / "image", imageBytes);
+  return ImageSize(dir / "image");
 }
 
 bool Exists(const std::string& path) {
@@ -78,9 +88,9 @@ std::string ReadFile(const std::string& path) {
   return s.str();
 }
 
-void WriteFile(const std::string& path, const std::string& data) {
-  std::ofstream out(path, std::ios::binary);
-  out << data;
+void WriteFile(const std::string& path, const std::string& data, unsigned mode) {
+  std::ofstream(path, std::ios::binary) << data;
+  chmod(path.c_str(), mode);
 }
 
 std::vector<std::string> ListDir(const std::string& dir, const std::string& prefix) {
@@ -89,14 +99,58 @@ std::vector<std::string> ListDir(const std::string& dir, const std::string& pref
   if (d == nullptr) return names;
   while (struct dirent* e = readdir(d)) {
     std::string n = e->d_name;
-    if (n == "." || n == "..") continue;
-    if (n.compare(0, prefix.size(), prefix) == 0) names.push_back(n);
+    if (n != "." && n != ".." && n.compare(0, prefix.size(), prefix) == 0) names.push_back(n);
   }
   closedir(d);
   return names;
 }
 
+std::string EALeftovers(const std::string& tree) {
+  return Capture("find " + Quote(tree) + " -path '*/.kovaea/*' \\( -name 'KOVAFILETMP*' -o -name '*_[0-9]*_[0-9]*' \\)");
+}
+
+int WithStandIns(const std::map<std::string, std::string>& standIns, const std::function<int()>& fn) {
+  TempDir dir;
+  pid_t pid = fork();
+  if (pid == 0) {
+    alarm(30);
+    if (unshare(CLONE_NEWNS) != 0 || mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
+      _exit(kNoNamespace);
+    }
+    int n = 0;
+    for (const auto& tool : standIns) {
+      const std::string real = dir / ("real" + std::to_string(n)), script = dir / ("stand-in" + std::to_string(n++));
+      if (Sh("cp " + Quote(tool.first) + " " + Quote(real)) != 0) _exit(kNoNamespace);
+      WriteFile(script, "#!/bin/sh\nREAL=" + Quote(real) + "\n" + tool.second, 0755);
+      if (mount(script.c_str(), tool.first.c_str(), nullptr, MS_BIND, nullptr) != 0) _exit(kNoNamespace);
+    }
+    try {
+      _exit(fn());
+    } catch (...) {
+      _exit(5);  // never back into the test runner from the child
+    }
+  }
+  int status = 0;
+  waitpid(pid, &status, 0);
+  return WIFEXITED(status) ? WEXITSTATUS(status) : 100 + WTERMSIG(status);
+}
+
 namespace {
+// Each test program gets a TMPDIR of its own, so what one test looks for
+// there is never another's.
+struct PrivateTmpDir {
+  PrivateTmpDir() {
+    char tmpl[] = "/tmp/kovathumb_tests_XXXXXX";
+    if (mkdtemp(tmpl) == nullptr) return;
+    chmod(tmpl, 01777);  // attackers write there too
+    setenv("TMPDIR", (dir = tmpl).c_str(), 1);
+  }
+  ~PrivateTmpDir() {
+    if (!dir.empty()) Sh("rm -rf " + Quote(dir));
+  }
+  std::string dir;
+} g_private_tmpdir;
+
 std::mutex g_log_mutex;
 std::vector<std::string> g_log_lines;
 void Sink(int, const char* line) {

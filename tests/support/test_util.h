@@ -1,15 +1,22 @@
 // Helpers for tests: temporary trees, fixture images made with the system's
-// image tools, captured log lines.
+// image tools, captured log lines, tools swapped for stand-ins.
 #ifndef KOVATHUMB_TESTS_TEST_UTIL_H_
 #define KOVATHUMB_TESTS_TEST_UTIL_H_
 
+#include <unistd.h>
+
+#include <functional>
+#include <map>
 #include <string>
 #include <vector>
+
+#define KT_SKIP_UNLESS_ROOT() \
+  if (geteuid() != 0) GTEST_SKIP() << "needs root: attacks run as an ordinary user against root"
 
 namespace kovathumb {
 namespace test {
 
-// A fresh directory under /tmp, removed with everything in it.
+// A fresh directory under $TMPDIR (or /tmp), removed with everything in it.
 class TempDir {
  public:
   TempDir();
@@ -36,16 +43,29 @@ void MustSh(const std::string& command);
 // "plasma:", "gradient:") at `w` x `h`.
 void MakeImage(const std::string& path, unsigned w, unsigned h,
                const std::string& spec = "gradient:red-blue");
+// A noisy JPEG that outweighs its decoded estimate at every size, so that
+// requests convert it; turned by EXIF `orientation` unless 0.
+void MakePhoto(const std::string& path, unsigned w = 1600, unsigned h = 1200, int orientation = 0);
 // Sets EXIF "key" to `value` with exiv2.
 void SetExif(const std::string& path, const std::string& key, const std::string& value);
 // Width and height of an image file, read by ImageMagick's identify.
 std::pair<unsigned, unsigned> ImageSize(const std::string& path);
+std::pair<unsigned, unsigned> BodySize(const std::string& imageBytes);
 
 bool Exists(const std::string& path);
 std::string ReadFile(const std::string& path);
-void WriteFile(const std::string& path, const std::string& data);
+void WriteFile(const std::string& path, const std::string& data, unsigned mode = 0644);
 // Names in `dir` that start with `prefix`.
 std::vector<std::string> ListDir(const std::string& dir, const std::string& prefix = "");
+// Work files left in EA directories under `tree`.
+std::string EALeftovers(const std::string& tree);
+
+// Runs `fn` in a child with a private mount namespace, where each tool of
+// `standIns` (a path such as /usr/bin/djpeg) is replaced by a shell script,
+// "$REAL" in it naming a copy of the real tool. The child's exit status; 77
+// where no namespace can be had; killed after 30 s, so a hang fails.
+int WithStandIns(const std::map<std::string, std::string>& standIns, const std::function<int()>& fn);
+constexpr int kNoNamespace = 77;
 
 // Captures the library's log lines while alive.
 class LogCapture {

@@ -1,3 +1,4 @@
+// Errors, names of formats, EA paths and the file helpers.
 #include "kovathumb/file.h"
 
 #include <sys/stat.h>
@@ -5,6 +6,10 @@
 
 #include <gtest/gtest.h>
 
+#include <memory>
+
+#include "kovathumb/error.h"
+#include "kovathumb/thumb_const.h"
 #include "support/fake_platform.h"
 #include "support/test_util.h"
 
@@ -12,45 +17,59 @@ namespace kovathumb {
 namespace {
 
 using test::LogCapture;
-using test::TempDir;
+
+TEST(ErrorTest, TextKeepsCodeAndTrailingBlankAndOutlivesTheOriginal) {
+  EXPECT_STREQ(Error(602).what(), "(E602) ");
+  EXPECT_STREQ(Error(601, "Can't stat /a.jpg").what(), "(E601) Can't stat /a.jpg");
+  auto original = std::make_unique<Error>(603, "gone");
+  Error copy(*original);
+  original.reset();
+  EXPECT_EQ(copy.Code(), 603);
+  EXPECT_STREQ(copy.what(), "(E603) gone");
+}
+
+TEST(FormatsTest, ExtensionsAndSets) {
+  for (auto c : {std::make_pair("/x/IMG_0001.JPG", "jpg"), {"MP4", "mp4"}, {"/a.b/c", "b/c"}, {"name.", ""}}) {
+    EXPECT_EQ(file::GetFileExt(c.first), c.second) << c.first;
+  }
+  EXPECT_TRUE(IsSupportImage("/x/a.Heic"));
+  EXPECT_TRUE(IsSupportImage(std::string("/x/a.") + "dng"));  // equal text, not the literal's address
+  EXPECT_FALSE(IsSupportImage("/x/a.jpeg2000"));
+  EXPECT_TRUE(IsSupportVideo("/x/clip.MTS"));
+  EXPECT_FALSE(IsSupportVideo("/x/a.mp4.jpg"));
+  EXPECT_EQ(ImageExtensionSet().size(), 33u);
+  EXPECT_EQ(VideoExtensionSet().size(), 48u);
+  for (const char* ext : kImageExtensions) EXPECT_FALSE(IsSupportVideo(ext)) << ext;
+}
 
 class FileTest : public ::testing::Test {
  protected:
   void SetUp() override { fake::Reset(); }
   void TearDown() override { fake::Reset(); }
-  TempDir dir_;
+  test::TempDir dir_;
 };
 
-TEST_F(FileTest, EAPathsLieBesideTheSource) {
-  const std::string src = dir_ / "photo.jpg";
-  EXPECT_EQ(file::GetEAPath(src, "KOVAPHOTO_THUMB_S.jpg"),
-            dir_.path() + "/.kovaea/photo.jpg/KOVAPHOTO_THUMB_S.jpg");
-  const std::string tmp = file::GetEATmpPath(src, "x.jpg");
+TEST_F(FileTest, EAPaths) {
+  EXPECT_EQ(file::GetEAPath(dir_ / "photo.jpg", "N.jpg"), dir_.path() + "/.kovaea/photo.jpg/N.jpg");
+  const std::string tmp = file::GetEATmpPath(dir_ / "photo.jpg", "x.jpg");
   const std::string head = dir_.path() + "/.kovaea/photo.jpg/x.jpg_" + std::to_string(getpid()) + "_";
   EXPECT_EQ(tmp.compare(0, head.size(), head), 0) << tmp;
-}
-
-TEST_F(FileTest, UnresolvableEAPathIsEmptyAndLoggedOnce) {
+  EXPECT_EQ(file::Dirname("c.jpg"), ".");
+  EXPECT_EQ(file::Dirname("/"), "/");
   LogCapture log;
   EXPECT_EQ(file::GetEATmpPath("/dir/", "x.jpg"), "");
-  ASSERT_EQ(log.Lines().size(), 1u);
-  EXPECT_NE(log.Lines()[0].find("(GetEAPath) \"Get EA path for x.jpg failed\""), std::string::npos)
-      << log.Lines()[0];
+  EXPECT_EQ(log.Count("(GetEAPath) \"Get EA path for x.jpg failed\""), 1);
 }
 
-TEST_F(FileTest, MakeEADirCreatesReusesAndRetriesOverAPlainFile) {
-  const std::string src = dir_ / "a.jpg";
-  EXPECT_TRUE(file::MakeEADir(src));
+TEST_F(FileTest, MakeEADirCreatesReusesAndRefusesAPlainFile) {
+  EXPECT_TRUE(file::MakeEADir(dir_ / "a.jpg"));
   struct stat st;
   ASSERT_EQ(stat((dir_.path() + "/.kovaea/a.jpg").c_str(), &st), 0);
   EXPECT_TRUE(S_ISDIR(st.st_mode));
-  EXPECT_EQ(fake::State().eamkdir_calls, 1);
-  EXPECT_TRUE(file::MakeEADir(src));
+  EXPECT_TRUE(file::MakeEADir(dir_ / "a.jpg"));
   EXPECT_EQ(fake::State().eamkdir_calls, 1);  // already there: not made again
-
   test::WriteFile(dir_.path() + "/.kovaea/b.jpg", "not a directory");
   EXPECT_FALSE(file::MakeEADir(dir_ / "b.jpg"));
-  EXPECT_EQ(fake::State().eamkdir_calls, 2);
 }
 
 TEST_F(FileTest, EAWriteSupportByFileSystemType) {
@@ -60,27 +79,15 @@ TEST_F(FileTest, EAWriteSupportByFileSystemType) {
     EXPECT_EQ(log.Count("failed to statfs /no/such/dir, reason=[(2)No such file or directory]"), 1);
   }
   EXPECT_TRUE(file::IsDestSupportEAWrite(dir_.path()));
-  fake::State().fs_type = 12;
-  EXPECT_FALSE(file::IsDestSupportEAWrite(dir_.path()));
-  fake::State().fs_type = 5;  // NFS: remote
-  EXPECT_FALSE(file::IsDestSupportEAWrite(dir_.path()));
-  fake::State().fs_type = 9;  // squashfs: image
-  EXPECT_FALSE(file::IsDestSupportEAWrite(dir_.path()));
+  for (int type : {12, 5, 9}) {  // FAT, NFS (remote), squashfs (image)
+    fake::State().fs_type = type;
+    EXPECT_FALSE(file::IsDestSupportEAWrite(dir_.path())) << type;
+  }
 }
 
-TEST_F(FileTest, NamesAndDirnames) {
-  EXPECT_EQ(file::Dirname("/a/b/c.jpg"), "/a/b");
-  EXPECT_EQ(file::Dirname("c.jpg"), ".");
-  EXPECT_EQ(file::Dirname("/"), "/");
-  EXPECT_EQ(file::Dirname(""), ".");
-  const std::string head = "/var/tmp/kovathumb_x_" + std::to_string(getpid()) + "_";
-  EXPECT_EQ(file::GetVarTmpPath("x").compare(0, head.size(), head), 0);
-}
-
-TEST_F(FileTest, SDKMoveFileMoves) {
+TEST_F(FileTest, SDKMoveFile) {
   test::WriteFile(dir_ / "from", "data");
   EXPECT_TRUE(file::SDKMoveFile(dir_ / "from", dir_ / "to"));
-  EXPECT_FALSE(test::Exists(dir_ / "from"));
   EXPECT_EQ(test::ReadFile(dir_ / "to"), "data");
   LogCapture log;
   EXPECT_FALSE(file::SDKMoveFile(dir_ / "from", dir_ / "to"));

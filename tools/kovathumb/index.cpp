@@ -287,15 +287,9 @@ int RunIndex(const IndexArgs& args) {
 
   while (!running.empty() || (g_interrupts == 0 && next < files.size())) {
     if (g_interrupts != signalled) {
-      // First: finish the size in hand, then stop (the worker alone is
-      // told: its tools must finish). Again: stop now.
-      for (Worker& w : running) {
-        if (g_interrupts > 1) {
-          kill(-w.pid, SIGKILL);
-        } else {
-          kill(w.pid, SIGUSR1);
-        }
-      }
+      // First: finish the size in hand, then stop. Again: stop now.
+      // The worker alone: its tool, killed, would cost the size in hand.
+      for (Worker& w : running) kill(g_interrupts > 1 ? -w.pid : w.pid, g_interrupts > 1 ? SIGKILL : SIGUSR1);
       signalled = g_interrupts;
     }
     while (g_interrupts == 0 && running.size() < jobs && next < files.size()) {
