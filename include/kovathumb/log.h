@@ -12,6 +12,7 @@
 namespace kovathumb {
 
 KOVATHUMB_EXPORT void SetLogToStderr(bool on);
+KOVATHUMB_EXPORT bool LogsToStderr();
 
 // The message of the first error line the calling thread logged since
 // ClearLogReason(), "" when none: why the request made since then failed

@@ -32,6 +32,7 @@ bool ToStderr() {
 }  // namespace
 
 void SetLogToStderr(bool on) { g_stderr.store(on ? 1 : 0); }
+bool LogsToStderr() { return ToStderr(); }
 std::string LogReason() { return t_reason; }
 void ClearLogReason() { t_reason.clear(); }
 

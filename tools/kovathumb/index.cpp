@@ -217,8 +217,8 @@ Worker Spawn(const Found& file, const std::vector<std::string>& sizes, size_t in
     setpgid(0, 0);
     signal(SIGINT, SIG_IGN);
     // The tools' complaints would garble the progress display; what failed
-    // is in the result.
-    int devnull = open("/dev/null", O_WRONLY);
+    // is in the result. Asked to be verbose, the log lines show.
+    int devnull = LogsToStderr() ? -1 : open("/dev/null", O_WRONLY);
     if (devnull >= 0) dup2(devnull, 2);
     signal(SIGUSR1, OnStopWorker);
     close(fds[0]);
