@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "libkovathumb/quality.h"
+#include "util/safe_fs.h"
 
 namespace kovathumb {
 namespace internal {
@@ -60,8 +61,11 @@ JpegFacts ScanJpeg(const unsigned char* data, size_t size) {
 }
 
 JpegFacts ScanJpegFile(const std::string& path) {
-  const int fd = open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
-  if (fd < 0) return JpegFacts();
+  // Our pinned paths are magic links; anything else is never followed.
+  struct stat64 st;
+  safe_fs::Fd file = safe_fs::OpenRegular(path, &st);
+  if (!file.valid()) return JpegFacts();
+  const int fd = file.get();
   // Most frame headers are in the first 64 KiB; read more only when not.
   std::unique_ptr<unsigned char[]> head(new unsigned char[kHeadBytes]);
   size_t got = 0;
@@ -75,7 +79,6 @@ JpegFacts ScanJpegFile(const std::string& path) {
     facts = ScanJpeg(head.get(), got);
     if (facts.ok || got < want) break;  // found, or the whole file read
   }
-  close(fd);
   return facts;
 }
 
