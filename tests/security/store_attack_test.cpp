@@ -32,6 +32,7 @@ class StoreAttackRootTest : public ::testing::Test {
     src_ = t_.mine + "/photo.jpg";
     ea_ = t_.mine + "/.kovaea/photo.jpg";
     outside_ = t_.top / "outside";
+    secret_ = test::ReadFile(t_.secret);
     mkdir(outside_.c_str(), 0755);
     test::MustSh("/usr/bin/convert -size 1600x1200 xc:gray +noise Random -quality 95 " + Quote(src_));
     ASSERT_EQ(chown(src_.c_str(), test::kAttackerId, test::kAttackerId), 0);
@@ -52,6 +53,7 @@ class StoreAttackRootTest : public ::testing::Test {
     ASSERT_EQ(stat(t_.secret.c_str(), &st), 0);
     EXPECT_EQ(st.st_mode & 07777, 0600u);
     EXPECT_EQ(st.st_uid, 0u);
+    EXPECT_EQ(test::ReadFile(t_.secret), secret_) << "written through a link";
     EXPECT_EQ(test::Capture("ls -A " + Quote(outside_)), "");
     EXPECT_EQ(test::Capture("find " + Quote(t_.tree) + " \\( -name 'KOVAFILETMP*' -o -name '.kovathumb-*' \\) ! -type l"), "");
   }
@@ -75,7 +77,7 @@ class StoreAttackRootTest : public ::testing::Test {
   }
 
   test::AttackTree t_;
-  std::string src_, ea_, outside_;
+  std::string src_, ea_, outside_, secret_;
 };
 
 TEST_F(StoreAttackRootTest, PlantedLinksFifosAndDirectoriesAreNeverFollowed) {
