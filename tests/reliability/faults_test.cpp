@@ -1,5 +1,5 @@
 // Faults around a request: tools that fail, die, hang or are missing; an EA
-// directory that is full or not writable; links planted in it.
+// directory that is full or not writable.
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -28,14 +28,12 @@ int RequestFailsCleanly(const std::string& src) {
   return test::Capture("find " + Quote(file::Dirname(src)) + " -path '*/.kovaea/*' -type f").empty() ? 0 : 2;
 }
 
-class FaultsTest : public ::testing::Test {
+class FaultsRootTest : public ::testing::Test {
  protected:
   void SetUp() override { test::MakePhoto(src_); }
   test::TempDir dir_;
   std::string src_ = dir_ / "photo.jpg";
 };
-
-using FaultsRootTest = FaultsTest;
 
 TEST_F(FaultsRootTest, ToolsThatFailDieHangOrAreMissing) {
   setenv("KOVAPLATFORM_CHILD_WALL_SECONDS", "2", 1);
@@ -67,22 +65,6 @@ TEST_F(FaultsRootTest, FullOrUnwritableEADirectory) {
   // A user who may read the source but not write beside it gets no thumbnail, cleanly.
   chmod(dir_.path().c_str(), 0755);
   EXPECT_TRUE(test::AsAttacker([&] { return RequestFailsCleanly(src_) == 0; }));
-}
-
-TEST_F(FaultsTest, PlantedLinksAreReplacedNeverFollowed) {
-  const std::string victim = dir_ / "victim", ea = dir_.path() + "/.kovaea/photo.jpg";
-  test::WriteFile(victim, "victim", 0600);
-  test::MustSh("mkdir -p " + Quote(ea));
-  // One in place of the thumbnail, one in place of this process's work file.
-  ASSERT_EQ(symlink(victim.c_str(), (ea + "/KOVAFILE_THUMB_B.jpg").c_str()), 0);
-  ASSERT_EQ(symlink(victim.c_str(), (ea + "/KOVAFILETMP_THUMB_" + std::to_string(getpid()) + ".jpg").c_str()), 0);
-  ASSERT_EQ(Thumb(src_, 0, false).CalcOutputFile("big"), ea + "/KOVAFILE_THUMB_B.jpg");
-  struct stat st;
-  ASSERT_EQ(lstat((ea + "/KOVAFILE_THUMB_B.jpg").c_str(), &st), 0);
-  EXPECT_TRUE(S_ISREG(st.st_mode));
-  ASSERT_EQ(stat(victim.c_str(), &st), 0);
-  EXPECT_EQ(test::ReadFile(victim), "victim");
-  EXPECT_EQ(st.st_mode & 0777, 0600u);
 }
 
 }  // namespace

@@ -14,23 +14,16 @@
 
 #include "common/pin.h"
 #include "support/attacker.h"
+#include "support/http.h"
 
 namespace kovathumb {
 namespace {
 
 using test::Quote;
 
-struct Reply {
-  int status;
-  std::string body;
-};
-
-Reply Cgi(const std::string& root, const std::string& query) {
-  const std::string out = test::Capture("REQUEST_METHOD=GET KOVATHUMB_ROOT=" + Quote(root) + " QUERY_STRING=" +
-                                        Quote(query) + " " KOVATHUMB_CGI_BIN " 2>/dev/null");
-  const size_t end = out.find("\r\n\r\n");
-  const int status = out.compare(0, 8, "Status: ") == 0 ? std::atoi(out.c_str() + 8) : 200;
-  return {status, end == std::string::npos ? out : out.substr(end + 4)};
+test::Response Cgi(const std::string& root, const std::string& query) {
+  return test::ParseResponse(test::Capture("REQUEST_METHOD=GET KOVATHUMB_ROOT=" + Quote(root) + " QUERY_STRING=" +
+                                           Quote(query) + " " KOVATHUMB_CGI_BIN " 2>/dev/null"));
 }
 
 // Swaps two names atomically, as the attacker's loop does.
@@ -76,11 +69,11 @@ TEST_F(ProgramAttackRootTest, LinksInRequestPathsAndListsAreRefused) {
       {"alice/.kovaea/keep.jpg/KOVAFILE_THUMB_S.jpg", 403}, {"/etc/passwd", 400}, {"alice/none.jpg", 404},
       {"alice/d", 404}, {"alice/keep.jpg/x.jpg", 404}};
   for (const auto& c : paths) {
-    const Reply r = Cgi(t_.tree, std::string("path=") + c.first + "&size=small");
+    const test::Response r = Cgi(t_.tree, std::string("path=") + c.first + "&size=small");
     EXPECT_EQ(r.status, c.second) << c.first;
-    EXPECT_FALSE(t_.Leaks(r.body)) << c.first;
+    EXPECT_FALSE(t_.Leaks(r.raw)) << c.first;
   }
-  const Reply list = Cgi(t_.tree, "list=1");
+  const test::Response list = Cgi(t_.tree, "list=1");
   EXPECT_NE(list.body.find("\"alice/keep.jpg\""), std::string::npos);
   for (const char* name : {"out.jpg", "sib", "up/", "in.jpg", "x.jpg", "x/"}) {
     EXPECT_EQ(list.body.find(name), std::string::npos) << name;
@@ -117,11 +110,11 @@ TEST_F(ProgramAttackRootTest, SwappingLinksIntoPlaceDuringRequestsNeverReachesOu
   const auto start = std::chrono::steady_clock::now();
   int requests = 0, answered = 0;
   while ((swapper.Rounds() < 1000 || requests < 40) && std::chrono::steady_clock::now() - start < std::chrono::seconds(90)) {
-    const Reply r = Cgi(t_.tree, requests % 2 ? "path=alice/p.jpg&edge=" + std::to_string(60 + requests % 7)
+    const test::Response r = Cgi(t_.tree, requests % 2 ? "path=alice/p.jpg&edge=" + std::to_string(60 + requests % 7)
                                               : "path=alice/d/p.jpg&size=small");
     ++requests;
     answered += r.status == 200;
-    ASSERT_FALSE(t_.Leaks(r.body)) << "request " << requests;
+    ASSERT_FALSE(t_.Leaks(r.raw)) << "request " << requests;
   }
   EXPECT_GE(swapper.Rounds(), 1000);
   EXPECT_GT(answered, 0);

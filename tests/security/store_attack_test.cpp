@@ -32,6 +32,7 @@ class StoreAttackRootTest : public ::testing::Test {
     src_ = t_.mine + "/photo.jpg";
     ea_ = t_.mine + "/.kovaea/photo.jpg";
     outside_ = t_.top / "outside";
+    secret_ = test::ReadFile(t_.secret);
     mkdir(outside_.c_str(), 0755);
     test::MustSh("/usr/bin/convert -size 1600x1200 xc:gray +noise Random -quality 95 " + Quote(src_));
     ASSERT_EQ(chown(src_.c_str(), test::kAttackerId, test::kAttackerId), 0);
@@ -45,14 +46,16 @@ class StoreAttackRootTest : public ::testing::Test {
     EXPECT_FALSE(t_.Leaks(body));
     return body;
   }
-  // Nothing written outside the tree, the secret untouched, no work left.
+  // Nothing written outside the tree, the secret untouched, no work left
+  // (the attacker's own links may stay).
   void ExpectContained() {
     struct stat st;
     ASSERT_EQ(stat(t_.secret.c_str(), &st), 0);
     EXPECT_EQ(st.st_mode & 07777, 0600u);
     EXPECT_EQ(st.st_uid, 0u);
+    EXPECT_EQ(test::ReadFile(t_.secret), secret_) << "written through a link";
     EXPECT_EQ(test::Capture("ls -A " + Quote(outside_)), "");
-    EXPECT_EQ(test::Capture("find " + Quote(t_.tree) + " -name 'KOVAFILETMP*' -o -name '.kovathumb-*'"), "");
+    EXPECT_EQ(test::Capture("find " + Quote(t_.tree) + " \\( -name 'KOVAFILETMP*' -o -name '.kovathumb-*' \\) ! -type l"), "");
   }
   bool Plant(const std::string& what, const std::string& at) {
     const std::string ea = ea_, secret = t_.secret, outside = outside_, mine = t_.mine, src = src_;
@@ -74,17 +77,18 @@ class StoreAttackRootTest : public ::testing::Test {
   }
 
   test::AttackTree t_;
-  std::string src_, ea_, outside_;
+  std::string src_, ea_, outside_, secret_;
 };
 
 TEST_F(StoreAttackRootTest, PlantedLinksFifosAndDirectoriesAreNeverFollowed) {
   struct Case {
     const char* what;
-    const char* name;
+    std::string name;
     int options;
     int rotate;
   };
   for (const Case& c : {Case{"link", "KOVAFILE_THUMB_S.jpg", 2, 0}, Case{"link", "KOVAPHOTO_THUMB_S.jpg", 1, 1},
+                        Case{"link", "KOVAFILETMP_THUMB_" + std::to_string(getpid()) + ".jpg", 2, 0},
                         Case{"fifo", "KOVAFILE_THUMB_S.jpg", 2, 0}, Case{"dir", "KOVAFILE_THUMB_S.jpg", 2, 0},
                         Case{"empty", "KOVAFILE_THUMB_S.jpg", 2, 0}, Case{"ealink", "", 2, 0},
                         Case{"dotlink", "", 2, 0}}) {

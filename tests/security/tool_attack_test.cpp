@@ -1,6 +1,5 @@
 // Attacks on what the library hands its tools, and on the files they make,
 // by an ordinary user who owns one folder of the tree, against root.
-#include <fcntl.h>
 #include <stdlib.h>
 #include <time.h>
 #include <unistd.h>
@@ -20,6 +19,7 @@
 #include "kovathumb/thumb_info.h"
 #include "support/attacker.h"
 #include "support/dng.h"
+#include "support/http.h"
 
 namespace kovathumb {
 namespace {
@@ -135,16 +135,7 @@ TEST(ToolAttackRootTest, TemporaryFilesAreCreatedExclusively) {
 
 // What a program's bounded request answers on standard output.
 std::string Answer(const std::function<int()>& request) {
-  test::TempDir dir;
-  fflush(stdout);
-  const int saved = dup(1);
-  const int fd = open((dir / "out").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-  dup2(fd, 1);
-  close(fd);
-  tool::RunBounded(request, "503", "500");
-  dup2(saved, 1);
-  close(saved);
-  return test::ReadFile(dir / "out");
+  return test::CaptureStdout([&] { tool::RunBounded(request, "503", "500"); });
 }
 
 // Class 5: a tool read through a pipe, and a program's request, end with

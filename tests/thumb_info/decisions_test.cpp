@@ -49,6 +49,20 @@ TEST(ChoosePreviewTest, BoxRules) {
   for (const Case& c : cases) EXPECT_EQ(ChoosePreview(c.previews, c.mime, c.box), c.chosen) << &c - cases;
 }
 
+TEST(HeifOrientationIndexTest, ExifCountsOnlyWhereLibheifTurnedNothing) {
+  const struct {
+    int exif;
+    uint32_t w, h, ispeW, ispeH;
+    int index;
+  } cases[] = {
+      {6, 4032, 3024, 4032, 3024, 5},  // no irot: the Exif turn is ours to make
+      {6, 3024, 4032, 4032, 3024, 0},  // libheif turned it already
+      {8, 4032, 3024, 4032, 3024, 7},  {3, 4032, 3024, 4032, 3024, 0},
+      {6, 100, 100, 100, 100, 0},      {0, 4032, 3024, 4032, 3024, 0},
+  };
+  for (const auto& c : cases) EXPECT_EQ(HeifOrientationIndex(c.exif, c.w, c.h, c.ispeW, c.ispeH), c.index) << c.exif;
+}
+
 }  // namespace
 }  // namespace internal
 }  // namespace kovathumb

@@ -5,12 +5,15 @@
 #include <utime.h>
 
 #include <cstring>
+#include <map>
 
 #include <gtest/gtest.h>
 
 #include "kovathumb/error.h"
 #include "kovathumb/thumb_info.h"
+#include "kovathumb/thumb.h"
 #include "support/attacker.h"
+#include "support/dng.h"
 #include "support/test_util.h"
 
 namespace kovathumb {
@@ -155,6 +158,57 @@ TEST_F(ExtractTest, EmbeddedPreviewWrittenWhenItFitsTheBox) {
   unlink(preview.c_str());
   EXPECT_EQ(Probe(path, true).GetEXIFPreviewTmpPath(), "");  // 160x120 is too small for 640x640
   EXPECT_EQ(Probe(path, false, "small", {120, 120}).GetEXIFPreviewTmpPath(), "");
+}
+
+// A HEIF without metadata, named as cameras name them: 602 in the
+// appliance behaviour, read in quality mode.
+TEST_F(ExtractTest, HifWithoutExifIsReadInQualityModeOnly) {
+  test::MakeImage(dir_ / "a.png", 64, 48);
+  test::MustSh("heif-enc -q 50 " + Quote(dir_ / "a.png") + " -o " + Quote(dir_ / "a.hif") + " >/dev/null");
+  for (const bool quality : {false, true}) {
+    ThumbInfo info(dir_ / "a.hif", "small", {120, 120});
+    info.SetQuality(quality);
+    try {
+      info.ExtractImgInfo(false);
+      EXPECT_TRUE(quality);
+      EXPECT_TRUE(info.IsHeic());
+      EXPECT_EQ(info.GetWidth(), 64u);
+      EXPECT_EQ(info.GetHeight(), 48u);
+    } catch (const Error& e) {
+      EXPECT_FALSE(quality);
+      EXPECT_EQ(e.Code(), 602);
+    }
+  }
+}
+
+// Raw files laid out as cameras lay them out: a small thumbnail first, the
+// raw image in a SubIFD.
+TEST_F(ExtractTest, CameraDngProbesTheRawAndStoredThumbnailsFitTheirBoxes) {
+  test::MakeImage(dir_ / "preview.jpg", 640, 480);
+  const std::string preview = test::ReadFile(dir_ / "preview.jpg");
+  const struct {
+    std::string name, jpeg;
+    int orientation;
+  } cases[] = {{"bare.dng", "", 1}, {"preview.dng", preview, 1}, {"turned.dng", preview, 6}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    const std::string path = dir_ / c.name;
+    test::WriteFile(path, test::MakeCameraDng(1280, 960, c.jpeg, 640, 480, c.orientation));
+    ThumbInfo info = Probe(path, false, "small", {120, 120});
+    EXPECT_EQ(info.GetMimeType(), "image/tiff");
+    EXPECT_EQ(info.GetWidth(), 1280u);
+    EXPECT_EQ(info.GetHeight(), 960u);
+    EXPECT_EQ(info.GetRotate(), c.orientation == 6 ? 1 : 0);
+    EXPECT_TRUE(Thumb(path, 0, false).ConvertAll());
+    const std::string ea = dir_.path() + "/.kovaea/" + c.name;
+    const std::map<char, unsigned> boxes = {{'S', 120}, {'M', 360}, {'B', 640}, {'X', 1280}};
+    EXPECT_EQ(test::ListDir(ea, "KOVAFILE_THUMB_").size(), 4u);
+    for (const std::string& name : test::ListDir(ea, "KOVAFILE_THUMB_")) {
+      const auto size = test::ImageSize(ea + "/" + name);
+      const unsigned box = boxes.at(name[15]);
+      EXPECT_TRUE(size.first <= box && size.second <= box) << name << " " << size.first << "x" << size.second;
+    }
+  }
 }
 
 }  // namespace
