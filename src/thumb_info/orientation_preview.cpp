@@ -112,17 +112,6 @@ int ThumbInfo::ResolveOrientationIndex(Exiv2::Image& image) const {
   return internal::OrientationIndex(&standard, nullptr);
 }
 
-#if defined(__SANITIZE_ADDRESS__)
-#define KT_SANITIZED 1
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(memory_sanitizer)
-#define KT_SANITIZED 1
-#endif
-#endif
-#ifndef KT_SANITIZED
-#define KT_SANITIZED 0
-#endif
-
 namespace {
 
 // A preview reader that has not answered within this time has lost its way;
@@ -197,7 +186,7 @@ using PreviewChooser = std::function<int(const std::vector<internal::PreviewProp
   alarm(kPreviewSeconds);
   struct rlimit cpu = {kPreviewSeconds, kPreviewSeconds};
   setrlimit(RLIMIT_CPU, &cpu);
-#if !KT_SANITIZED
+#ifndef KOVATHUMB_SANITIZED
   // Sanitizers reserve far more address space than this.
   struct rlimit as = {KOVA_CHILD_ADDRESS_SPACE, KOVA_CHILD_ADDRESS_SPACE};
   setrlimit(RLIMIT_AS, &as);

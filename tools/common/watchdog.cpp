@@ -12,17 +12,6 @@
 
 #include "kovaplatform/kovaplatform.h"
 
-#if defined(__SANITIZE_ADDRESS__)
-#define KT_SANITIZED 1
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(memory_sanitizer)
-#define KT_SANITIZED 1
-#endif
-#endif
-#ifndef KT_SANITIZED
-#define KT_SANITIZED 0
-#endif
-
 namespace kovathumb {
 namespace tool {
 
@@ -62,7 +51,7 @@ int RunBounded(const std::function<int()>& request, const std::string& timedOut,
     close(fds[0]);
     if (dup2(fds[1], 1) < 0) _exit(1);
     close(fds[1]);
-#if !KT_SANITIZED  // sanitizers reserve far more address space than this
+#ifndef KOVATHUMB_SANITIZED  // sanitizers reserve far more address space than this
     struct rlimit as = {KOVA_CHILD_ADDRESS_SPACE, KOVA_CHILD_ADDRESS_SPACE};
     struct rlimit cur;
     if (getrlimit(RLIMIT_AS, &cur) == 0 && cur.rlim_cur > as.rlim_cur) setrlimit(RLIMIT_AS, &as);
