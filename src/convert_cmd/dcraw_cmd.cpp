@@ -1,20 +1,40 @@
 #include <errno.h>
+#include <fcntl.h>
 #include <poll.h>
 #include <stdio.h>
 #include <time.h>
 #include <unistd.h>
 
 #include <cstdint>
+#include <mutex>
 #include <string>
 
 #include "convert_cmd/tool_files.h"
 #include "kovaplatform/kovaplatform.h"
 #include "kovathumb/convert_cmd.h"
 #include "kovathumb/error.h"
+#include "kovathumb/log.h"
 
 namespace kovathumb {
 
 namespace {
+
+// dcraw is a first attempt: what it says of a file it cannot read (every
+// HEIC "has no thumbnail") is noise before the converter's try, so it shows
+// only where the library's own log lines do.
+FILE* PopenQuietly(const char* path, const char* const argv[]) {
+  if (LogsToStderr()) return KLIBCPopenv(path, "r", argv);
+  static std::mutex mutex;  // standard error is the process's
+  std::lock_guard<std::mutex> lock(mutex);
+  const int saved = fcntl(2, F_DUPFD_CLOEXEC, 3);
+  const int devnull = open("/dev/null", O_WRONLY | O_CLOEXEC);
+  const bool quiet = saved >= 0 && devnull >= 0 && dup2(devnull, 2) == 2;
+  FILE* pipe = KLIBCPopenv(path, "r", argv);
+  if (quiet) dup2(saved, 2);
+  if (saved >= 0) close(saved);
+  if (devnull >= 0) close(devnull);
+  return pipe;
+}
 
 // Copies everything from `in` to `out` with read(2) and write(2); false on
 // an error, a short write, an empty input, or an input still open when a
@@ -65,7 +85,7 @@ void DcrawCmd::setupRawThumbPath() {
       unlink(rawThumbPath.c_str());
       throw Error(602);
     }
-    pipe = KLIBCPopenv(kDcraw.c_str(), "r", argv.data());
+    pipe = PopenQuietly(kDcraw.c_str(), argv.data());
     if (pipe == nullptr || !copyStream(fileno(outFile), fileno(pipe))) {
       unlink(rawThumbPath.c_str());
       throw Error(602);
