@@ -7,7 +7,7 @@
 #include <string>
 
 #include "cgi/request.h"
-#include "common/tree.h"
+#include "front_end/tree.h"
 #include "support/test_util.h"
 
 namespace {

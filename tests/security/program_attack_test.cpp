@@ -12,7 +12,7 @@
 #include <chrono>
 #include <sstream>
 
-#include "common/pin.h"
+#include "front_end/pin.h"
 #include "support/attacker.h"
 #include "support/http.h"
 

@@ -12,7 +12,7 @@
 #include <string>
 #include <vector>
 
-#include "common/watchdog.h"
+#include "front_end/watchdog.h"
 #include "convert_cmd/tool_files.h"
 #include "kovaplatform/kovaplatform.h"
 #include "kovathumb/convert_cmd.h"

@@ -20,9 +20,9 @@
 #include <vector>
 
 #include "cgi/request.h"
-#include "common/send.h"
-#include "common/tree.h"
-#include "common/watchdog.h"
+#include "front_end/send.h"
+#include "front_end/tree.h"
+#include "front_end/watchdog.h"
 #include "kovathumb/error.h"
 #include "kovathumb/file.h"
 #include "kovathumb/thumb.h"

@@ -6,7 +6,7 @@
 #include <map>
 #include <string>
 
-#include "common/pin.h"
+#include "front_end/pin.h"
 
 namespace kovathumb {
 namespace cgi {

@@ -3,7 +3,7 @@
 
 #include <memory>
 
-#include "common.h"
+#include "subcommands.h"
 #include "kovaplatform/kovaplatform.h"
 #include "kovathumb/convert_cmd.h"
 #include "kovathumb/error.h"

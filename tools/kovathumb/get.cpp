@@ -7,9 +7,9 @@
 #include <iostream>
 #include <memory>
 
-#include "common.h"
-#include "common/pin.h"
-#include "common/send.h"
+#include "subcommands.h"
+#include "front_end/pin.h"
+#include "front_end/send.h"
 #include "kovathumb/error.h"
 #include "kovathumb/thumb.h"
 

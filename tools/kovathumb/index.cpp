@@ -23,9 +23,9 @@
 #include <iostream>
 #include <memory>
 
-#include "common.h"
-#include "common/pin.h"
-#include "common/tree.h"
+#include "subcommands.h"
+#include "front_end/pin.h"
+#include "front_end/tree.h"
 #include "kovaplatform/kovaplatform.h"
 #include "kovathumb/error.h"
 #include "kovathumb/file.h"

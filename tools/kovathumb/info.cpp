@@ -3,7 +3,7 @@
 
 #include <stdexcept>
 
-#include "common.h"
+#include "subcommands.h"
 #include "kovathumb/error.h"
 
 namespace kovathumb {

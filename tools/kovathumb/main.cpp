@@ -3,7 +3,7 @@
 
 #include <iostream>
 
-#include "common.h"
+#include "subcommands.h"
 #include "kovathumb/error.h"
 #include "kovathumb/log.h"
 #include "kovathumb/version.h"

@@ -7,8 +7,8 @@
 #include <memory>
 #include <sstream>
 
-#include "common.h"
-#include "common/pin.h"
+#include "subcommands.h"
+#include "front_end/pin.h"
 #include "kovathumb/error.h"
 #include "kovathumb/file.h"
 #include "kovathumb/log.h"

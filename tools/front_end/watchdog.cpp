@@ -1,4 +1,4 @@
-#include "common/watchdog.h"
+#include "front_end/watchdog.h"
 
 #include <errno.h>
 #include <poll.h>

@@ -1,4 +1,4 @@
-#include "common/tree.h"
+#include "front_end/tree.h"
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -9,7 +9,7 @@
 
 #include <algorithm>
 
-#include "common/pin.h"
+#include "front_end/pin.h"
 #include "kovathumb/file.h"
 
 namespace kovathumb {

@@ -1,4 +1,4 @@
-#include "common/send.h"
+#include "front_end/send.h"
 
 #include <cstdio>
 

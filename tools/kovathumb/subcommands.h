@@ -1,6 +1,6 @@
 // Shared pieces of the kovathumb program's subcommands.
-#ifndef KOVATHUMB_TOOLS_COMMON_H_
-#define KOVATHUMB_TOOLS_COMMON_H_
+#ifndef KOVATHUMB_TOOLS_SUBCOMMANDS_H_
+#define KOVATHUMB_TOOLS_SUBCOMMANDS_H_
 
 #include <CLI/CLI.hpp>
 #include <nlohmann/json.hpp>
@@ -81,4 +81,4 @@ void AddIndexCommand(CLI::App& app, int* status);
 }  // namespace tool
 }  // namespace kovathumb
 
-#endif  // KOVATHUMB_TOOLS_COMMON_H_
+#endif  // KOVATHUMB_TOOLS_SUBCOMMANDS_H_

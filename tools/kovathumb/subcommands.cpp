@@ -1,4 +1,4 @@
-#include "common.h"
+#include "subcommands.h"
 
 #include <errno.h>
 #include <string.h>

@@ -1,4 +1,4 @@
-#include "common/pin.h"
+#include "front_end/pin.h"
 
 #include <errno.h>
 #include <fcntl.h>
