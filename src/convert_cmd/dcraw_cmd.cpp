@@ -78,17 +78,17 @@ void DcrawCmd::setupRawThumbPath() {
                  std::to_string(static_cast<long>(time(nullptr)));
   try {
     const int fd = internal::CreateExclusive(rawThumbPath);
-    if (fd < 0) throw Error(602);
+    if (fd < 0) throw Error(kErrorUnknownType);
     outFile = fdopen(fd, "wb");
     if (outFile == nullptr) {
       close(fd);
       unlink(rawThumbPath.c_str());
-      throw Error(602);
+      throw Error(kErrorUnknownType);
     }
     pipe = PopenQuietly(kDcraw.c_str(), argv.data());
     if (pipe == nullptr || !copyStream(fileno(outFile), fileno(pipe))) {
       unlink(rawThumbPath.c_str());
-      throw Error(602);
+      throw Error(kErrorUnknownType);
     }
     if (info.GetWidth() != 0 && info.GetHeight() != 0) return;
     // The raw's own size is unknown: scale from the preview's.

@@ -138,7 +138,7 @@ std::string Thumb::CalcOutputFile() {
     try {
       info_.ExtractImgInfo(true);
     } catch (const Error& e) {
-      if (e.Code() != 602) throw Error(e);
+      if (e.Code() != kErrorUnknownType) throw Error(e);
     }
   }
   if (info_.size_ == kSizeOriginal) {
@@ -483,7 +483,7 @@ bool Thumb::SaveExistingThumbsToEA(std::vector<std::pair<std::string, std::strin
     try {
       info_.ExtractImgInfo(true);
     } catch (const Error& e) {
-      if (e.Code() != 602) {
+      if (e.Code() != kErrorUnknownType) {
         KT_LOG("Failed to extrace img info '%s'", path_.c_str());
         throw Error(e);
       }
@@ -524,7 +524,7 @@ void Thumb::ExtractForBatch() {
   try {
     info_.ExtractImgInfo(false);
   } catch (const Error& e) {
-    if (e.Code() != 602) throw Error(e);
+    if (e.Code() != kErrorUnknownType) throw Error(e);
   }
   batchExtracted_ = true;
 }

@@ -86,7 +86,7 @@ ThumbInfo::ThumbInfo(const std::string& path, const std::string& size, const Thu
       delete p;
     });
   } else if (errno != EACCES || !S_ISREG(fileStat_.st_mode)) {
-    throw Error(601, "Can't stat " + path_);
+    throw Error(kErrorCannotExamine, "Can't stat " + path_);
   }
 }
 
@@ -137,14 +137,14 @@ void ThumbInfo::ExtractImgInfo(bool withPreview) {
     if (code != kExivCannotOpen && code != kExivUnknownType) {
       KT_LOG("Exiv2 exception: E%d %s", code, text.c_str());
     }
-    if (code == kExivCannotOpen) throw Error(603, text);
-    if (code != kExivUnknownType) throw Error(601, text);
+    if (code == kExivCannotOpen) throw Error(kErrorCannotOpen, text);
+    if (code != kExivUnknownType) throw Error(kErrorCannotExamine, text);
     const std::string ext = file::GetFileExt(BaseName(path_));
     if (ext == "heif" || ext == "heic" || (quality_ && ext == "hif")) {
       CheckAndGetHeif();
       if (IsHeic()) return;
     }
-    throw Error(602, text);
+    throw Error(kErrorUnknownType, text);
   }
 
   rotate_ = rotateFlopMappingList_[static_cast<size_t>(index)].first;

@@ -135,7 +135,7 @@ int Main() {
     return Serve(req, pinned.Path());
   } catch (const Error& e) {
     syslog(LOG_ERR, "kovathumb-cgi: %s: %s", req.path.c_str(), pinned.Unpinned(e.what(), req.path).c_str());
-    return Answer(e.Code() == 603 ? 403 : 500, "cannot read this file");
+    return Answer(e.Code() == kErrorCannotOpen ? 403 : 500, "cannot read this file");
   } catch (const std::exception& e) {
     syslog(LOG_ERR, "kovathumb-cgi: %s: %s", req.path.c_str(), e.what());
     return Answer(500, "internal error");

@@ -56,7 +56,7 @@ int RunConvert(const ConvertArgs& args) {
     info.ExtractImgInfo(false);
   } catch (const Error& e) {
     // Like a request, go on with what is known for an unknown image type.
-    if (e.Code() != 602) throw;
+    if (e.Code() != kErrorUnknownType) throw;
   }
   const std::string& src = args.src;
   const std::string& dst = args.dst;

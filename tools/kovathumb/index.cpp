@@ -66,7 +66,7 @@ void MakeSize(const std::string& path, const std::string& size, Thumb* shared, O
   try {
     info.ExtractImgInfo(false);
   } catch (const Error& e) {
-    if (e.Code() != 602) throw;
+    if (e.Code() != kErrorUnknownType) throw;
   }
   if (info.IsThumbUptoDate(file::GetEAPath(path, info.GetDossivaThumbEAName()))) {
     ++out->upToDate;

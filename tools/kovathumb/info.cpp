@@ -67,7 +67,7 @@ int RunInfo(const InfoArgs& args) {
   for (const std::string& path : args.files) {
     const std::string problem = SourceProblem(path);
     if (!problem.empty()) {
-      PrintLine(ErrorJson(path, 601, problem));
+      PrintLine(ErrorJson(path, kErrorCannotExamine, problem));
       status = kExitFailed;
       continue;
     }

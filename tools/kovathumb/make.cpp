@@ -44,13 +44,13 @@ int RunMake(const MakeArgs& args) {
   for (const std::string& path : args.files) {
     const std::string problem = SourceProblem(path);
     if (!problem.empty()) {
-      PrintLine(ErrorJson(path, 601, problem));
+      PrintLine(ErrorJson(path, kErrorCannotExamine, problem));
       status = kExitFailed;
       continue;
     }
     PinnedFile pinned;
     if (const int err = PinGiven(path, &pinned)) {
-      PrintLine(ErrorJson(path, 601, err == ELOOP ? "a symbolic link: refused" : std::strerror(err)));
+      PrintLine(ErrorJson(path, kErrorCannotExamine, err == ELOOP ? "a symbolic link: refused" : std::strerror(err)));
       status = kExitFailed;
       continue;
     }
@@ -129,7 +129,7 @@ int RunImport(const ImportArgs& args) {
   }
   PinnedFile pinned;
   if (const int err = PinGiven(args.file, &pinned)) {
-    PrintLine(ErrorJson(args.file, 601, err == ELOOP ? "a symbolic link: refused" : std::strerror(err)));
+    PrintLine(ErrorJson(args.file, kErrorCannotExamine, err == ELOOP ? "a symbolic link: refused" : std::strerror(err)));
     return kExitFailed;
   }
   try {
