@@ -18,6 +18,7 @@
 #include "kovathumb/convert_cmd.h"
 #include "kovathumb/file.h"
 #include "kovathumb/thumb.h"
+#include "libkovathumb/log_sites.h"
 #include "libkovathumb/pinned.h"
 #include "libkovathumb/quality.h"
 #include "thumb_info/decisions.h"
@@ -28,9 +29,6 @@ namespace kovathumb {
 
 namespace {
 
-constexpr char kSourceFile[] = "libkovathumb.cpp";
-constexpr int kConvertSizesLine = 95;
-constexpr int kConvertDimensionsLine = 113;
 constexpr char kSrgbProfile[] = "/usr/share/color/icc/colord/sRGB.icc";
 constexpr char kJpegQuality[] = "85";
 constexpr char kCjpeg[] = "/usr/bin/cjpeg";
@@ -345,8 +343,7 @@ int Thumb::QualityConvert(std::vector<std::pair<std::string, ThumbDimension>> jo
     try {
       ExtractForBatch();
       if (qualityWork_ == nullptr) qualityWork_ = NewQualityWorkDir();
-      info_.size_ = job.first;
-      info_.dimension_ = named ? strThumbSizeMap_.at(job.first) : job.second;
+      SetSize(job.first, named ? strThumbSizeMap_.at(job.first) : job.second);
       const std::string name = GetOnlineOutputDest();
       if (name == lastName) {  // "large" and "xlarge" share one file
         made += lastMade ? 1 : 0;
@@ -368,8 +365,9 @@ int Thumb::QualityConvert(std::vector<std::pair<std::string, ThumbDimension>> jo
       }
       made += lastMade ? 1 : 0;
     } catch (...) {
-      internal::LogError(kSourceFile, named ? kConvertSizesLine : kConvertDimensionsLine, "Convert",
-                         "Unknown Internal Error");
+      // Logged as the member the caller called.
+      const internal::LogSite& at = named ? internal::site::kConvertSizes : internal::site::kConvertDimensions;
+      internal::LogError(at.file, at.line, "Convert", "Unknown Internal Error");
     }
   }
   return made;

@@ -30,8 +30,13 @@ bool SwitchTo(uid_t uid, gid_t gid) {
 }
 }  // namespace
 
-RunAsRootGuard::RunAsRootGuard(const char* file, int line)
-    : savedUid_(geteuid()), savedGid_(getegid()), file_(file), line_(line), tag_(kTag), switched_(false) {
+RunAsRootGuard::RunAsRootGuard(const LogSite& site)
+    : savedUid_(geteuid()),
+      savedGid_(getegid()),
+      file_(site.file),
+      line_(site.line),
+      tag_(kTag),
+      switched_(false) {
   switched_ = Open();
   if (!switched_) LogRaw(LOG_AUTH | LOG_ERR, "%s:%d ERROR: %s(\"%s\")", file_, line_, tag_, kAccount);
 }

@@ -6,13 +6,15 @@
 
 #include <sys/types.h>
 
+#include "util/log.h"
+
 namespace kovathumb {
 namespace internal {
 
 class RunAsRootGuard {
  public:
-  // `file` and `line` name the place in its log lines.
-  RunAsRootGuard(const char* file, int line);
+  // `site` is the place its log lines name.
+  explicit RunAsRootGuard(const LogSite& site);
   ~RunAsRootGuard();
   RunAsRootGuard(const RunAsRootGuard&) = delete;
   RunAsRootGuard& operator=(const RunAsRootGuard&) = delete;

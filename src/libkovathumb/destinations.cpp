@@ -1,0 +1,234 @@
+// Thumb's destinations: thumbnails stored in the EA directory, the camera's
+// embedded preview, and a conversion made now.
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "kovathumb/convert_cmd.h"
+#include "kovathumb/file.h"
+#include "kovathumb/thumb.h"
+#include "libkovathumb/log_sites.h"
+#include "libkovathumb/pinned.h"
+#include "libkovathumb/store_rules.h"
+#include "libkovathumb/thumb_shared.h"
+#include "thumb_info/decisions.h"
+#include "util/ea_dir.h"
+#include "util/safe_fs.h"
+
+namespace kovathumb {
+
+using internal::BaseName;
+
+bool Thumb::Fail() {
+  outputFile_.clear();
+  pinned_->output.reset();
+  return false;
+}
+
+int Thumb::EADir(bool make) {
+  safe_fs::Fd& ea = pinned_->eaDir;
+  if (!ea.valid() && (!make || file::MakeEADir(path_))) ea = file::OpenEADir(path_);
+  return ea.get();
+}
+
+std::string Thumb::ToolSource() const {
+  return info_.sourceFd_ ? safe_fs::ToolPath(*info_.sourceFd_) : path_;
+}
+
+std::string Thumb::ServePath() const {
+  const Pinned& p = *pinned_;
+  if (p.output.valid() && p.outputPath == outputFile_) return safe_fs::SelfPath(p.output.get());
+  return outputFile_ == path_ ? info_.PinnedSource() : outputFile_;
+}
+
+bool Thumb::SetOutStored(const std::string& name, bool needEAPath, bool condition, int type) {
+  const std::string path = file::GetEAPath(path_, name);
+  if (needEAPath && path.empty()) return Fail();
+  if (path.empty() || !condition) return Fail();
+  // Anything but a regular file here (a link, FIFO, directory) is no
+  // thumbnail; the file checked is the one sent.
+  const int ea = EADir(false);
+  struct stat64 st;
+  safe_fs::Fd fd = ea < 0 ? safe_fs::Fd() : safe_fs::OpenRegularAt(ea, name, &st);
+  if (!fd.valid() || !info_.IsThumbUptoDate(safe_fs::SelfPath(fd.get()))) return Fail();
+  if (quality_ && !isVideo_ && !QualityStoredOk(safe_fs::SelfPath(fd.get()))) return Fail();
+  outputFile_ = path;
+  pinned_->SetOutput(path, std::move(fd), st);
+  outputType_ = type;
+  return true;
+}
+
+bool Thumb::SetOutPictavoEA() {
+  return SetOutStored(info_.GetPictavoThumbEAName(), true, true, kThumbOutputPictavo);
+}
+
+bool Thumb::SetOutPictavoOldEA() {
+  return SetOutStored(info_.GetPictavoOldThumbEAName(), true, true, kThumbOutputPictavo);
+}
+
+bool Thumb::SetOutDossivaEA() {
+  return SetOutStored(info_.GetDossivaThumbEAName(), false, info_.IsGood() || isVideo_,
+                      kThumbOutputDossiva);
+}
+
+bool Thumb::SetOutAvatar() {
+  return SetOutStored(info_.GetAvatarThumbEAName(), false, true, kThumbOutputDossiva);
+}
+
+bool Thumb::SetOutCinevoEA() {
+  return SetOutStored(info_.GetCinevoThumbEAName(), true, true, kThumbOutputCinevo);
+}
+
+bool Thumb::SetOutOriginalImage() {
+  outputFile_ = path_;
+  pinned_->output.reset();
+  return true;
+}
+
+std::string Thumb::GetOnlineOutputDest() const {
+  return file::GetEAPath(path_, avatar_ ? info_.GetAvatarThumbEAName() : info_.GetDossivaThumbEAName());
+}
+
+bool Thumb::SetOutFromEXIFPreview() {
+  if (quality_) return QualityFromPreview();
+  if (!info_.IsGood()) return Fail();
+  const std::string preview = info_.GetEXIFPreviewTmpPath();
+  const std::string dest = file::GetEAPath(path_, info_.GetDossivaThumbEAName());
+  if (preview.empty()) return Fail();
+  if (!file::MakeEADir(path_)) {
+    unlink(preview.c_str());
+    return Fail();
+  }
+  const bool upright = internal::TurnSum(info_.GetRotate(), info_.GetUserRotate()) % 4 == 0;
+  if (info_.GetMimeType() == "image/jpeg" && upright) {
+    if (!SaveTmpThumbToEA(preview)) {
+      KT_LOG_AT(internal::site::kPreviewNotSaved, "failed to save to EA");
+      return Fail();
+    }
+  } else {
+    // The converter writes into our private directory; the store then
+    // stamps the result and moves it into place.
+    std::string work;
+    const bool made = PrepareWork(true, &work) && ConvertCmd(info_, preview, work).exec();
+    const bool stored = made && SaveThumbToEA(work, dest, 0);
+    pinned_->work.Remove();
+    if (!made) {
+      KT_LOG_AT(internal::site::kPreviewNotConverted,
+                "failed to rotate or convert tmp file to web accepatable img %s -> %s", preview.c_str(),
+                dest.c_str());
+    }
+    if (!stored) {
+      unlink(preview.c_str());
+      return Fail();
+    }
+  }
+  outputFile_ = dest;
+  pinned_->outputPath = dest;
+  outputType_ = kThumbOutputDossiva;
+  unlink(preview.c_str());
+  return true;
+}
+
+bool Thumb::PrepareWork(bool inEADir, std::string* work) {
+  safe_fs::PrivateDir& dir = pinned_->work;
+  if (inEADir) {
+    const int ea = EADir(true);
+    if (ea < 0 || !dir.Create(ea, internal::kPrivatePrefix)) return false;
+    *work = dir.ToolPath(info_.GetDossivaTmpThumbEAName());
+  } else {
+    if (!dir.CreateAt(internal::kVarTmpTemplate)) return false;
+    *work = dir.ToolPath(BaseName(file::GetVarTmpPath(info_.GetDossivaTmpThumbEAName())));
+  }
+  return true;
+}
+
+bool Thumb::SetOutOnline() {
+  if (quality_) return QualityOnline();
+  if (!info_.IsNeedConvert()) {
+    outputType_ = kThumbOutputOriginal;
+    return Fail();
+  }
+  const bool good = info_.IsGood();
+  const bool eaWritable = file::IsDestSupportEAWrite(file::Dirname(path_));
+  std::string work;
+  if (!PrepareWork(eaWritable, &work)) return Fail();
+  // The work directory goes on every path, but for a result that is served
+  // from it: that stays until the next request.
+  struct WorkCleanup {
+    safe_fs::PrivateDir& dir;
+    bool keep;
+    ~WorkCleanup() {
+      if (!keep) dir.Remove();
+    }
+  } cleanup{pinned_->work, false};
+  // Tools read the opened source, never a name.
+  const std::string source = ToolSource();
+
+  bool made = false;
+  if (good) {
+    if (info_.GetMimeType() == "image/jpeg") {
+      DJpegCmd djpeg(info_, source, work);
+      if (info_.GetFileSize() <= djpeg.GetConvertBytes()) {
+        // Converting would not make it smaller than the source.
+        outputType_ = kThumbOutputOriginal;
+        return Fail();
+      }
+      made = djpeg.exec();
+      if (made) needDelete_ = djpeg.IsNeedDelete();
+    }
+    if (info_.GetOutputMimeType() == "image/gif") {
+      GIFConvertCmd gif(info_, source, work);
+      made = gif.exec();
+    }
+  }
+  if (!made) {
+    if (!info_.IsWebAcceptable()) {
+      DcrawCmd dcraw(info_, source, work);
+      made = dcraw.exec();
+      if (!made && good) made = ConvertCmd(info_, source, work).exec();
+    } else if (good) {
+      made = ConvertCmd(info_, source, work).exec();
+    }
+  }
+  if (!made) return Fail();
+
+  if (eaWritable) {
+    if (!SaveTmpThumbToEA(work)) return Fail();
+    BoundBoxThumbs(BaseName(outputFile_));
+    outputType_ = kThumbOutputDossiva;
+    return true;
+  }
+  const std::string name = BaseName(work);
+  struct stat64 st;
+  safe_fs::Fd fd = safe_fs::OpenRegularAt(pinned_->work.fd(), name, &st);
+  if (!fd.valid() || !internal::IsStorable(fd.get(), st, info_.GetOutputMimeType())) return Fail();
+  outputFile_ = pinned_->work.path() + "/" + name;
+  pinned_->SetOutput(outputFile_, std::move(fd), st);
+  outputType_ = kThumbOutputDossivaVarTmp;
+  cleanup.keep = true;
+  return true;
+}
+
+// Requests for arbitrary boxes must not fill the disk: keep the newest few.
+void Thumb::BoundBoxThumbs(const std::string& kept) {
+  if (!internal::IsBoxThumbName(kept)) return;
+  const int ea = EADir(false);
+  if (ea < 0) return;
+  const std::vector<safe_fs::Entry> entries = safe_fs::ListRegular(ea);
+  std::vector<internal::StoredThumb> stored;
+  for (const safe_fs::Entry& e : entries) stored.push_back({e.name, e.size, e.changed});
+  for (const std::string& name : internal::BoxThumbsToRemove(stored, kept)) {
+    for (const safe_fs::Entry& e : entries) {
+      if (e.name != name) continue;
+      struct stat64 st;
+      st.st_dev = e.dev;
+      st.st_ino = e.ino;
+      safe_fs::UnlinkIfSame(ea, name, st);
+    }
+  }
+}
+
+}  // namespace kovathumb
