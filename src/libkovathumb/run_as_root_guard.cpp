@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include "util/log.h"
+#include "util/system.h"
 
 namespace kovathumb {
 namespace internal {
@@ -21,18 +22,19 @@ const gid_t kNoGid = static_cast<gid_t>(-1);
 // Sets the effective ids to (uid, gid), passing through root when the
 // current effective user is not root. False on any failure.
 bool SwitchTo(uid_t uid, gid_t gid) {
-  const uid_t curUid = geteuid();
-  const gid_t curGid = getegid();
-  if (uid != curUid && curUid != 0 && setresuid(kNoUid, 0, kNoUid) < 0) return false;
-  if (gid != kNoGid && gid != curGid && setresgid(kNoGid, gid, kNoGid) != 0) return false;
-  if (uid != kNoUid && uid != curUid && setresuid(kNoUid, uid, kNoUid) != 0) return false;
+  const System& sys = Sys();
+  const uid_t curUid = sys.geteuid();
+  const gid_t curGid = sys.getegid();
+  if (uid != curUid && curUid != 0 && sys.setresuid(kNoUid, 0, kNoUid) < 0) return false;
+  if (gid != kNoGid && gid != curGid && sys.setresgid(kNoGid, gid, kNoGid) != 0) return false;
+  if (uid != kNoUid && uid != curUid && sys.setresuid(kNoUid, uid, kNoUid) != 0) return false;
   return true;
 }
 }  // namespace
 
 RunAsRootGuard::RunAsRootGuard(const LogSite& site)
-    : savedUid_(geteuid()),
-      savedGid_(getegid()),
+    : savedUid_(Sys().geteuid()),
+      savedGid_(Sys().getegid()),
       file_(site.file),
       line_(site.line),
       tag_(kTag),
@@ -63,12 +65,12 @@ bool RunAsRootGuard::Open() {
            err != 0 ? strerror_r(err, errText, sizeof errText) : "Name not found");
     return false;
   }
-  if (geteuid() == uid && getegid() == gid) return true;
+  if (Sys().geteuid() == uid && Sys().getegid() == gid) return true;
   return SwitchTo(uid, gid);
 }
 
 RunAsRootGuard::~RunAsRootGuard() {
-  if (geteuid() == savedUid_ && getegid() == savedGid_) return;
+  if (Sys().geteuid() == savedUid_ && Sys().getegid() == savedGid_) return;
   if (!SwitchTo(savedUid_, savedGid_)) {
     LogRaw(LOG_AUTH | LOG_CRIT, "%s:%d ERROR: ~%s(%d, %d)", file_, line_, tag_,
            static_cast<int>(savedUid_), static_cast<int>(savedGid_));

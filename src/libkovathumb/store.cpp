@@ -21,6 +21,7 @@
 #include "libkovathumb/store_rules.h"
 #include "libkovathumb/thumb_shared.h"
 #include "util/safe_fs.h"
+#include "util/system.h"
 
 namespace kovathumb {
 
@@ -78,10 +79,11 @@ bool Thumb::SaveThumbToEA(const std::string& src, const std::string& dst, long m
     KT_LOG_AT(site::kRefusedStaged, "Refused to store an empty or broken thumbnail '%s'", src.c_str());
     return false;
   }
-  if (fchmod(file.get(), 0777) != 0) KT_LOG_AT(site::kChmod, "Failed to chmod '%s'", dst.c_str());
+  const internal::System& sys = internal::Sys();
+  if (sys.fchmod(file.get(), 0777) != 0) KT_LOG_AT(site::kChmod, "Failed to chmod '%s'", dst.c_str());
   {
     internal::RunAsRootGuard guard(site::kChownGuard);
-    if (guard.Switched() && fchown(file.get(), 0, 0) != 0) {
+    if (guard.Switched() && sys.fchown(file.get(), 0, 0) != 0) {
       KT_LOG_AT(site::kChown, "Failed to chown '%s', %s", dst.c_str(), strerror(errno));
     }
   }
@@ -91,7 +93,7 @@ bool Thumb::SaveThumbToEA(const std::string& src, const std::string& dst, long m
   if (mtime != 0) {
     internal::RunAsRootGuard guard(site::kUtimeGuard);
     const struct timespec times[2] = {{0, 0}, {mtime, 0}};
-    if (guard.Switched() && futimens(file.get(), times) != 0) {
+    if (guard.Switched() && sys.futimens(file.get(), times) != 0) {
       KT_LOG_AT(site::kUtime, "Failed to chown '%s', %s", dst.c_str(), strerror(errno));
     }
   }

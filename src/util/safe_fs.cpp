@@ -11,6 +11,8 @@
 #include <string>
 #include <vector>
 
+#include "util/system.h"
+
 namespace kovathumb {
 namespace safe_fs {
 
@@ -221,18 +223,18 @@ std::string PrivateDir::ToolPath(const std::string& name) const {
 }
 
 bool RenameInto(const std::string& path, int dir, const std::string& name) {
-  return renameat(AT_FDCWD, path.c_str(), dir, name.c_str()) == 0;
+  return internal::Sys().renameat(AT_FDCWD, path.c_str(), dir, name.c_str()) == 0;
 }
 
 bool RenameAt(int fromDir, const std::string& from, int toDir, const std::string& to) {
-  return renameat(fromDir, from.c_str(), toDir, to.c_str()) == 0;
+  return internal::Sys().renameat(fromDir, from.c_str(), toDir, to.c_str()) == 0;
 }
 
 bool UnlinkIfSame(int dir, const std::string& name, const struct stat64& st) {
   struct stat64 now;
   if (fstatat64(dir, name.c_str(), &now, AT_SYMLINK_NOFOLLOW) != 0) return false;
   if (now.st_dev != st.st_dev || now.st_ino != st.st_ino) return false;
-  return unlinkat(dir, name.c_str(), 0) == 0;
+  return internal::Sys().unlinkat(dir, name.c_str(), 0) == 0;
 }
 
 std::vector<Entry> ListRegular(int dir) {
