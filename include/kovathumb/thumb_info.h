@@ -35,6 +35,10 @@ class ExifKey;
 
 namespace kovathumb {
 
+namespace internal {
+class ThumbInfoAccess;
+}  // namespace internal
+
 // Width then height in pixels; 2147483647 in both means no limit.
 struct ThumbDimension {
   uint32_t width;
@@ -106,9 +110,10 @@ class KOVATHUMB_EXPORT ThumbInfo {
   static const std::vector<std::pair<int, bool>> rotateFlopMappingList_;
 
  private:
-  friend class Thumb;
-  friend class DcrawCmd;  // takes the extracted preview's size
-  friend struct ThumbInfoTestAccess;
+  // The library's writers (the request, the raw converter) and its tests
+  // go through this internal type.
+  friend class internal::ThumbInfoAccess;
+  friend class Thumb;  // until the request goes through ThumbInfoAccess too
 
   // Exiv2 0.27 hands images out as std::auto_ptr.
 #pragma GCC diagnostic push

@@ -14,6 +14,7 @@
 #include "kovathumb/convert_cmd.h"
 #include "kovathumb/error.h"
 #include "kovathumb/log.h"
+#include "thumb_info/thumb_info_access.h"
 
 namespace kovathumb {
 
@@ -94,8 +95,7 @@ void DcrawCmd::setupRawThumbPath() {
     // The raw's own size is unknown: scale from the preview's.
     ThumbInfo preview(rawThumbPath, "__CUSTOM__", {0, 0});
     preview.ExtractImgInfo(false);
-    info.width_ = preview.GetWidth();
-    info.height_ = preview.GetHeight();
+    internal::ThumbInfoAccess::SetPixelSize(&info, preview.GetWidth(), preview.GetHeight());
   } catch (const Error&) {
     rawThumbPath.clear();
     if (pipe != nullptr) {
