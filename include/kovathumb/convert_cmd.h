@@ -13,6 +13,16 @@
 // Errors: a tool that fails or cannot be started makes exec() false and is
 // never logged; only standard-library exceptions (allocation) leave a
 // command. GIFConvertCmd and DcrawCmd run a first tool in their constructor.
+//
+// Converting one file by hand, as a request does:
+//
+//   kovathumb::ThumbInfo info(src, kovathumb::kSizeBig, {640, 640});
+//   try {
+//     info.ExtractImgInfo(false);
+//   } catch (const kovathumb::Error& e) {
+//     if (e.Code() != kovathumb::kErrorUnknownType) throw;  // else go on with what is known
+//   }
+//   const bool made = kovathumb::ConvertCmd(info, src, "/var/tmp/mine/thumb.jpg").exec();
 #ifndef KOVATHUMB_CONVERT_CMD_H_
 #define KOVATHUMB_CONVERT_CMD_H_
 

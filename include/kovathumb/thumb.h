@@ -27,11 +27,39 @@
 // process's effective user to root; no other thread may depend on the
 // effective ids meanwhile.
 //
-// Errors: the constructor throws kovathumb::Error 601 for a source that
-// cannot be examined, requests rethrow the Error of probing a source except
-// 602 (an unknown image type, treated as unreadable facts), and an unknown
+// Errors: the constructor throws kovathumb::Error kErrorCannotExamine for a
+// source that cannot be examined, requests rethrow the Error of probing a
+// source except kErrorUnknownType (treated as unreadable facts), and an unknown
 // size name throws std::out_of_range ("map::at"). Everything else reports by
 // its result and a line in the system log.
+//
+// Answering one CGI request, "/proc/self/fd/7/IMG_0001.JPG" being the photo
+// in a directory the program opened safely:
+//
+//   kovathumb::Thumb thumb("/proc/self/fd/7/IMG_0001.JPG",
+//                          kovathumb::kThumbOptPictavoEA | kovathumb::kThumbOptDossivaEA,
+//                          false);
+//   thumb.Rotate(userQuarterTurns);
+//   thumb.Output(kovathumb::kSizeBig);  // headers and body on standard output
+//   fflush(stdout);
+//   if (thumb.IsNeedDelete()) thumb.DeleteOutputFile();
+//   if (thumb.GetOutputFile().empty()) { /* nothing was sent: answer 404 */ }
+//
+// A size name may fall back to smaller stored sizes: set
+// kThumbOptSmallerFallback, choose with CalcOutputFile(size), then send with
+// HttpOutputFile(GetOutputMimeType()). Output never falls back.
+//
+// Making every size of a photo now (an indexer; nothing is sent):
+//
+//   kovathumb::Thumb thumb(path, 0, false);
+//   if (!thumb.ConvertAll()) { /* none made: see LogReason() */ }
+//   // Or chosen sizes and boxes; each returns how many were made.
+//   thumb.Convert({std::string(kovathumb::kSizeSmall), std::string(kovathumb::kSizeBig)});
+//   thumb.Convert({kovathumb::ThumbDimension{200, 150}});
+//
+// The constructor (and Output) throw kovathumb::Error as above: catch it
+// around the whole request; Convert and ConvertAll log and go on instead.
+// The size names (kSizeBig, ...) are in kovathumb/thumb_const.h.
 #ifndef KOVATHUMB_THUMB_H_
 #define KOVATHUMB_THUMB_H_
 
@@ -184,14 +212,14 @@ class KOVATHUMB_EXPORT Thumb {
   bool allowHeicOriginal_;
   ThumbInfo info_;
   std::string outputFile_;
-  bool noOnline_;                 // A
-  bool wantDossivaEA_;            // B
-  bool wantPictavoEA_;            // C
-  bool enableGIF_;                // D
-  bool originalOnlyWhenMarked_;   // E
+  bool noOnline_;                 // never convert now (asked, or a video)
+  bool wantDossivaEA_;            // try the file manager's stored thumbnail
+  bool wantPictavoEA_;            // try the photo gallery's stored thumbnails
+  bool enableGIF_;                // animated thumbnails of animated GIFs
+  bool originalOnlyWhenMarked_;   // serve the source only when conversion marked it
   bool needDelete_;
-  bool avatar_;                   // G
-  bool smallerFallback_;          // H
+  bool avatar_;                   // centre crop, the avatar's names only
+  bool smallerFallback_;          // CalcOutputFile(size) may fall back to smaller sizes
   bool batchExtracted_;
   std::unique_ptr<Pinned> pinned_;  // open files of the current request
 

@@ -1,6 +1,11 @@
-// Names shared across libkovathumb: the size names, their letters in stored
-// thumbnail names, and the file-name extensions of supported photos and
-// videos. Constants only; safe to use from any thread.
+// Names shared across libkovathumb and its callers: the size names, the sizes
+// a thumbnail is made in, their letters in stored thumbnail names, the media
+// types of the photos we convert, and the file-name extensions of supported
+// photos and videos. Constants only; safe to use from any thread.
+//
+//   // Every stored size of a photo, as ConvertAll makes them:
+//   std::vector<std::string> sizes(std::begin(kovathumb::kConvertibleSizes),
+//                                  std::end(kovathumb::kConvertibleSizes));
 #ifndef KOVATHUMB_THUMB_CONST_H_
 #define KOVATHUMB_THUMB_CONST_H_
 
@@ -15,11 +20,23 @@ inline constexpr char kSizeOriginal[] = "original";
 // Size name of a request made with explicit dimensions.
 inline constexpr char kSizeCustom[] = "__CUSTOM_SIZE__";
 
+// The sizes made and stored for a photo, smallest first ("original" is the
+// source itself, never made).
+inline constexpr const char* kConvertibleSizes[] = {kSizeSmall, kSizeMedium, kSizeBig, kSizeLarge,
+                                                    kSizeXLarge};
+
 inline constexpr char kLetterSmall[] = "S";
 inline constexpr char kLetterMedium[] = "M";
 inline constexpr char kLetterBig[] = "B";
 inline constexpr char kLetterLarge[] = "L";  // defined, but "large" is stored as "XL"
 inline constexpr char kLetterXLarge[] = "XL";
+
+// Media types as the probe names them; outputs are JPEG, PNG or GIF.
+inline constexpr char kMimeJpeg[] = "image/jpeg";
+inline constexpr char kMimePng[] = "image/png";
+inline constexpr char kMimeGif[] = "image/gif";
+inline constexpr char kMimeBmp[] = "image/x-ms-bmp";  // the probe's name, not "image/bmp"
+inline constexpr char kMimeTiff[] = "image/tiff";
 
 inline constexpr const char* kImageExtensions[] = {
     "jpg", "jpeg", "jpe", "bmp", "png", "tif", "tiff", "gif",  "arw", "srf", "sr2",

@@ -10,9 +10,10 @@
 // metadata reader in the process is serialised by exiv2_mutex_, so records
 // may be probed from several threads at once.
 //
-// Errors: the constructor and ExtractImgInfo throw kovathumb::Error (601,
-// 602, 603); the thumbnail-name builders throw std::out_of_range ("map::at")
-// for a size without a letter. Everything else reports by its result.
+// Errors: the constructor and ExtractImgInfo throw kovathumb::Error (codes in
+// kovathumb/error.h); the thumbnail-name builders throw std::out_of_range
+// ("map::at") for a size without a letter. Everything else reports by its
+// result.
 #ifndef KOVATHUMB_THUMB_INFO_H_
 #define KOVATHUMB_THUMB_INFO_H_
 
@@ -35,6 +36,10 @@ class ExifKey;
 
 namespace kovathumb {
 
+namespace internal {
+class ThumbInfoAccess;
+}  // namespace internal
+
 // Width then height in pixels; 2147483647 in both means no limit.
 struct ThumbDimension {
   uint32_t width;
@@ -47,8 +52,9 @@ class KOVATHUMB_EXPORT ThumbInfo {
   static const uint32_t LARGE_ORIG_THRESHOLD = 1638400;
 
   // Opens `path` once (a link in its last component is not followed) and
-  // takes its status; throws Error 601 "Can't stat <path>" when it is not a
-  // regular file. All later readings go through that open file.
+  // takes its status; throws Error kErrorCannotExamine "Can't stat <path>"
+  // when it is not a regular file. All later readings go through that open
+  // file.
   ThumbInfo(const std::string& path, const std::string& size, const ThumbDimension& dim);
   ~ThumbInfo();
 
@@ -63,7 +69,7 @@ class KOVATHUMB_EXPORT ThumbInfo {
   ThumbDimension GetDimension() const;
   unsigned GetWidth() const;
   unsigned GetHeight() const;
-  // Low 32 bits of the source's size in bytes.
+  // Low 32 bits of the source's size in bytes (kept as the appliance has it).
   unsigned GetFileSize() const;
   int GetRotate() const;
   int GetUserRotate() const;
@@ -106,9 +112,9 @@ class KOVATHUMB_EXPORT ThumbInfo {
   static const std::vector<std::pair<int, bool>> rotateFlopMappingList_;
 
  private:
-  friend class Thumb;
-  friend class DcrawCmd;  // takes the extracted preview's size
-  friend struct ThumbInfoTestAccess;
+  // The library's writers (the request, the raw converter) and its tests
+  // go through this internal type.
+  friend class internal::ThumbInfoAccess;
 
   // Exiv2 0.27 hands images out as std::auto_ptr.
 #pragma GCC diagnostic push

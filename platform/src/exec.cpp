@@ -123,13 +123,6 @@ std::vector<char*> ChildEnvironment() {
   return env;
 }
 
-int WallSeconds() {
-  // Tests shorten the wall-time limit; the appliance's launcher has its own.
-  const char* v = getenv("KOVAPLATFORM_CHILD_WALL_SECONDS");
-  const int n = v != nullptr ? atoi(v) : 0;
-  return n > 0 ? n : KOVA_CHILD_WALL_SECONDS;
-}
-
 // Reads the child's exec errno; 0 when the program started.
 int ReadExecError(int fd) {
   int e = 0;
@@ -156,7 +149,7 @@ int WaitBounded(pid_t pid) {
   int pidfd = static_cast<int>(syscall(SYS_pidfd_open, pid, 0));
   if (pidfd >= 0) {
     struct pollfd p = {pidfd, POLLIN, 0};
-    int left_ms = WallSeconds() * 1000;
+    int left_ms = KOVAChildWallSeconds() * 1000;
     int r;
     do {
       r = poll(&p, 1, left_ms);
@@ -179,7 +172,7 @@ pid_t Spawn(const char* path, const char* const argv[], int out_fd, bool detach)
     return -1;
   }
   std::vector<char*> envp = ChildEnvironment();
-  const unsigned wall = static_cast<unsigned>(WallSeconds());
+  const unsigned wall = static_cast<unsigned>(KOVAChildWallSeconds());
   int err_pipe[2];
   if (pipe2(err_pipe, O_CLOEXEC) != 0) return -1;
   pid_t pid = fork();

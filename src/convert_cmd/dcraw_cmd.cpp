@@ -14,10 +14,15 @@
 #include "kovathumb/convert_cmd.h"
 #include "kovathumb/error.h"
 #include "kovathumb/log.h"
+#include "thumb_info/thumb_info_access.h"
 
 namespace kovathumb {
 
 namespace {
+
+// The size name of the records that probe dcraw's output; kept as the
+// appliance writes it (not kSizeCustom).
+constexpr char kProbeSizeName[] = "__CUSTOM__";
 
 // dcraw is a first attempt: what it says of a file it cannot read (every
 // HEIC "has no thumbnail") is noise before the converter's try, so it shows
@@ -92,10 +97,9 @@ void DcrawCmd::setupRawThumbPath() {
     }
     if (info.GetWidth() != 0 && info.GetHeight() != 0) return;
     // The raw's own size is unknown: scale from the preview's.
-    ThumbInfo preview(rawThumbPath, "__CUSTOM__", {0, 0});
+    ThumbInfo preview(rawThumbPath, kProbeSizeName, {0, 0});
     preview.ExtractImgInfo(false);
-    info.width_ = preview.GetWidth();
-    info.height_ = preview.GetHeight();
+    internal::ThumbInfoAccess::SetPixelSize(&info, preview.GetWidth(), preview.GetHeight());
   } catch (const Error&) {
     rawThumbPath.clear();
     if (pipe != nullptr) {
@@ -112,7 +116,7 @@ void DcrawCmd::setupRawThumbPath() {
 bool DcrawCmd::checkTmpExif() {
   if (dst.empty()) return false;
   try {
-    ThumbInfo thumb(dst, "__CUSTOM__", {2147483647, 2147483647});
+    ThumbInfo thumb(dst, kProbeSizeName, {2147483647, 2147483647});
     thumb.ExtractImgInfo(false);
     return thumb.GetWidth() != 0 && thumb.GetHeight() != 0;
   } catch (...) {

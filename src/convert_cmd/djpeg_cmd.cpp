@@ -55,6 +55,9 @@ bool DJpegCmd::IsNeedDelete() const { return GetConvertBytes() + 524288U > info.
 bool DJpegCmd::exec() {
   if (KLIBCExecv(kDjpeg.c_str(), argv.data(), 1) != 0) return false;
   if (outPath == dst) return true;
+  // From the unchanged `info`: geometry and crop offsets are the full
+  // source's though the decoded picture is smaller; kept as the appliance
+  // has it.
   ConvertCmd convert(info, outPath, dst);
   const bool ok = convert.exec();
   unlink(outPath.c_str());

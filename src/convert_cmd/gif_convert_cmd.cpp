@@ -6,6 +6,7 @@
 #include "convert_cmd/tool_files.h"
 #include "kovaplatform/kovaplatform.h"
 #include "kovathumb/convert_cmd.h"
+#include "util/path.h"
 
 namespace kovathumb {
 
@@ -20,16 +21,16 @@ GIFConvertCmd::GIFConvertCmd(ThumbInfo info_, const std::string& src_, const std
 GIFConvertCmd::~GIFConvertCmd() = default;
 
 void GIFConvertCmd::setupCoalesceTmpPath() {
-  const size_t slash = src.rfind('/');
   // Only characters ImageMagick takes literally, so the name is the file written.
-  const std::string base =
-      internal::MagickSafeName(slash == std::string::npos ? src : src.substr(slash + 1));
+  const std::string base = internal::MagickSafeName(internal::BaseName(src));
   const std::string stamp = std::to_string(static_cast<long>(time(nullptr)));
   // /var/tmp is everyone's: the file is ours only if we create it. Somebody
   // else's file (or link) at the usual name gets a random one beside it.
   int fd = -1;
   for (int attempt = 0; fd < 0 && attempt < 8; ++attempt) {
     const std::string salt = attempt == 0 ? "" : internal::RandomText(8) + "_";
+    // The doubled underscore and the name run into the stamp are kept as the
+    // appliance writes them.
     coalescePath = std::string("/var/tmp/convert_thumbnail_") + "_" + stamp + salt + base;
     fd = internal::CreateExclusive(coalescePath);
   }

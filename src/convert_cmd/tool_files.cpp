@@ -8,6 +8,9 @@
 
 #include <cstdint>
 #include <string>
+#include <utility>
+
+#include "kovathumb/thumb_const.h"
 
 namespace kovathumb {
 namespace internal {
@@ -20,15 +23,19 @@ bool StartsWith(const std::string& s, const char* prefix, size_t n, size_t at = 
 
 }  // namespace
 
-std::string MagickCoder(const std::string& head, const std::string& mime) {
-  if (head.empty()) {
-    if (mime == "image/jpeg") return "jpeg";
-    if (mime == "image/png") return "png";
-    if (mime == "image/gif") return "gif";
-    if (mime == "image/bmp" || mime == "image/x-ms-bmp") return "bmp";
-    if (mime == "image/tiff") return "tiff";
-    return "";
+std::string CoderFor(const std::string& mime) {
+  static const std::pair<const char*, const char*> kCoders[] = {
+      {kMimeJpeg, "jpeg"}, {kMimePng, "png"},   {kMimeGif, "gif"},     {kMimeBmp, "bmp"},
+      {"image/bmp", "bmp"}, {kMimeTiff, "tiff"}, {"image/heic", "heic"}, {"image/heif", "heic"},
+  };
+  for (const auto& c : kCoders) {
+    if (mime == c.first) return c.second;
   }
+  return std::string();
+}
+
+std::string MagickCoder(const std::string& head, const std::string& mime) {
+  if (head.empty()) return CoderFor(mime);
   if (StartsWith(head, "\xFF\xD8\xFF", 3)) return "jpeg";
   if (StartsWith(head, "\x89PNG\r\n\x1A\n", 8)) return "png";
   if (StartsWith(head, "GIF87a", 6) || StartsWith(head, "GIF89a", 6)) return "gif";

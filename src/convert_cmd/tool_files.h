@@ -12,6 +12,10 @@
 namespace kovathumb {
 namespace internal {
 
+// The coder for a probed type ("jpeg", "png", "gif", "bmp", "tiff", "heic"),
+// or "" for a type we do not convert.
+std::string CoderFor(const std::string& mime);
+
 // The coder for an input whose first bytes are `head` ("jpeg", "png", "gif",
 // "bmp", "tiff", "ppm", "heic"), or "" for a format we do not convert. With an
 // empty `head` (the input cannot be read here) the probed `mime` decides.

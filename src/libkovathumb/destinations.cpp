@@ -10,11 +10,13 @@
 #include "kovathumb/convert_cmd.h"
 #include "kovathumb/file.h"
 #include "kovathumb/thumb.h"
+#include "kovathumb/thumb_const.h"
 #include "libkovathumb/log_sites.h"
 #include "libkovathumb/pinned.h"
 #include "libkovathumb/store_rules.h"
 #include "libkovathumb/thumb_shared.h"
 #include "thumb_info/decisions.h"
+#include "thumb_info/thumb_info_access.h"
 #include "util/ea_dir.h"
 #include "util/safe_fs.h"
 
@@ -35,13 +37,14 @@ int Thumb::EADir(bool make) {
 }
 
 std::string Thumb::ToolSource() const {
-  return info_.sourceFd_ ? safe_fs::ToolPath(*info_.sourceFd_) : path_;
+  const int* fd = internal::ThumbInfoAccess::SourceFd(info_);
+  return fd != nullptr ? safe_fs::ToolPath(*fd) : path_;
 }
 
 std::string Thumb::ServePath() const {
   const Pinned& p = *pinned_;
   if (p.output.valid() && p.outputPath == outputFile_) return safe_fs::SelfPath(p.output.get());
-  return outputFile_ == path_ ? info_.PinnedSource() : outputFile_;
+  return outputFile_ == path_ ? internal::ThumbInfoAccess::PinnedSource(info_) : outputFile_;
 }
 
 bool Thumb::SetOutStored(const std::string& name, bool needEAPath, bool condition, int type) {
@@ -103,7 +106,7 @@ bool Thumb::SetOutFromEXIFPreview() {
     return Fail();
   }
   const bool upright = internal::TurnSum(info_.GetRotate(), info_.GetUserRotate()) % 4 == 0;
-  if (info_.GetMimeType() == "image/jpeg" && upright) {
+  if (info_.GetMimeType() == kMimeJpeg && upright) {
     if (!SaveTmpThumbToEA(preview)) {
       KT_LOG_AT(internal::site::kPreviewNotSaved, "failed to save to EA");
       return Fail();
@@ -116,6 +119,7 @@ bool Thumb::SetOutFromEXIFPreview() {
     const bool stored = made && SaveThumbToEA(work, dest, 0);
     pinned_->work.Remove();
     if (!made) {
+      // "accepatable" is kept as the appliance writes it: log readers match it.
       KT_LOG_AT(internal::site::kPreviewNotConverted,
                 "failed to rotate or convert tmp file to web accepatable img %s -> %s", preview.c_str(),
                 dest.c_str());
@@ -169,7 +173,7 @@ bool Thumb::SetOutOnline() {
 
   bool made = false;
   if (good) {
-    if (info_.GetMimeType() == "image/jpeg") {
+    if (info_.GetMimeType() == kMimeJpeg) {
       DJpegCmd djpeg(info_, source, work);
       if (info_.GetFileSize() <= djpeg.GetConvertBytes()) {
         // Converting would not make it smaller than the source.
@@ -179,7 +183,7 @@ bool Thumb::SetOutOnline() {
       made = djpeg.exec();
       if (made) needDelete_ = djpeg.IsNeedDelete();
     }
-    if (info_.GetOutputMimeType() == "image/gif") {
+    if (info_.GetOutputMimeType() == kMimeGif) {
       GIFConvertCmd gif(info_, source, work);
       made = gif.exec();
     }

@@ -1,9 +1,7 @@
-// Thumb's quality-mode members: the tools that make a thumbnail of the
-// source, of its embedded preview, or of a larger thumbnail just made.
-#include <dirent.h>
+// Thumb's quality-mode members: which tool makes a thumbnail, of the
+// source, of its embedded preview, or of a larger thumbnail just made, and
+// where it goes. The tools' runs are in quality_tools.cpp.
 #include <fcntl.h>
-#include <stdio.h>
-#include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -14,162 +12,27 @@
 #include <utility>
 #include <vector>
 
-#include "kovaplatform/kovaplatform.h"
-#include "kovathumb/convert_cmd.h"
 #include "kovathumb/file.h"
 #include "kovathumb/thumb.h"
 #include "libkovathumb/log_sites.h"
+#include "kovathumb/thumb_const.h"
+#include "convert_cmd/tool_files.h"
 #include "libkovathumb/pinned.h"
 #include "libkovathumb/quality.h"
+#include "libkovathumb/quality_tools.h"
 #include "thumb_info/decisions.h"
+#include "thumb_info/thumb_info_access.h"
 #include "util/log.h"
+#include "util/path.h"
 #include "util/safe_fs.h"
 
 namespace kovathumb {
 
 namespace {
 
-constexpr char kSrgbProfile[] = "/usr/share/color/icc/colord/sRGB.icc";
-constexpr char kJpegQuality[] = "85";
-constexpr char kCjpeg[] = "/usr/bin/cjpeg";
-constexpr char kHeifConvert[] = "/usr/bin/heif-convert";
-// Larger decoded images go to ImageMagick, which bounds its own memory.
-constexpr uint64_t kMaxInProcessPixels = 16u << 20;
-
-std::string Geometry(ThumbDimension d, const char* flag) {
-  return std::to_string(d.width) + "x" + std::to_string(d.height) + flag;
-}
-
-}  // namespace
-
-namespace internal {
-
-// A directory only we can write, for the tools' outputs; removed with its
-// files when done. Tools reach it through our descriptor, so renaming it
-// or planting links beside it changes nothing.
-class QualityWorkDir {
- public:
-  // In the EA directory open at `ea`, else (-1) under /var/tmp.
-  explicit QualityWorkDir(int ea) {
-    if (ea >= 0) {
-      dir_.Create(ea, ".kovathumb_q.");
-    } else {
-      dir_.CreateAt("/var/tmp/kovathumb_q.XXXXXX");
-    }
-  }
-  QualityWorkDir(const QualityWorkDir&) = delete;
-  QualityWorkDir& operator=(const QualityWorkDir&) = delete;
-
-  bool ok() const { return dir_.valid(); }
-  int fd() const { return dir_.fd(); }
-  // A file in the directory, by a path the tools and we can both open.
-  std::string File(const std::string& name) const { return dir_.ToolPath(name); }
-  bool Has(const std::string& name) const {
-    struct stat64 st;
-    safe_fs::Fd f = safe_fs::OpenRegularAt(dir_.fd(), name, &st);
-    return f.valid() && st.st_size > 0;
-  }
-  // A second name for `from`, replacing `to`.
-  bool Link(const std::string& from, const std::string& to) const {
-    unlinkat(dir_.fd(), to.c_str(), 0);
-    return linkat(dir_.fd(), from.c_str(), dir_.fd(), to.c_str(), 0) == 0;
-  }
-
- private:
-  safe_fs::PrivateDir dir_;
-};
-
-// What a thumbnail is made from.
-struct QualityInput {
-  std::string path;
-  std::string coder;  // ImageMagick's reader
-  int rotate;         // quarter turns, a mirror, then the user's quarter turns
-  bool flop;
-  int userRotate;
-};
-
-}  // namespace internal
-
-namespace {
 
 using internal::QualityInput;
 using WorkDir = internal::QualityWorkDir;
-
-bool Run(const std::vector<std::string>& args) {
-  std::vector<const char*> argv;
-  for (const std::string& a : args) argv.push_back(a.c_str());
-  argv.push_back(nullptr);
-  return KLIBCExecv(args[0].c_str(), argv.data(), 1) == 0;
-}
-
-// Scales `in` into `box`, turns it upright, converts it to sRGB and writes
-// `outName` in `wd` as `outMime`.
-bool MakeThumb(const QualityInput& in, ThumbDimension box, bool crop, const std::string& outMime,
-               const WorkDir& wd, const std::string& outName, internal::Pixels* keep) {
-  const bool odd = internal::TurnSum(in.rotate, in.userRotate) & 1;
-  const ThumbDimension sensorBox = odd ? ThumbDimension{box.height, box.width} : box;
-  const std::string outCoder = internal::CoderFor(outMime);
-  const bool gif = outCoder == "gif";
-  std::vector<std::string> args = {ThumbConvertCmd::kConvert};
-
-  // A plain JPEG: djpeg decodes at the least eighth that still covers the
-  // box, much faster than ImageMagick's reader at the same scale.
-  internal::JpegFacts facts;
-  if (in.coder == "jpeg") facts = internal::ScanJpegFile(in.path);
-  const bool plainJpeg = facts.ok && facts.components != 4 && !facts.icc && !gif;
-  if (plainJpeg) {
-    const ThumbDimension fit = internal::FitInBox(facts.width, facts.height, sensorBox);
-    const std::string scale =
-        std::to_string(internal::DjpegEighths(facts.width, facts.height, fit)) + "/8";
-    const std::string decoded = wd.File("decoded.ppm");
-    if (!Run({ThumbConvertCmd::kDjpeg, "-scale", scale, "-rgb", "-ppm", "-outfile", decoded, in.path})) {
-      return false;
-    }
-    // To a JPEG: shrink and turn here and let cjpeg write it, a fraction of
-    // an ImageMagick start.
-    internal::Pixels pixels;
-    if (outCoder == "jpeg" && !crop && internal::ReadPpm(decoded, kMaxInProcessPixels, &pixels)) {
-      pixels = internal::Orient(internal::Shrink(pixels, fit.width, fit.height), in.rotate, in.flop,
-                                in.userRotate);
-      if (keep != nullptr) *keep = pixels;
-      const std::string scaled = wd.File("scaled.ppm");
-      return internal::WritePpm(scaled, pixels) &&
-             Run({kCjpeg, "-quality", kJpegQuality, "-outfile", wd.File(outName), scaled}) &&
-             wd.Has(outName);
-    }
-    args.push_back("ppm:" + decoded);
-  } else {
-    if (in.coder.empty()) return false;
-    // Shrink while loading: the reader picks the least JPEG scale covering it.
-    if (in.coder == "jpeg") {
-      args.insert(args.end(), {"-define", "jpeg:size=" + Geometry(sensorBox, "")});
-    }
-    args.push_back(in.coder + ":" + in.path + (gif ? "" : "[0]"));
-    if (gif) args.push_back("-coalesce");
-  }
-  if (crop) {
-    args.insert(args.end(), {"-thumbnail", Geometry(sensorBox, "^"), "-gravity", "center",
-                             "-extent", Geometry(sensorBox, "")});
-  } else {
-    args.insert(args.end(), {"-thumbnail", Geometry(sensorBox, ">")});
-  }
-  // A profile converts from the embedded one; a CMYK file without one
-  // still needs its colour space changed.
-  if (!plainJpeg) args.insert(args.end(), {"-profile", kSrgbProfile, "-colorspace", "sRGB"});
-  if ((in.rotate & 3) != 0) args.insert(args.end(), {"-rotate", std::to_string((in.rotate & 3) * 90)});
-  if (in.flop) args.push_back("-flop");
-  if ((in.userRotate & 3) != 0) {
-    args.insert(args.end(), {"-rotate", std::to_string((in.userRotate & 3) * 90)});
-  }
-  args.push_back("-strip");
-  if (gif) {
-    args.insert(args.end(), {"-layers", "Optimize"});
-  } else if (outCoder == "jpeg") {
-    args.insert(args.end(), {"-quality", kJpegQuality});
-  }
-  args.push_back(outCoder + ":" + wd.File(outName));
-  return Run(args) && wd.Has(outName);
-}
 
 }  // namespace
 
@@ -185,14 +48,14 @@ bool Thumb::QualityStoredOk(const std::string& path) const {
   close(fd);
   if (n < 24) return false;
   uint32_t w = 0, h = 0;
-  if (mime == "image/jpeg") {
+  if (mime == kMimeJpeg) {
     const internal::JpegFacts f = internal::ScanJpegFile(path);
     w = f.ok ? f.width : 0;
     h = f.ok ? f.height : 0;
-  } else if (mime == "image/png" && memcmp(head, "\x89PNG", 4) == 0) {
+  } else if (mime == kMimePng && memcmp(head, "\x89PNG", 4) == 0) {
     w = (uint32_t{head[16]} << 24) | (uint32_t{head[17]} << 16) | (uint32_t{head[18]} << 8) | head[19];
     h = (uint32_t{head[20]} << 24) | (uint32_t{head[21]} << 16) | (uint32_t{head[22]} << 8) | head[23];
-  } else if (mime == "image/gif" && memcmp(head, "GIF8", 4) == 0) {
+  } else if (mime == kMimeGif && memcmp(head, "GIF8", 4) == 0) {
     w = head[6] | (uint32_t{head[7]} << 8);
     h = head[8] | (uint32_t{head[9]} << 8);
   }
@@ -222,12 +85,7 @@ bool Thumb::QualityOnline(const std::string* derived) {
         internal::FitInBox(qualityPixels_->width, qualityPixels_->height, info_.GetDimension());
     *qualityPixels_ = internal::Shrink(*qualityPixels_, fit.width, fit.height);
     const std::string name = "thumb" + info_.GetOutputExtension();
-    const std::string scaled = qualityWork_->File("scaled.ppm");
-    if (!internal::WritePpm(scaled, *qualityPixels_) ||
-        !Run({kCjpeg, "-quality", kJpegQuality, "-outfile", qualityWork_->File(name), scaled}) ||
-        !qualityWork_->Has(name)) {
-      return Fail();
-    }
+    if (!internal::EncodeQualityJpeg(*qualityPixels_, *qualityWork_, name)) return Fail();
     return QualityStore(*qualityWork_, name);
   }
   if (derived != nullptr) {  // a larger thumbnail: already upright and in sRGB
@@ -246,35 +104,19 @@ bool Thumb::QualityOnline(const std::string* derived) {
 bool Thumb::QualityFromRaw() {
   std::unique_ptr<WorkDir> owned(NewQualityWorkDir());
   const WorkDir& wd = *owned;
-  if (!wd.ok()) return Fail();
-  const std::string source = ToolSource();
-  const char* argv[] = {"dcraw", "-c", "-e", source.c_str(), nullptr};
-  FILE* pipe = KLIBCPopenv(ThumbConvertCmd::kDcraw.c_str(), "r", argv);
-  if (pipe == nullptr) return Fail();
+  if (!wd.ok() || !internal::ExtractRawPreview(ToolSource(), wd, "preview")) return Fail();
   const std::string raw = wd.File("preview");
-  FILE* out = fopen(raw.c_str(), "wbx");
-  bool ok = out != nullptr;
-  char buf[65536];
-  size_t total = 0;
-  for (size_t n; ok && (n = fread(buf, 1, sizeof buf, pipe)) > 0; total += n) {
-    ok = fwrite(buf, 1, n, out) == n;
-  }
-  if (out != nullptr && fclose(out) != 0) ok = false;
-  if (KLIBCPclose(pipe) != 0 || total == 0) ok = false;
-  if (!ok) return Fail();
   const std::string coder = internal::ScanJpegFile(raw).ok ? "jpeg" : "pnm";
   return QualityMake({raw, coder, info_.GetRotate(), info_.GetFlop(), info_.GetUserRotate()});
 }
 
 bool Thumb::QualityFromHeif() {
-  // libheif's own tool decodes (and turns, as the file says) in a third of
-  // ImageMagick's time; its JPEG is then shrunk while it loads.
+  // The decoded JPEG is then shrunk while it loads.
   std::unique_ptr<WorkDir> owned(NewQualityWorkDir());
   const WorkDir& wd = *owned;
-  if (!wd.ok()) return Fail();
-  const std::string decoded = wd.File("decoded.jpg");
-  if (!Run({kHeifConvert, "-q", "90", ToolSource(), decoded}) || !wd.Has("decoded.jpg")) return Fail();
-  return QualityMake({decoded, "jpeg", info_.GetRotate(), info_.GetFlop(), info_.GetUserRotate()});
+  if (!wd.ok() || !internal::DecodeHeif(ToolSource(), wd, "decoded.jpg")) return Fail();
+  return QualityMake(
+      {wd.File("decoded.jpg"), "jpeg", info_.GetRotate(), info_.GetFlop(), info_.GetUserRotate()});
 }
 
 internal::QualityWorkDir* Thumb::NewQualityWorkDir() {
@@ -293,8 +135,8 @@ bool Thumb::QualityMake(const QualityInput& in) {
   if (!wd->ok()) return Fail();
   const std::string ext = info_.GetOutputExtension();
   internal::Pixels kept;
-  if (!MakeThumb(in, info_.GetDimension(), info_.GetCropMode(), info_.GetOutputMimeType(), *wd,
-                 "thumb" + ext, qualityWork_ != nullptr ? &kept : nullptr)) {
+  if (!internal::MakeQualityThumb(in, info_.GetDimension(), info_.GetCropMode(), info_.GetOutputMimeType(),
+                                  *wd, "thumb" + ext, qualityWork_ != nullptr ? &kept : nullptr)) {
     KT_LOG("failed to make quality thumbnail of %s", path_.c_str());
     return Fail();
   }
@@ -310,7 +152,7 @@ bool Thumb::QualityStore(const WorkDir& wd, const std::string& name) {
     // Served from a private directory under /var/tmp until the next request.
     std::string work;
     if (!PrepareWork(false, &work)) return Fail();
-    const std::string served = work.substr(work.rfind('/') + 1);
+    const std::string served = internal::BaseName(work);
     struct stat64 st;
     safe_fs::Fd fd;
     if (safe_fs::RenameAt(wd.fd(), name, pinned_->work.fd(), served)) {

@@ -49,10 +49,6 @@ int ChooseQualityPreview(const std::vector<PreviewProps>& previews, uint32_t src
 bool ServesOriginal(const std::string& mime, const std::string& outputMime, uint32_t w, uint32_t h,
                     int turns, bool flop, ThumbDimension box);
 
-// ImageMagick's coder for a probed type, so its reader never guesses; empty
-// when we have none.
-std::string CoderFor(const std::string& mime);
-
 // 8-bit RGB pixels, rows top to bottom.
 struct Pixels {
   uint32_t width = 0;

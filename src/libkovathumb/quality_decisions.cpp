@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "kovathumb/thumb_const.h"
 #include "libkovathumb/quality.h"
 #include "util/safe_fs.h"
 
@@ -121,7 +122,7 @@ int ChooseQualityPreview(const std::vector<PreviewProps>& previews, uint32_t src
   uint64_t bestArea = 0;
   for (size_t i = 0; i < previews.size(); ++i) {
     const PreviewProps& p = previews[i];
-    if (p.mimeType != "image/jpeg" || !SameAspect(p.width, p.height, srcW, srcH)) continue;
+    if (p.mimeType != kMimeJpeg || !SameAspect(p.width, p.height, srcW, srcH)) continue;
     if (p.width < needW || p.height < needH) continue;
     const uint64_t area = uint64_t{p.width} * p.height;
     if (best < 0 || area < bestArea) {
@@ -134,21 +135,9 @@ int ChooseQualityPreview(const std::vector<PreviewProps>& previews, uint32_t src
 
 bool ServesOriginal(const std::string& mime, const std::string& outputMime, uint32_t w, uint32_t h,
                     int turns, bool flop, ThumbDimension box) {
-  const bool browserType = mime == "image/jpeg" || mime == "image/png" || mime == "image/gif";
+  const bool browserType = mime == kMimeJpeg || mime == kMimePng || mime == kMimeGif;
   return browserType && mime == outputMime && (turns & 3) == 0 && !flop && w != 0 && h != 0 &&
          w <= box.width && h <= box.height;
-}
-
-std::string CoderFor(const std::string& mime) {
-  static const std::pair<const char*, const char*> kCoders[] = {
-      {"image/jpeg", "jpeg"}, {"image/png", "png"},   {"image/gif", "gif"},
-      {"image/x-ms-bmp", "bmp"}, {"image/tiff", "tiff"}, {"image/heic", "heic"},
-      {"image/heif", "heic"},
-  };
-  for (const auto& c : kCoders) {
-    if (mime == c.first) return c.second;
-  }
-  return std::string();
 }
 
 }  // namespace internal

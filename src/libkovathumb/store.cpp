@@ -20,6 +20,7 @@
 #include "libkovathumb/run_as_root_guard.h"
 #include "libkovathumb/store_rules.h"
 #include "libkovathumb/thumb_shared.h"
+#include "thumb_info/thumb_info_access.h"
 #include "util/safe_fs.h"
 #include "util/system.h"
 
@@ -48,6 +49,7 @@ bool Thumb::SaveThumbToEA(const std::string& src, const std::string& dst, long m
   struct stat64 st;
   safe_fs::Fd in = safe_fs::OpenRegular(src, &st);
   if (!in.valid()) {
+    // Kept as the appliance writes it, typo and literal "\n" included: log readers match it.
     KT_LOG_AT(site::kCannotAccess, "Can not acess thumbnail '%s'\\n", src.c_str());
     return false;
   }
@@ -89,11 +91,12 @@ bool Thumb::SaveThumbToEA(const std::string& src, const std::string& dst, long m
   }
   // The source's time when it was probed: a source changed since gets a
   // thumbnail that is already stale, and is made again next time.
-  if (mtime == 0) mtime = info_.fileStat_.st_mtime;
+  if (mtime == 0) mtime = internal::ThumbInfoAccess::ProbedMtime(info_);
   if (mtime != 0) {
     internal::RunAsRootGuard guard(site::kUtimeGuard);
     const struct timespec times[2] = {{0, 0}, {mtime, 0}};
     if (guard.Switched() && sys.futimens(file.get(), times) != 0) {
+      // "chown" for a time failure is the appliance's text, kept for its log readers.
       KT_LOG_AT(site::kUtime, "Failed to chown '%s', %s", dst.c_str(), strerror(errno));
     }
   }
@@ -116,6 +119,7 @@ bool Thumb::SaveExistingThumbsToEA(std::vector<std::pair<std::string, std::strin
   try {
     ProbeTolerant(true);
   } catch (const Error&) {
+    // "extrace" is kept as the appliance writes it.
     KT_LOG_AT(site::kImportProbe, "Failed to extrace img info '%s'", path_.c_str());
     throw;
   }
@@ -155,8 +159,7 @@ void Thumb::ExtractForBatch() {
 }
 
 bool Thumb::ConvertAll() {
-  return Convert({std::string(kSizeSmall), std::string(kSizeMedium), std::string(kSizeBig),
-                  std::string(kSizeLarge), std::string(kSizeXLarge)}) > 0;
+  return Convert(std::vector<std::string>(std::begin(kConvertibleSizes), std::end(kConvertibleSizes))) > 0;
 }
 
 int Thumb::Convert(std::initializer_list<std::string> sizes) {

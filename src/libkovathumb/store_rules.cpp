@@ -6,6 +6,8 @@
 #include <string>
 #include <vector>
 
+#include "kovathumb/thumb_const.h"
+
 namespace kovathumb {
 namespace internal {
 
@@ -33,16 +35,16 @@ uint32_t Le32(const std::string& s, size_t at) {
 bool IsStorableImage(const std::string& head, const std::string& tail, off_t size,
                      const std::string& outputMime) {
   if (size <= 0 || head.size() < 8) return false;
-  const bool jpegOut = outputMime != "image/png" && outputMime != "image/gif";
+  const bool jpegOut = outputMime != kMimePng && outputMime != kMimeGif;
   if (StartsWith(head, "\xff\xd8\xff")) return jpegOut && JpegEnds(tail);
   if (StartsWith(head, "BM") && head.size() >= 6) {
     return jpegOut && Le32(head, 2) <= static_cast<uint64_t>(size);
   }
   if (StartsWith(head, "\x89PNG\r\n\x1a\n")) {
-    return outputMime == "image/png" && tail.size() >= 8 && tail.compare(tail.size() - 8, 4, "IEND") == 0;
+    return outputMime == kMimePng && tail.size() >= 8 && tail.compare(tail.size() - 8, 4, "IEND") == 0;
   }
   if (StartsWith(head, "GIF87a") || StartsWith(head, "GIF89a")) {
-    return outputMime == "image/gif" && !tail.empty() && tail.back() == ';';
+    return outputMime == kMimeGif && !tail.empty() && tail.back() == ';';
   }
   return false;
 }

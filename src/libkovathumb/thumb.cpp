@@ -12,6 +12,7 @@
 #include "kovathumb/thumb_const.h"
 #include "libkovathumb/pinned.h"
 #include "libkovathumb/thumb_shared.h"
+#include "thumb_info/thumb_info_access.h"
 #include "util/safe_fs.h"
 
 namespace kovathumb {
@@ -54,17 +55,16 @@ void Thumb::SetOption(int options) {
   originalOnlyWhenMarked_ = true;
   avatar_ = avatar;
   smallerFallback_ = (options & kThumbOptSmallerFallback) && !isVideo_;
-  info_.enableGIF_ = enableGIF_;
-  info_.cropMode_ = avatar_;
+  info_.SetEnableGIF(enableGIF_);
+  info_.SetCropMode(avatar_);
   quality_ = options & kThumbOptQuality;
   info_.SetQuality(quality_);
 }
 
-void Thumb::Rotate(int rotation) { info_.userRotate_ = rotation; }
+void Thumb::Rotate(int rotation) { info_.SetUserRotate(rotation); }
 
 void Thumb::SetSize(const std::string& size, ThumbDimension box) {
-  info_.size_ = size;
-  info_.dimension_ = box;
+  internal::ThumbInfoAccess::SetSizeAndBox(&info_, size, box);
 }
 
 void Thumb::SetSize(const std::string& size) { SetSize(size, strThumbSizeMap_.at(size)); }
@@ -104,7 +104,7 @@ std::string Thumb::CalcOutputFile() {
     if (!stale.empty()) unlink(stale.c_str());
     ProbeTolerant(true);
   }
-  if (info_.size_ == kSizeOriginal) {
+  if (info_.GetSize() == kSizeOriginal) {
     if (!info_.IsWebAcceptable()) return std::string();
     outputType_ = kThumbOutputOriginal;
     outputFile_ = path_;

@@ -8,6 +8,8 @@
 #include <cstdint>
 #include <string>
 
+#include "util/path.h"
+
 namespace kovathumb {
 namespace internal {
 
@@ -17,11 +19,6 @@ constexpr uint32_t kUnlimited = 2147483647;
 // /var/tmp for the tools' work and for staging a file before it goes live.
 constexpr char kPrivatePrefix[] = ".kovathumb-";
 constexpr char kVarTmpTemplate[] = "/var/tmp/kovathumb_XXXXXX";
-
-inline std::string BaseName(const std::string& path) {
-  const size_t slash = path.rfind('/');
-  return slash == std::string::npos ? path : path.substr(slash + 1);
-}
 
 // Whether the open file is a whole image of a type we send as `mime`.
 bool IsStorable(int fd, const struct stat64& st, const std::string& mime);

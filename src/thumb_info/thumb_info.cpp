@@ -12,27 +12,19 @@
 
 #include "kovathumb/error.h"
 #include "kovathumb/file.h"
+#include "kovathumb/thumb_const.h"
 #include "thumb_info/decisions.h"
 #include "util/log.h"
+#include "util/path.h"
 #include "util/safe_fs.h"
 
 namespace kovathumb {
 
 namespace {
 
-constexpr char kMimeJpeg[] = "image/jpeg";
-constexpr char kMimePng[] = "image/png";
-constexpr char kMimeGif[] = "image/gif";
-constexpr char kMimeBmp[] = "image/x-ms-bmp";
-
 // Exiv2's "unknown image type" and "cannot open the data source".
 constexpr int kExivUnknownType = 11;
 constexpr int kExivCannotOpen = 9;
-
-std::string BaseName(const std::string& path) {
-  size_t slash = path.rfind('/');
-  return slash == std::string::npos ? path : path.substr(slash + 1);
-}
 
 bool OddTurns(int32_t rotate, int32_t userRotate) {
   return internal::TurnSum(rotate, userRotate) & 1;
@@ -97,7 +89,7 @@ std::string ThumbInfo::PinnedSource() const {
 ThumbInfo::~ThumbInfo() = default;
 
 void ThumbInfo::ExtractImgInfo(bool withPreview) {
-  if (IsSupportVideo(BaseName(path_))) return;
+  if (IsSupportVideo(internal::BaseName(path_))) return;
 
   bool failed = false;
   int code = 0;
@@ -139,7 +131,7 @@ void ThumbInfo::ExtractImgInfo(bool withPreview) {
     }
     if (code == kExivCannotOpen) throw Error(kErrorCannotOpen, text);
     if (code != kExivUnknownType) throw Error(kErrorCannotExamine, text);
-    const std::string ext = file::GetFileExt(BaseName(path_));
+    const std::string ext = file::GetFileExt(internal::BaseName(path_));
     if (ext == "heif" || ext == "heic" || (quality_ && ext == "hif")) {
       CheckAndGetHeif();
       if (IsHeic()) return;

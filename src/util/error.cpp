@@ -5,6 +5,8 @@
 namespace kovathumb {
 
 namespace {
+// With no message the text ends in the blank ("(E602) "): kept as the
+// appliance writes it.
 std::string Text(int code, const std::string& message) {
   return "(E" + std::to_string(code) + ") " + message;
 }

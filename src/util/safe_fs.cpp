@@ -267,5 +267,17 @@ ssize_t ReadAt(int fd, char* buf, size_t size, off_t offset) {
   return static_cast<ssize_t>(done);
 }
 
+bool WriteAll(int fd, const void* data, size_t size) {
+  const char* p = static_cast<const char*>(data);
+  while (size > 0) {
+    const ssize_t n = write(fd, p, size);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) return false;
+    p += n;
+    size -= static_cast<size_t>(n);
+  }
+  return true;
+}
+
 }  // namespace safe_fs
 }  // namespace kovathumb

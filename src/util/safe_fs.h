@@ -109,6 +109,9 @@ std::vector<Entry> ListRegular(int dir);
 
 // Up to `size` bytes at `offset`; the count read, or -1.
 ssize_t ReadAt(int fd, char* buf, size_t size, off_t offset);
+// All `size` bytes, going on after interruptions and short writes; false
+// when a write fails or writes nothing.
+bool WriteAll(int fd, const void* data, size_t size);
 
 }  // namespace safe_fs
 }  // namespace kovathumb

@@ -6,6 +6,7 @@
 #include <string>
 
 #include "kovathumb/thumb_info.h"
+#include "thumb_info/thumb_info_access.h"
 
 namespace kovathumb {
 
@@ -15,14 +16,13 @@ struct ThumbInfoTestAccess {
                         const std::string& size, ThumbDimension box,
                         const std::string& path = "/etc/passwd") {
     ThumbInfo info(path, size, box);
-    info.mimeType_ = mime;
-    info.width_ = w;
-    info.height_ = h;
-    info.rotate_ = rotate;
-    info.good_ = true;
+    internal::ThumbInfoAccess::SetProbed(&info, mime, w, h, rotate, false);
     return info;
   }
-  static void SetFlop(ThumbInfo* info, bool flop) { info->flop_ = flop; }
+  static void SetFlop(ThumbInfo* info, bool flop) {
+    internal::ThumbInfoAccess::SetProbed(info, info->GetMimeType(), info->GetWidth(), info->GetHeight(),
+                                         info->GetRotate(), flop);
+  }
 };
 
 }  // namespace kovathumb

@@ -17,12 +17,6 @@ namespace tool {
 
 namespace {
 
-int WallSeconds() {
-  const char* v = getenv("KOVAPLATFORM_CHILD_WALL_SECONDS");  // tests shorten it
-  const int n = v != nullptr ? atoi(v) : 0;
-  return n > 0 ? n : KOVA_CHILD_WALL_SECONDS;
-}
-
 bool WriteAll(int fd, const char* p, size_t n) {
   while (n > 0) {
     const ssize_t w = write(fd, p, n);
@@ -61,7 +55,7 @@ int RunBounded(const std::function<int()>& request, const std::string& timedOut,
     _exit(status);
   }
   close(fds[1]);
-  const time_t deadline = time(nullptr) + WallSeconds();
+  const time_t deadline = time(nullptr) + KOVAChildWallSeconds();
   bool relayed = false, writable = true, timeout = false;
   char buf[65536];
   for (;;) {

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cstring>
 #include <iostream>
+#include <iterator>
 #include <memory>
 #include <sstream>
 
@@ -38,7 +39,7 @@ int RunMake(const MakeArgs& args) {
   }
   CheckSizes(sizes);
   if (args.all || (sizes.empty() && boxes.empty())) {
-    sizes = {kSizeSmall, kSizeMedium, kSizeBig, kSizeLarge, kSizeXLarge};
+    sizes.assign(std::begin(kConvertibleSizes), std::end(kConvertibleSizes));
   }
   int status = kExitOk;
   for (const std::string& path : args.files) {

@@ -15,6 +15,7 @@
 
 #include <stddef.h>
 #include <stdio.h>
+#include <stdlib.h>
 
 #if defined(KOVAPLATFORM_BUILDING)
 #define KOVAPLATFORM_EXPORT __attribute__((visibility("default")))
@@ -107,6 +108,15 @@ KOVAPLATFORM_EXPORT int KOVAFileCopy(const char* src, const char* dst,
 // A waited-for child still running after this many seconds is killed
 // (KOVAPLATFORM_CHILD_WALL_SECONDS in the environment overrides it).
 #define KOVA_CHILD_WALL_SECONDS 300
+
+// The wall-time limit in force: a positive KOVAPLATFORM_CHILD_WALL_SECONDS
+// (tests shorten it), else KOVA_CHILD_WALL_SECONDS. Inline, so that programs
+// linked with the appliance's own library read it the same way.
+static inline int KOVAChildWallSeconds(void) {
+  const char* v = getenv("KOVAPLATFORM_CHILD_WALL_SECONDS");
+  const int n = v != NULL ? atoi(v) : 0;
+  return n > 0 ? n : KOVA_CHILD_WALL_SECONDS;
+}
 
 // Runs `path` with the null-terminated argument vector `argv` (argv[0] is
 // the name the program sees). With `wait` 1, waits for the child and returns

@@ -1,4 +1,4 @@
-// Orientation from EXIF (with maker-note fallbacks) and the embedded preview.
+// The embedded preview: which one makes a thumbnail, and reading it out.
 // Everything here runs under ThumbInfo::exiv2_mutex_, taken by ExtractImgInfo.
 //
 // Exiv2's preview reader can loop and grow without end on a crafted file, so
@@ -6,7 +6,6 @@
 // which hands back only the chosen preview's bytes.
 #include <errno.h>
 #include <fcntl.h>
-#include <limits.h>
 #include <poll.h>
 #include <signal.h>
 #include <stdlib.h>
@@ -22,53 +21,16 @@
 
 #include "convert_cmd/tool_files.h"
 #include "kovaplatform/kovaplatform.h"
+#include "kovathumb/thumb_const.h"
 #include "kovathumb/thumb_info.h"
 #include "libkovathumb/quality.h"
 #include "thumb_info/decisions.h"
 #include "util/log.h"
+#include "util/safe_fs.h"
 
 namespace kovathumb {
 
-const Exiv2::ExifKey ThumbInfo::stdOrientationKey("Exif.Image.Orientation");
-
-// The first key present wins, so the repeated Sony key never changes a result.
-const std::vector<Exiv2::ExifKey> ThumbInfo::orientationKeyList_ = {
-    Exiv2::ExifKey("Exif.Panasonic.Rotation"),     Exiv2::ExifKey("Exif.MinoltaCs5D.Rotation"),
-    Exiv2::ExifKey("Exif.MinoltaCs5D.Rotation2"),  Exiv2::ExifKey("Exif.MinoltaCs7D.Rotation"),
-    Exiv2::ExifKey("Exif.Sony1MltCsA100.Rotation"), Exiv2::ExifKey("Exif.Sony1Cs.Rotation"),
-    Exiv2::ExifKey("Exif.Sony2Cs.Rotation"),       Exiv2::ExifKey("Exif.Sony1Cs2.Rotation"),
-    Exiv2::ExifKey("Exif.Sony2Cs2.Rotation"),      Exiv2::ExifKey("Exif.Sony1MltCsA100.Rotation"),
-};
-
-// Indexed by EXIF orientation - 1: (clockwise quarter turns, mirror).
-const std::vector<std::pair<int, bool>> ThumbInfo::rotateFlopMappingList_ = {
-    {0, false}, {0, true}, {2, false}, {2, true}, {1, true}, {1, false}, {3, true}, {3, false},
-};
-
 namespace internal {
-
-namespace {
-
-// As std::stoi reads a number, without its exceptions.
-bool ParseInt(const std::string& text, int* value) {
-  errno = 0;
-  char* end = nullptr;
-  const long v = strtol(text.c_str(), &end, 10);
-  if (end == text.c_str() || errno == ERANGE || v < INT_MIN || v > INT_MAX) return false;
-  *value = static_cast<int>(v);
-  return true;
-}
-
-}  // namespace
-
-int OrientationIndex(const std::string* standard, const std::string* makerNote) {
-  if (standard == nullptr) return 0;
-  int orientation = 0;
-  const std::string* text = *standard != "1" ? standard : makerNote;
-  if (text == nullptr || !ParseInt(*text, &orientation)) return 0;
-  const uint32_t index = static_cast<uint32_t>(orientation) - 1U;
-  return index > 7U ? 0 : static_cast<int>(index);
-}
 
 int ChoosePreview(const std::vector<PreviewProps>& previews, const std::string& sourceMime,
                   ThumbDimension box) {
@@ -80,7 +42,7 @@ int ChoosePreview(const std::vector<PreviewProps>& previews, const std::string& 
   uint32_t bestArea = 0;
   for (size_t i = 0; i < previews.size(); ++i) {
     const PreviewProps& p = previews[i];
-    if (p.mimeType == "image/tiff" && sourceMime == "image/x-canon-cr2") continue;
+    if (p.mimeType == kMimeTiff && sourceMime == "image/x-canon-cr2") continue;
     if (p.width > maxW && p.height > maxH) continue;
     const uint32_t area = p.width * p.height;
     if (best < 0 || area > bestArea) {
@@ -95,22 +57,6 @@ int ChoosePreview(const std::vector<PreviewProps>& previews, const std::string& 
 }
 
 }  // namespace internal
-
-int ThumbInfo::ResolveOrientationIndex(Exiv2::Image& image) const {
-  Exiv2::ExifData& exif = image.exifData();
-  Exiv2::ExifData::iterator it = exif.findKey(stdOrientationKey);
-  if (it == exif.end()) return internal::OrientationIndex(nullptr, nullptr);
-  const std::string standard = it->toString();
-  if (standard != "1") return internal::OrientationIndex(&standard, nullptr);
-  for (const Exiv2::ExifKey& key : orientationKeyList_) {
-    Exiv2::ExifData::iterator mk = exif.findKey(key);
-    if (mk != exif.end()) {
-      const std::string makerNote = mk->toString();
-      return internal::OrientationIndex(&standard, &makerNote);
-    }
-  }
-  return internal::OrientationIndex(&standard, nullptr);
-}
 
 namespace {
 
@@ -136,17 +82,7 @@ class ChildExiv2Error : public Exiv2::AnyError {
 // 64-bit length and its bytes.
 enum : char { kNone = 0, kFound = 1, kFailed = 2 };
 
-bool WriteAll(int fd, const void* data, size_t size) {
-  const char* p = static_cast<const char*>(data);
-  while (size > 0) {
-    const ssize_t n = write(fd, p, size);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) return false;
-    p += n;
-    size -= static_cast<size_t>(n);
-  }
-  return true;
-}
+using safe_fs::WriteAll;
 
 bool WriteString(int fd, const std::string& s) {
   const uint64_t n = s.size();
@@ -282,13 +218,8 @@ void ThumbInfo::ExtractEXIFPreviewInfo(const std::auto_ptr<Exiv2::Image>& image)
   }
   bool written = false;
   if (fd >= 0) {
-    written = !data.empty();  // an empty preview is no preview
-    for (size_t done = 0; written && done < data.size();) {
-      const ssize_t n = write(fd, data.data() + done, data.size() - done);
-      if (n < 0 && errno == EINTR) continue;
-      written = n > 0;
-      if (written) done += static_cast<size_t>(n);
-    }
+    // An empty preview is no preview.
+    written = !data.empty() && WriteAll(fd, data.data(), data.size());
     if (close(fd) != 0) written = false;
   }
   if (written) {

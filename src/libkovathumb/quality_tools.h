@@ -1,0 +1,86 @@
+// Quality mode's tools: the private directory their outputs go to, what a
+// thumbnail is made from, and the runs of djpeg, cjpeg, ImageMagick, dcraw
+// and heif-convert that make it. Thumb's quality members (quality.cpp)
+// decide which of these to run.
+#ifndef KOVATHUMB_LIBKOVATHUMB_QUALITY_TOOLS_H_
+#define KOVATHUMB_LIBKOVATHUMB_QUALITY_TOOLS_H_
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <string>
+
+#include "kovathumb/thumb_info.h"
+#include "libkovathumb/quality.h"
+#include "util/safe_fs.h"
+
+namespace kovathumb {
+namespace internal {
+
+// A directory only we can write, for the tools' outputs; removed with its
+// files when done. Tools reach it through our descriptor, so renaming it
+// or planting links beside it changes nothing.
+class QualityWorkDir {
+ public:
+  // In the EA directory open at `ea`, else (-1) under /var/tmp.
+  explicit QualityWorkDir(int ea) {
+    if (ea >= 0) {
+      dir_.Create(ea, ".kovathumb_q.");
+    } else {
+      dir_.CreateAt("/var/tmp/kovathumb_q.XXXXXX");
+    }
+  }
+  QualityWorkDir(const QualityWorkDir&) = delete;
+  QualityWorkDir& operator=(const QualityWorkDir&) = delete;
+
+  bool ok() const { return dir_.valid(); }
+  int fd() const { return dir_.fd(); }
+  // A file in the directory, by a path the tools and we can both open.
+  std::string File(const std::string& name) const { return dir_.ToolPath(name); }
+  // Whether `name` is a non-empty regular file here.
+  bool Has(const std::string& name) const {
+    struct stat64 st;
+    safe_fs::Fd f = safe_fs::OpenRegularAt(dir_.fd(), name, &st);
+    return f.valid() && st.st_size > 0;
+  }
+  // A second name for `from`, replacing `to`.
+  bool Link(const std::string& from, const std::string& to) const {
+    unlinkat(dir_.fd(), to.c_str(), 0);
+    return linkat(dir_.fd(), from.c_str(), dir_.fd(), to.c_str(), 0) == 0;
+  }
+
+ private:
+  safe_fs::PrivateDir dir_;
+};
+
+// What a thumbnail is made from.
+struct QualityInput {
+  std::string path;
+  std::string coder;  // ImageMagick's reader
+  int rotate;         // quarter turns, a mirror, then the user's quarter turns
+  bool flop;
+  int userRotate;
+};
+
+// Scales `in` into `box` (filling it, centred, with `crop`), turns it
+// upright, converts it to sRGB and writes `outName` in `wd` as `outMime`.
+// With `keep`, the upright pixels are left there when they passed through
+// this process (a plain JPEG to a JPEG), for smaller sizes to come.
+bool MakeQualityThumb(const QualityInput& in, ThumbDimension box, bool crop, const std::string& outMime,
+                      const QualityWorkDir& wd, const std::string& outName, Pixels* keep);
+
+// Writes `pixels` as the JPEG `outName` in `wd`.
+bool EncodeQualityJpeg(const Pixels& pixels, const QualityWorkDir& wd, const std::string& outName);
+
+// The raw `source`'s embedded preview, as dcraw hands it out, written to
+// `name` in `wd`; false when there is none.
+bool ExtractRawPreview(const std::string& source, const QualityWorkDir& wd, const std::string& name);
+
+// The HEIF `source` decoded (and turned, as the file says) to the JPEG
+// `name` in `wd`.
+bool DecodeHeif(const std::string& source, const QualityWorkDir& wd, const std::string& name);
+
+}  // namespace internal
+}  // namespace kovathumb
+
+#endif  // KOVATHUMB_LIBKOVATHUMB_QUALITY_TOOLS_H_
