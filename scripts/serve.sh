@@ -62,7 +62,7 @@ case "${1:-}" in
     # One FastCGI responder (its own supervisor of workers) per URL prefix.
     fastcgi() {
       printf '"%s" => (( "bin-path" => "%s", "socket" => "%s", "max-procs" => 1, "check-local" => "disable",
-        "bin-environment" => ("KOVATHUMB_ROOT" => "%s", "KOVATHUMB_SENDFILE_DIR" => "%s", "KOVATHUMB_FCGI_WORKERS" => "%s"),
+        "bin-environment" => ("KOVATHUMB_ROOT" => "%s", "KOVATHUMB_SENDFILE_DIR" => "%s", "KOVATHUMB_FCGI_WORKERS" => "%s", "LD_BIND_NOW" => "1"),
         "x-sendfile" => "enable", "x-sendfile-docroot" => ("%s") ))' \
         "$1" "$fcgi" "$state/fcgi$2.sock" "$root" "$state/sendfile" "${KOVATHUMB_FCGI_WORKERS:-4}" "$state/sendfile"
     }
