@@ -82,8 +82,8 @@ TEST_P(ServerTest, AnswersThumbnailsAndRefusesWhatItMust) {
   EXPECT_EQ(head.body, "");
   // A stored thumbnail, sent again as it was stored (by the FastCGI
   // endpoint, through X-Sendfile, which the client never sees).
-  test::Response made = Http(port_, "GET", "/thumb?path=album/p%201.jpg&size=big&quality=0");
-  test::Response stored = Http(port_, "GET", "/thumb?path=album/p%201.jpg&size=big&quality=0");
+  test::Response made = Http(port_, "GET", "/thumb?path=album/p%201.jpg&size=medium&quality=0");
+  test::Response stored = Http(port_, "GET", "/thumb?path=album/p%201.jpg&size=medium&quality=0");
   EXPECT_EQ(stored.status, 200);
   EXPECT_EQ(stored.body, made.body);
   EXPECT_EQ(stored.headers["etag"], made.headers["etag"]);
