@@ -17,9 +17,9 @@
 # address on start.
 #
 # lighttpd, and so the endpoint, runs as the user who starts this script:
-# on the appliance that is root, because the CGI stores root-owned
+# on the appliance that is root, because the endpoint stores root-owned
 # thumbnails into the EA directories of folders that users own. That is safe
-# because the CGI opens every request's path beneath the root without
+# because it opens every request's path beneath the root without
 # following any link and reads only the file it checked (the library follows
 # no link inside EA directories either); see docs/RELIABILITY.md.
 set -euo pipefail
@@ -60,6 +60,8 @@ case "${1:-}" in
     rm -rf "$state/sendfile"
     mkdir -m 0700 "$state/sendfile"
     # One FastCGI responder (its own supervisor of workers) per URL prefix.
+    # The library forks a bounded child on every request: with every symbol
+    # bound once at start (LD_BIND_NOW), no child binds them again.
     fastcgi() {
       printf '"%s" => (( "bin-path" => "%s", "socket" => "%s", "max-procs" => 1, "check-local" => "disable",
         "bin-environment" => ("KOVATHUMB_ROOT" => "%s", "KOVATHUMB_SENDFILE_DIR" => "%s", "KOVATHUMB_FCGI_WORKERS" => "%s", "LD_BIND_NOW" => "1"),
