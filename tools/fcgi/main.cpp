@@ -186,6 +186,7 @@ int main(int argc, char** argv) {
     }
   } else if (FCGX_IsCGI()) {
     // No socket: one CGI request, answered the same way.
+    kovathumb::tool::LimitAddressSpace();
     const int out = dup(1);
     fcgi::Responder responder(&handover);
     responder.Answer(kovathumb::cgi::ParamsFromEnvironment(), [out](const char* p, size_t n) {

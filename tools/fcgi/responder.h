@@ -1,6 +1,9 @@
 // One FastCGI worker's answering: the shared checks, then a stored
 // thumbnail straight from this process, anything else (conversions, lists)
-// in a bounded child, as kovathumb-cgi answers.
+// in a bounded child, as kovathumb-cgi answers. The library's probe of the
+// source for a stored answer runs in the worker, under the tools' address
+// space limit and an alarm of a request's wall time: a crash or hang there
+// ends the worker and its one request, and the supervisor starts another.
 //
 // Stored thumbnails are handed to the web server with X-Sendfile, which
 // reopens the file by name. Every name above an EA directory is in folders
@@ -8,9 +11,10 @@
 // lead elsewhere before the server opens it. So the web server is never
 // given a path in the tree: the bytes of the file the library checked, read
 // through the descriptor it checked, are copied into a private directory no
-// one else may write, and that copy's name is handed over. Copies are
-// removed a few dozen requests later; one gone too early costs an error,
-// never another file. Everything else, the sources themselves included, is
+// one else may write, and that copy's name is handed over. Names are
+// never reused, and a copy is removed sixteen of its worker's requests
+// later (the server opens it when it reads the headers): one gone too early
+// costs an error, never another file. Everything else, the sources themselves included, is
 // streamed through the socket.
 #ifndef KOVATHUMB_TOOLS_FCGI_RESPONDER_H_
 #define KOVATHUMB_TOOLS_FCGI_RESPONDER_H_
@@ -42,7 +46,7 @@ class Handover {
   void Forget(pid_t pid);
 
  private:
-  static constexpr unsigned long kKept = 64;
+  static constexpr unsigned long kKept = 16;
   std::string dir_;
   int fd_ = -1;
   unsigned long made_ = 0;
