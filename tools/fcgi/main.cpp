@@ -52,9 +52,10 @@ int Work(int listenfd, Handover* handover) {
   FCGX_Request req;
   if (FCGX_InitRequest(&req, listenfd, 0) != 0) return 1;
   while (FCGX_Accept_r(&req) >= 0) {
-    responder.Answer(ParamsOf(req.envp), [&req](const char* p, size_t n) {
-      return FCGX_PutStr(p, static_cast<int>(n), req.out) == static_cast<int>(n);
-    });
+    responder.Answer(
+        ParamsOf(req.envp),
+        [&req](const char* p, size_t n) { return FCGX_PutStr(p, static_cast<int>(n), req.out) == static_cast<int>(n); },
+        {listenfd, req.ipcFd});
     FCGX_Finish_r(&req);
     if (Responder::Resident() > kMaxResident) return 0;
   }

@@ -184,7 +184,7 @@ bool Responder::AnswerStored(const cgi::Params& params, const cgi::Checked& chec
   return true;
 }
 
-void Responder::Answer(const cgi::Params& params, const Sink& sink) {
+void Responder::Answer(const cgi::Params& params, const Sink& sink, std::initializer_list<int> sockets) {
   Environ(params);
   Rewind();
   // A hang in this process ends it, and with it this request only: the
@@ -199,8 +199,15 @@ void Responder::Answer(const cgi::Params& params, const Sink& sink) {
   alarm(0);
   if (serve) {
     Rewind();
-    tool::RunBounded([&] { return cgi::Serve(params, checked); }, cgi::BusyAnswer(params),
-                     cgi::FailedAnswer(params), sink);
+    const pid_t self = getpid();
+    tool::RunBounded(
+        [&] {
+          if (getpid() != self) {  // not where no child could be made
+            for (int fd : sockets) close(fd);
+          }
+          return cgi::Serve(params, checked);
+        },
+        cgi::BusyAnswer(params), cgi::FailedAnswer(params), sink);
   }
   // Check's answer, or the request's own where no child could be made.
   fflush(stdout);

@@ -22,6 +22,7 @@
 #include <sys/types.h>
 
 #include <functional>
+#include <initializer_list>
 #include <string>
 
 #include "cgi/answer.h"
@@ -56,8 +57,11 @@ class Responder {
  public:
   // Standard output becomes this responder's buffer from here on.
   explicit Responder(Handover* handover);
-  // Answers one request to `sink`, with a complete response.
-  void Answer(const cgi::Params& params, const Sink& sink);
+  // Answers one request to `sink`, with a complete response. A child
+  // closes `sockets` (the listening socket and the request's connection),
+  // so that only this process answers there and a worker that dies ends
+  // its request at once.
+  void Answer(const cgi::Params& params, const Sink& sink, std::initializer_list<int> sockets = {});
   // This process's resident memory in bytes.
   static size_t Resident();
 
