@@ -31,7 +31,7 @@ set(CPACK_COMPONENT_DEV_DESCRIPTION "thumbnail library: headers, pkg-config and 
 
 set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME kovathumb)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "libkovathumb${_so} (= ${PROJECT_VERSION})")
-set(CPACK_COMPONENT_TOOLS_DESCRIPTION "thumbnail command-line program and CGI endpoint")
+set(CPACK_COMPONENT_TOOLS_DESCRIPTION "thumbnail command-line program, CGI and FastCGI endpoints")
 
 set(CPACK_DEBIAN_WEB_PACKAGE_NAME kovathumb-web)
 set(CPACK_DEBIAN_WEB_PACKAGE_ARCHITECTURE all)

@@ -1,14 +1,14 @@
 #!/usr/bin/env bash
 # The demo: installs, builds, makes a tree of sample photos (and a video),
-# indexes it, and serves a gallery of it through lighttpd and kovathumb-cgi
-# on 127.0.0.1.
+# indexes it, and serves a gallery of it through lighttpd and kovathumb-fcgi
+# (KOVATHUMB_ENDPOINT=cgi: kovathumb-cgi) on 127.0.0.1.
 #
 #   scripts/demo.sh [PORT]   start (default port 8080; 0 picks a free one)
 #   scripts/demo.sh stop     stop the web server
 #
-# The web server and kovathumb-cgi run as the user who starts the demo. As
+# The web server and the endpoint run as the user who starts the demo. As
 # root (the appliance's way) thumbnails are stored root-owned in the EA
-# directories; the CGI follows no link in the served tree, so users who write
+# directories; the endpoint follows no link in the served tree, so users who write
 # there cannot make root read or write outside it. serve.sh prints which
 # user that is when it starts.
 set -euo pipefail
@@ -28,7 +28,7 @@ if [ "$port" != 0 ] && (exec 3<>"/dev/tcp/127.0.0.1/$port") 2>/dev/null; then
 fi
 scripts/install-deps.sh
 # Only what the demo runs: the programs and the sample maker.
-BUILD_TARGETS="kovathumb_cli kovathumb_cgi kovathumb_make_dng" scripts/build.sh
+BUILD_TARGETS="kovathumb_cli kovathumb_cgi kovathumb_fcgi kovathumb_make_dng" scripts/build.sh
 rm -rf build/samples
 samples=$(MAKE_DNG="$PWD/build/tests/kovathumb_make_dng" scripts/make-samples.sh build/samples)
 echo "Sample tree: $samples"

@@ -9,7 +9,7 @@ packages=(
   libexiv2-dev libheif-dev libcli11-dev nlohmann-json3-dev libgtest-dev
   imagemagick libjpeg-turbo-progs dcraw colord-data
   exiv2 libheif-examples libimage-exiftool-perl libvips-tools
-  lighttpd ffmpeg chromium curl
+  lighttpd libfcgi-dev ffmpeg chromium curl
   clang libclang-rt-14-dev valgrind wrk
 )
 

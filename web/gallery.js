@@ -1,4 +1,4 @@
-// The gallery: a grid of "medium" thumbnails from kovathumb-cgi, lazily
+// The gallery: a grid of "medium" thumbnails from the thumbnail endpoint, lazily
 // loaded; a click (or Enter) opens the "large" one. A thumbnail that fails
 // shows a placeholder. The list comes page by page, so a large tree neither
 // arrives at once nor blocks the page. ?eager=1 loads every thumbnail at

@@ -35,8 +35,10 @@ trap remove EXIT
 fail() { echo "FAIL: $*"; exit 1; }
 version=$(sed -n 's/^project(kovathumb VERSION \([0-9.]*\).*/\1/p' "$src/CMakeLists.txt")
 [ "$(/usr/bin/kovathumb --version)" = "kovathumb $version" ] || fail "kovathumb --version"
-[ "$(/usr/bin/kovathumb-cgi --version)" = "kovathumb-cgi $version" ] || fail "kovathumb-cgi --version"
-for page in kovathumb kovathumb-cgi; do
+for prog in kovathumb-cgi kovathumb-fcgi; do
+  [ "$(/usr/bin/$prog --version)" = "$prog $version" ] || fail "$prog --version"
+done
+for page in kovathumb kovathumb-cgi kovathumb-fcgi; do
   [ -f "/usr/share/man/man1/$page.1.gz" ] || [ -f "/usr/share/man/man1/$page.1" ] || fail "no manual page $page"
 done
 ls /usr/lib/"$multiarch"/kovathumb/"$version"/libkovathumb_heif.so >/dev/null || fail "HEIF module"

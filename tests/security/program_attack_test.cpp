@@ -21,9 +21,13 @@ namespace {
 
 using test::Quote;
 
-test::Response Cgi(const std::string& root, const std::string& query) {
+// `bin` answering one CGI request; kovathumb-fcgi, run so, hands stored
+// thumbnails over as copies in `sendfile`.
+test::Response Cgi(const std::string& root, const std::string& query, const char* bin = KOVATHUMB_CGI_BIN,
+                   const std::string& sendfile = "") {
   return test::ParseResponse(test::Capture("REQUEST_METHOD=GET KOVATHUMB_ROOT=" + Quote(root) + " QUERY_STRING=" +
-                                           Quote(query) + " " KOVATHUMB_CGI_BIN " 2>/dev/null"));
+                                           Quote(query) + " KOVATHUMB_SENDFILE_DIR=" + Quote(sendfile) + " " +
+                                           bin + " 2>/dev/null"));
 }
 
 // Swaps two names atomically, as the attacker's loop does.
@@ -62,17 +66,35 @@ class ProgramAttackRootTest : public ::testing::Test {
 };
 
 TEST_F(ProgramAttackRootTest, LinksInRequestPathsAndListsAreRefused) {
+  // A stored thumbnail's name planted as a link to the secret.
+  const std::string m = t_.mine, secret = t_.secret;
+  ASSERT_TRUE(test::AsAttacker([=] {
+    return mkdir((m + "/.kovaea").c_str(), 0755) == 0 && mkdir((m + "/.kovaea/keep.jpg").c_str(), 0755) == 0 &&
+           symlink(secret.c_str(), (m + "/.kovaea/keep.jpg/KOVAFILE_THUMB_S.jpg").c_str()) == 0;
+  }));
   EXPECT_EQ(Cgi(t_.tree, "path=alice/keep.jpg&size=small").status, 200);
+  const std::string sendfile = t_.top / "sendfile";
+  ASSERT_EQ(mkdir(sendfile.c_str(), 0700), 0);
   const std::pair<const char*, int> paths[] = {
       {"alice/out.jpg", 403}, {"alice/sib/p.jpg", 403}, {"alice/up/secret.jpg", 403}, {"alice/in.jpg", 403},
       {"../tree2/p.jpg", 403}, {"alice/../../tree2/p.jpg", 403}, {"alice/x/p.jpg", 403},
       {"alice/.kovaea/keep.jpg/KOVAFILE_THUMB_S.jpg", 403}, {"/etc/passwd", 400}, {"alice/none.jpg", 404},
-      {"alice/d", 404}, {"alice/keep.jpg/x.jpg", 404}};
-  for (const auto& c : paths) {
-    const test::Response r = Cgi(t_.tree, std::string("path=") + c.first + "&size=small");
-    EXPECT_EQ(r.status, c.second) << c.first;
-    EXPECT_FALSE(t_.Leaks(r.raw)) << c.first;
+      {"alice/d", 404}, {"alice/keep.jpg/x.jpg", 404}, {"alice/keep.jpg&quality=0", 200},
+      {"alice/d/p.jpg&quality=0", 200}};
+  for (const char* bin : {KOVATHUMB_CGI_BIN, KOVATHUMB_FCGI_BIN}) {
+    for (const auto& c : paths) {
+      test::Response r = Cgi(t_.tree, std::string("path=") + c.first + "&size=small", bin, sendfile);
+      EXPECT_EQ(r.status, c.second) << c.first << " " << bin;
+      EXPECT_FALSE(t_.Leaks(r.raw)) << c.first << " " << bin;
+      // Only ever a private copy, never the secret's bytes.
+      const std::string handed = r.headers["x-sendfile"];
+      EXPECT_TRUE(handed.empty() || (handed.compare(0, sendfile.size() + 1, sendfile + "/") == 0 &&
+                                     !t_.Leaks(test::ReadFile(handed)) && !test::ReadFile(handed).empty()))
+          << c.first << ": " << handed;
+    }
   }
+  // Handed over: what the CGI stored, over the planted link too.
+  EXPECT_EQ(test::ListDir(sendfile).size(), 2u);
   const test::Response list = Cgi(t_.tree, "list=1");
   EXPECT_NE(list.body.find("\"alice/keep.jpg\""), std::string::npos);
   for (const char* name : {"out.jpg", "sib", "up/", "in.jpg", "x.jpg", "x/"}) {

@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Loads the gallery in headless Chromium against lighttpd and kovathumb-cgi,
+# Loads the gallery in headless Chromium against lighttpd and kovathumb-fcgi,
 # over a sample tree with three broken files listed a few files a page, and
 # checks that the page settles with every good thumbnail decoded and exactly
 # the broken ones unavailable. Saves a screenshot as OUT_DIR/gallery.png.
@@ -19,7 +19,7 @@ printf 'not a photo' >"$out/samples/broken/text.jpg"
 head -c 300 "$(find "$out/samples" -name '*.png' | head -1)" >"$out/samples/broken/cut.png"
 : >"$out/samples/broken/empty.heic"
 "$build/tools/kovathumb" index --no-progress -j 2 "$out/samples" >/dev/null || true
-export SERVE_DIR="$out/server" KOVATHUMB_CGI="$build/tools/kovathumb-cgi"
+export SERVE_DIR="$out/server" KOVATHUMB_CGI="$build/tools/kovathumb-cgi" KOVATHUMB_FCGI="$build/tools/kovathumb-fcgi"
 url=$("$src/scripts/serve.sh" start "$out/samples" 0)
 trap '"$src/scripts/serve.sh" stop' EXIT
 

@@ -1,8 +1,15 @@
-// kovathumb-cgi behind the real lighttpd, on a loopback port chosen now;
-// the request parser's own refusals are pinned by its tests.
+// Both thumbnail endpoints behind the real lighttpd, on a loopback port
+// chosen now; the request parser's own refusals are pinned by its tests.
+#include <signal.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
+
+#include <algorithm>
+#include <fstream>
+#include <map>
+#include <sstream>
+#include <thread>
 
 #include "support/http.h"
 #include "support/test_util.h"
@@ -13,7 +20,22 @@ namespace {
 using test::Http;
 using test::Quote;
 
-class ServerTest : public ::testing::Test {
+// The processes whose parent is `pid`, and a process's resident KiB.
+std::vector<int> Children(int pid) {
+  std::istringstream in(test::Capture("pgrep -P " + std::to_string(pid)));
+  std::vector<int> out;
+  for (int p; in >> p;) out.push_back(p);
+  return out;
+}
+long ResidentKiB(int pid) {
+  std::ifstream in("/proc/" + std::to_string(pid) + "/status");
+  for (std::string line; std::getline(in, line);) {
+    if (line.compare(0, 6, "VmRSS:") == 0) return std::atol(line.c_str() + 6);
+  }
+  return -1;
+}
+
+class ServerTest : public ::testing::TestWithParam<const char*> {
  protected:
   void SetUp() override {
     if (test::Sh("command -v lighttpd >/dev/null") != 0) GTEST_SKIP() << "lighttpd is not installed";
@@ -29,13 +51,21 @@ class ServerTest : public ::testing::Test {
   void TearDown() override {
     if (port_ > 0) test::Sh(Env() + " " KOVATHUMB_SOURCE_DIR "/scripts/serve.sh stop");
   }
-  std::string Env() const { return "SERVE_DIR=" + Quote(dir_ / "server") + " KOVATHUMB_CGI=" + Quote(KOVATHUMB_CGI_BIN); }
+  std::string Env() const {
+    return "SERVE_DIR=" + Quote(dir_ / "server") + " KOVATHUMB_CGI=" + Quote(KOVATHUMB_CGI_BIN) +
+           " KOVATHUMB_FCGI=" + Quote(KOVATHUMB_FCGI_BIN) + " KOVATHUMB_FCGI_WORKERS=2 KOVATHUMB_ENDPOINT=" + GetParam();
+  }
+  // kovathumb-fcgi's workers, under its supervisor under lighttpd.
+  std::vector<int> Workers() const {
+    const std::vector<int> top = Children(std::atoi(test::ReadFile(dir_ / "server/lighttpd.pid").c_str()));
+    return top.size() == 1 ? Children(top[0]) : std::vector<int>();
+  }
   test::TempDir dir_;
   std::string root_ = dir_ / "photos";
   int port_ = 0;
 };
 
-TEST_F(ServerTest, AnswersThumbnailsAndRefusesWhatItMust) {
+TEST_P(ServerTest, AnswersThumbnailsAndRefusesWhatItMust) {
   test::Response ok = Http(port_, "GET", "/thumb?path=album/p%201.jpg&size=small");
   ASSERT_EQ(ok.status, 200) << ok.raw.substr(0, 300);
   EXPECT_EQ(ok.headers["cache-control"], "max-age=300, must-revalidate");
@@ -50,6 +80,15 @@ TEST_F(ServerTest, AnswersThumbnailsAndRefusesWhatItMust) {
   test::Response head = Http(port_, "HEAD", "/thumb?path=album/p%201.jpg&size=small");
   EXPECT_EQ(head.status, 200);
   EXPECT_EQ(head.body, "");
+  // A stored thumbnail, sent again as it was stored (by the FastCGI
+  // endpoint, through X-Sendfile, which the client never sees).
+  test::Response made = Http(port_, "GET", "/thumb?path=album/p%201.jpg&size=medium&quality=0");
+  test::Response stored = Http(port_, "GET", "/thumb?path=album/p%201.jpg&size=medium&quality=0");
+  EXPECT_EQ(stored.status, 200);
+  EXPECT_EQ(stored.body, made.body);
+  EXPECT_EQ(stored.headers["etag"], made.headers["etag"]);
+  EXPECT_EQ(stored.headers.count("x-sendfile"), 0u);
+  EXPECT_EQ(test::ListDir(dir_ / "server/sendfile").size(), GetParam() == std::string("fcgi") ? 1u : 0u);
   test::Response post = Http(port_, "POST", "/thumb?path=album/p%201.jpg&size=small", "Content-Length: 0\r\n");
   EXPECT_EQ(post.status, 405);
   EXPECT_EQ(post.headers["allow"], "GET, HEAD");
@@ -65,6 +104,53 @@ TEST_F(ServerTest, AnswersThumbnailsAndRefusesWhatItMust) {
   EXPECT_EQ(list.body.find("leak"), std::string::npos);
   EXPECT_EQ(Http(port_, "GET", "/").status, 200);
 }
+
+INSTANTIATE_TEST_SUITE_P(Endpoints, ServerTest, ::testing::Values("cgi", "fcgi"));
+
+using FcgiTest = ServerTest;
+
+TEST_P(FcgiTest, WorkersKilledMidRequestAreReplacedAndMemoryStaysFlat) {
+  const std::vector<int> first = Workers();
+  ASSERT_EQ(first.size(), 2u);
+  int cut = 0;
+  std::thread slow([&] { cut = Http(port_, "GET", "/thumb?path=album/p%201.jpg&w=1000&h=999").status; });
+  usleep(200000);
+  for (int pid : first) kill(pid, SIGKILL);
+  slow.join();
+  EXPECT_NE(cut, 0);  // an error or, had it finished first, the thumbnail
+  for (int i = 0; i < 4; ++i) EXPECT_EQ(Http(port_, "GET", "/thumb?path=album/p%201.jpg&size=small").status, 200);
+  const std::vector<int> now = Workers();
+  EXPECT_EQ(now.size(), 2u);
+  for (int pid : now) EXPECT_EQ(std::count(first.begin(), first.end(), pid), 0) << pid;
+
+  // 10,000 requests over four connections at a time: stored thumbnails,
+  // revalidations and refusals. No worker grows.
+  const std::string stored = "/thumb?path=album/p%201.jpg&size=small&quality=0";
+  const std::string etag = Http(port_, "GET", stored).headers["etag"];
+  const std::pair<std::string, int> kinds[] = {
+      {stored, 200}, {stored, 304}, {"/thumb?path=album/none.jpg&size=small", 404}, {"/thumb?path=album/p%201.jpg&size=huge", 400}};
+  auto load = [&](int count) {  // one kind of request a connection
+    std::vector<std::thread> clients;
+    for (const auto& k : kinds) {
+      clients.emplace_back([&, k] {
+        const std::string extra = k.second == 304 ? "If-None-Match: " + etag + "\r\n" : "";
+        for (int i = 0; i < count / 4; ++i) ASSERT_EQ(Http(port_, "GET", k.first, extra).status, k.second) << k.first;
+      });
+    }
+    for (std::thread& t : clients) t.join();
+  };
+  load(1000);
+  std::map<int, long> before;
+  for (int pid : Workers()) before[pid] = ResidentKiB(pid);
+  load(9000);
+  for (const auto& w : before) {
+    const long after = ResidentKiB(w.first);
+    EXPECT_LE(after, w.second + 512) << "worker " << w.first;
+    EXPECT_LT(after, 16 * 1024) << "worker " << w.first;
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(Endpoint, FcgiTest, ::testing::Values("fcgi"));
 
 }  // namespace
 }  // namespace kovathumb

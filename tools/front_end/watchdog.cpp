@@ -30,8 +30,27 @@ bool WriteAll(int fd, const char* p, size_t n) {
 
 }  // namespace
 
+int WallSeconds() {
+  const char* v = getenv("KOVAPLATFORM_CHILD_WALL_SECONDS");  // tests shorten it
+  const int n = v != nullptr ? atoi(v) : 0;
+  return n > 0 ? n : KOVA_CHILD_WALL_SECONDS;
+}
+
+void LimitAddressSpace() {
+#ifndef KOVATHUMB_SANITIZED
+  struct rlimit as = {KOVA_CHILD_ADDRESS_SPACE, KOVA_CHILD_ADDRESS_SPACE};
+  struct rlimit cur;
+  if (getrlimit(RLIMIT_AS, &cur) == 0 && cur.rlim_cur > as.rlim_cur) setrlimit(RLIMIT_AS, &as);
+#endif
+}
+
 int RunBounded(const std::function<int()>& request, const std::string& timedOut,
                const std::string& failed) {
+  return RunBounded(request, timedOut, failed, [](const char* p, size_t n) { return WriteAll(1, p, n); });
+}
+
+int RunBounded(const std::function<int()>& request, const std::string& timedOut,
+               const std::string& failed, const std::function<bool(const char*, size_t)>& sink) {
   fflush(stdout);
   int fds[2];
   if (pipe(fds) != 0) return request();
@@ -45,11 +64,7 @@ int RunBounded(const std::function<int()>& request, const std::string& timedOut,
     close(fds[0]);
     if (dup2(fds[1], 1) < 0) _exit(1);
     close(fds[1]);
-#ifndef KOVATHUMB_SANITIZED  // sanitizers reserve far more address space than this
-    struct rlimit as = {KOVA_CHILD_ADDRESS_SPACE, KOVA_CHILD_ADDRESS_SPACE};
-    struct rlimit cur;
-    if (getrlimit(RLIMIT_AS, &cur) == 0 && cur.rlim_cur > as.rlim_cur) setrlimit(RLIMIT_AS, &as);
-#endif
+    LimitAddressSpace();
     const int status = request();
     fflush(stdout);
     _exit(status);
@@ -72,7 +87,7 @@ int RunBounded(const std::function<int()>& request, const std::string& timedOut,
     if (n <= 0) break;
     relayed = true;
     // A client that left is not waited for; the child still ends in bounds.
-    if (writable) writable = WriteAll(1, buf, static_cast<size_t>(n));
+    if (writable) writable = sink(buf, static_cast<size_t>(n));
   }
   close(fds[0]);
   if (timeout) kill(pid, SIGKILL);
@@ -82,7 +97,7 @@ int RunBounded(const std::function<int()>& request, const std::string& timedOut,
   const bool exited = !timeout && WIFEXITED(status);
   if (!relayed && !exited) {
     const std::string& answer = timeout ? timedOut : failed;
-    WriteAll(1, answer.data(), answer.size());
+    sink(answer.data(), answer.size());
   }
   return exited ? WEXITSTATUS(status) : 1;
 }

@@ -17,6 +17,17 @@ namespace tool {
 // limit). Returns the child's exit status (1 when it did not exit).
 int RunBounded(const std::function<int()>& request, const std::string& timedOut,
                const std::string& failed);
+// The same, relaying to `sink` instead, which says false once nobody reads
+// any more.
+int RunBounded(const std::function<int()>& request, const std::string& timedOut,
+               const std::string& failed, const std::function<bool(const char*, size_t)>& sink);
+
+// The wall time, in seconds, a request may take.
+int WallSeconds();
+
+// Limits this process's address space as the tools' is (not in sanitizer
+// builds, which reserve far more).
+void LimitAddressSpace();
 
 }  // namespace tool
 }  // namespace kovathumb

@@ -1,0 +1,167 @@
+#include "cgi/answer.h"
+
+#include <errno.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <syslog.h>
+
+#include <algorithm>
+#include <nlohmann/json.hpp>
+#include <vector>
+
+#include "front_end/send.h"
+#include "front_end/tree.h"
+#include "kovathumb/error.h"
+#include "kovathumb/file.h"
+#include "kovathumb/thumb.h"
+
+namespace kovathumb {
+namespace cgi {
+namespace {
+
+const char* Reason(int status) {
+  switch (status) {
+    case 400: return "Bad Request";
+    case 403: return "Forbidden";
+    case 404: return "Not Found";
+    case 405: return "Method Not Allowed";
+    case 414: return "URI Too Long";
+    default: return "Internal Server Error";
+  }
+}
+
+std::string Get(const Params& params, const char* name) {
+  const auto it = params.find(name);
+  return it == params.end() ? std::string() : it->second;
+}
+
+const char* TypeOf(const std::string& path) {
+  const std::string ext = file::GetFileExt(path);
+  if (ext == "jpg" || ext == "jpeg" || ext == "jpe") return "image/jpeg";
+  if (ext == "png") return "image/png";
+  if (ext == "gif") return "image/gif";
+  if (ext == "bmp") return "image/bmp";
+  if (ext == "tif" || ext == "tiff") return "image/tiff";
+  if (ext == "heic" || ext == "heif") return "image/heic";
+  if (IsSupportVideo(path)) return "video";
+  return "image/x-raw";
+}
+
+// One page of the sorted list, so that a large tree comes in parts; "total"
+// tells the page how many there are.
+int List(const Params& params, const std::string& realRoot, size_t offset, size_t limit) {
+  std::vector<tool::TreeFile> files;
+  tool::WalkTree(realRoot, &files);
+  const size_t begin = std::min(offset, files.size());
+  const size_t end = limit > 0 ? std::min(files.size(), begin + limit) : files.size();
+  nlohmann::json list = nlohmann::json::array();
+  for (size_t i = begin; i < end; ++i) {
+    const tool::TreeFile& f = files[i];
+    list.push_back({{"path", f.rel},
+                    {"type", TypeOf(f.rel)},
+                    {"video", IsSupportVideo(f.rel)},
+                    {"size", static_cast<long long>(f.size)},
+                    {"mtime", static_cast<long long>(f.mtime)}});
+  }
+  const std::string body =
+      nlohmann::json{{"files", list}, {"total", files.size()}, {"offset", begin}}.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) + "\n";
+  printf("Content-Type: application/json\r\nContent-Length: %zu\r\nCache-Control: no-store\r\n\r\n", body.size());
+  if (!IsHead(params)) fwrite(body.data(), 1, body.size(), stdout);
+  fflush(stdout);
+  return 0;
+}
+
+int Thumbnail(const Params& params, const Request& req, const std::string& path) {
+  Thumb thumb(path, req.options, false);
+  thumb.Rotate(req.rotate);
+  tool::Wanted wanted;
+  wanted.size = req.size;
+  wanted.width = static_cast<int>(req.width);
+  wanted.height = static_cast<int>(req.height);
+  wanted.fallback = req.fallback;
+  tool::SendThumbnail(thumb, wanted, true);
+  // With an output file chosen, the response (perhaps an error one) is out.
+  if (thumb.GetOutputFile().empty()) return AnswerText(params, 404, "no thumbnail for this file");
+  return 0;
+}
+
+std::string Unavailable(const Params& params, const char* status, const char* extra, const char* text) {
+  const std::string body = IsHead(params) ? std::string() : std::string(text) + "\n";
+  return std::string("Status: ") + status + "\r\nContent-Type: text/plain; charset=utf-8\r\nCache-Control: no-store\r\n" +
+         extra + "Content-Length: " + std::to_string(strlen(text) + 1) + "\r\n\r\n" + body;
+}
+
+}  // namespace
+
+Params ParamsFromEnvironment() {
+  Params params;
+  for (const char* name : {"REQUEST_METHOD", "QUERY_STRING", "KOVATHUMB_ROOT", "HTTP_IF_NONE_MATCH",
+                           "HTTP_IF_MODIFIED_SINCE"}) {
+    if (const char* v = getenv(name)) params[name] = v;
+  }
+  return params;
+}
+
+bool IsHead(const Params& params) { return Get(params, "REQUEST_METHOD") == "HEAD"; }
+
+int AnswerText(const Params& params, int status, const std::string& text, const char* extra) {
+  const std::string body = text + "\n";
+  printf("Status: %d %s\r\nContent-Type: text/plain; charset=utf-8\r\nContent-Length: %zu\r\n"
+         "Cache-Control: no-store\r\n%s\r\n",
+         status, Reason(status), body.size(), extra);
+  if (!IsHead(params)) fwrite(body.data(), 1, body.size(), stdout);
+  fflush(stdout);
+  return 0;
+}
+
+bool Check(const Params& params, Checked* checked) {
+  const std::string method = Get(params, "REQUEST_METHOD");
+  if (method != "GET" && method != "HEAD") {
+    return AnswerText(params, 405, "only GET and HEAD", "Allow: GET, HEAD\r\n"), false;
+  }
+  const std::string root = Get(params, "KOVATHUMB_ROOT");
+  checked->root = root.empty() ? std::string() : tool::RealPath(root);
+  if (checked->root.empty()) {
+    syslog(LOG_ERR, "%s: KOVATHUMB_ROOT is not set or not a directory", program_invocation_short_name);
+    return AnswerText(params, 500, "server misconfigured"), false;
+  }
+  const std::string query = Get(params, "QUERY_STRING");
+  if (query.size() > kMaxQuery) return AnswerText(params, 414, "query too long"), false;
+  Request& req = checked->request;
+  std::string error;
+  if (!ParseRequest(query, &req, &error)) return AnswerText(params, 400, error), false;
+  if (req.list) return true;
+  const int status = Resolve(checked->root, req.path, &checked->pinned);
+  if (status != 200) return AnswerText(params, status, status == 404 ? "no such file" : "refused"), false;
+  if (!IsSupportImage(req.path) && !IsSupportVideo(req.path)) {
+    return AnswerText(params, 400, "not a photo or video"), false;
+  }
+  return true;
+}
+
+int Serve(const Params& params, const Checked& checked) {
+  const char* program = program_invocation_short_name;
+  const Request& req = checked.request;
+  if (req.list) return List(params, checked.root, static_cast<size_t>(req.offset), static_cast<size_t>(req.limit));
+  try {
+    return Thumbnail(params, req, checked.pinned.Path());
+  } catch (const Error& e) {
+    syslog(LOG_ERR, "%s: %s: %s", program, req.path.c_str(), checked.pinned.Unpinned(e.what(), req.path).c_str());
+    return AnswerText(params, e.Code() == kErrorCannotOpen ? 403 : 500, "cannot read this file");
+  } catch (const std::exception& e) {
+    syslog(LOG_ERR, "%s: %s: %s", program, req.path.c_str(), e.what());
+    return AnswerText(params, 500, "internal error");
+  }
+}
+
+std::string BusyAnswer(const Params& params) {
+  return Unavailable(params, "503 Service Unavailable", "Retry-After: 60\r\n", "busy");
+}
+
+std::string FailedAnswer(const Params& params) {
+  return Unavailable(params, "500 Internal Server Error", "", "internal error");
+}
+
+}  // namespace cgi
+}  // namespace kovathumb

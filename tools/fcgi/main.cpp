@@ -1,0 +1,206 @@
+// kovathumb-fcgi: kovathumb-cgi's endpoint as a long-running FastCGI
+// responder, answering the same requests with the same responses.
+//
+// A supervisor forks workers that accept on one listening socket (the one
+// the web server passes as standard input, or --socket) and starts a new
+// worker for each that dies, so a crash costs one request. Each worker
+// answers one request at a time; see responder.h for how, and for what the
+// web server is handed with X-Sendfile.
+#include <errno.h>
+#include <fcgiapp.h>
+#include <signal.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <syslog.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <map>
+#include <string>
+
+#include "fcgi/responder.h"
+#include "front_end/watchdog.h"
+#include "kovathumb/version.h"
+
+namespace kovathumb {
+namespace fcgi {
+namespace {
+
+// A worker that grew past this (the library leaking, say) leaves after its
+// request and is replaced, so no growth lasts.
+constexpr size_t kMaxResident = 64u << 20;
+
+cgi::Params ParamsOf(FCGX_ParamArray envp) {
+  cgi::Params params;
+  for (const char* name : {"REQUEST_METHOD", "QUERY_STRING", "KOVATHUMB_ROOT", "HTTP_IF_NONE_MATCH",
+                           "HTTP_IF_MODIFIED_SINCE"}) {
+    if (const char* v = FCGX_GetParam(name, envp)) params[name] = v;
+  }
+  // The root may be set for the process rather than per request.
+  if (params.count("KOVATHUMB_ROOT") == 0) {
+    if (const char* root = getenv("KOVATHUMB_ROOT")) params["KOVATHUMB_ROOT"] = root;
+  }
+  return params;
+}
+
+int Work(int listenfd, Handover* handover) {
+  tool::LimitAddressSpace();
+  Responder responder(handover);
+  FCGX_Request req;
+  if (FCGX_InitRequest(&req, listenfd, 0) != 0) return 1;
+  while (FCGX_Accept_r(&req) >= 0) {
+    responder.Answer(
+        ParamsOf(req.envp),
+        [&req](const char* p, size_t n) { return FCGX_PutStr(p, static_cast<int>(n), req.out) == static_cast<int>(n); },
+        {listenfd, req.ipcFd});
+    FCGX_Finish_r(&req);
+    if (Responder::Resident() > kMaxResident) return 0;
+  }
+  return 0;
+}
+
+// Keeps `count` workers running until told to stop.
+int Supervise(int count, int listenfd, Handover* handover) {
+  sigset_t signals, old;
+  sigemptyset(&signals);
+  for (int s : {SIGCHLD, SIGTERM, SIGINT, SIGHUP}) sigaddset(&signals, s);
+  sigprocmask(SIG_BLOCK, &signals, &old);
+  const pid_t self = getpid();
+  handover->Forget(0);  // what an earlier run left
+  std::map<pid_t, time_t> workers;
+  auto start = [&] {
+    const pid_t pid = fork();
+    if (pid == 0) {
+      sigprocmask(SIG_SETMASK, &old, nullptr);
+      prctl(PR_SET_PDEATHSIG, SIGTERM);
+      if (getppid() != self) _exit(0);
+      _exit(Work(listenfd, handover));
+    }
+    if (pid > 0) workers[pid] = time(nullptr);
+  };
+  for (int i = 0; i < count; ++i) start();
+  for (bool stop = false; !stop;) {
+    siginfo_t info;
+    const int s = sigwaitinfo(&signals, &info);
+    if (s != SIGCHLD) {
+      stop = s > 0;
+      continue;
+    }
+    int status;
+    for (pid_t pid; (pid = waitpid(-1, &status, WNOHANG)) > 0;) {
+      const time_t began = workers[pid];
+      workers.erase(pid);
+      handover->Forget(pid);
+      if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) {
+        syslog(LOG_WARNING, "kovathumb-fcgi: worker %d ended (status %d); starting another", pid, status);
+      }
+      // A worker that cannot even start is not restarted in a tight loop.
+      if (time(nullptr) - began < 1) sleep(1);
+      start();
+    }
+  }
+  for (const auto& w : workers) kill(w.first, SIGTERM);
+  while (wait(nullptr) > 0 || errno == EINTR) {
+  }
+  handover->Forget(0);
+  return 0;
+}
+
+constexpr char kUsage[] =
+    "Usage: kovathumb-fcgi [--workers N] [--socket PATH]\n"
+    "The thumbnail endpoint of the gallery and other web applications as a\n"
+    "FastCGI responder: the requests and responses of kovathumb-cgi, from\n"
+    "long-running workers. A web server starts it with the listening socket as\n"
+    "standard input (lighttpd: \"bin-path\" and \"socket\"); run without one,\n"
+    "it answers a single CGI request from the environment.\n"
+    "\n"
+    "Options:\n"
+    "  -w, --workers N          workers answering at once (default: 2 per CPU, at\n"
+    "                           least 4; or KOVATHUMB_FCGI_WORKERS)\n"
+    "  -s, --socket PATH        listen on this Unix socket instead\n"
+    "  -h, --help               print this help and exit\n"
+    "  -V, --version            print the version and exit\n"
+    "\n"
+    "Environment:\n"
+    "  KOVATHUMB_ROOT           the directory the paths are under (required; or a\n"
+    "                           per-request parameter)\n"
+    "  KOVATHUMB_SENDFILE_DIR   a directory of ours nobody else may write: stored\n"
+    "                           thumbnails are copied there and handed to the web\n"
+    "                           server with X-Sendfile (its \"x-sendfile-docroot\");\n"
+    "                           without it they are sent through the socket (a\n"
+    "                           single CGI request leaves its copy there)\n"
+    "  KOVATHUMB_LOG_STDERR=1   also write the library's log lines to standard error\n"
+    "\n"
+    "Requests: as kovathumb-cgi --help says.\n";
+
+int Usage(bool ok) {
+  fputs(kUsage, ok ? stdout : stderr);
+  return ok ? 0 : 2;
+}
+
+}  // namespace
+}  // namespace fcgi
+}  // namespace kovathumb
+
+int main(int argc, char** argv) {
+  namespace fcgi = kovathumb::fcgi;
+  const char* env = getenv("KOVATHUMB_FCGI_WORKERS");
+  long cpus = sysconf(_SC_NPROCESSORS_ONLN);
+  int workers = env != nullptr ? atoi(env) : static_cast<int>(cpus > 2 ? 2 * cpus : 4);
+  std::string socketPath;
+  for (int i = 1; i < argc; ++i) {
+    const std::string arg = argv[i];
+    if (arg == "--version" || arg == "-V") {
+      printf("kovathumb-fcgi %s\n", kovathumb::Version());
+      return 0;
+    }
+    if (arg == "--help" || arg == "-h") return fcgi::Usage(true);
+    if ((arg == "--workers" || arg == "-w") && i + 1 < argc) {
+      workers = atoi(argv[++i]);
+    } else if ((arg == "--socket" || arg == "-s") && i + 1 < argc) {
+      socketPath = argv[++i];
+    } else {
+      return fcgi::Usage(false);
+    }
+  }
+  if (workers < 1 || workers > 256) return fcgi::Usage(false);
+  // A client that goes away must not kill us halfway through storing.
+  signal(SIGPIPE, SIG_IGN);
+  fcgi::Handover handover;
+  if (const char* dir = getenv("KOVATHUMB_SENDFILE_DIR")) {
+    std::string error;
+    if (!handover.Open(dir, &error)) {
+      fprintf(stderr, "kovathumb-fcgi: KOVATHUMB_SENDFILE_DIR %s\n", error.c_str());
+      return 1;
+    }
+  }
+  FCGX_Init();
+  int listenfd = 0;
+  if (!socketPath.empty()) {
+    listenfd = FCGX_OpenSocket(socketPath.c_str(), 128);
+    if (listenfd < 0) {
+      fprintf(stderr, "kovathumb-fcgi: cannot listen on %s\n", socketPath.c_str());
+      return 1;
+    }
+  } else if (FCGX_IsCGI()) {
+    // No socket: one CGI request, answered the same way.
+    kovathumb::tool::LimitAddressSpace();
+    const int out = dup(1);
+    fcgi::Responder responder(&handover);
+    responder.Answer(kovathumb::cgi::ParamsFromEnvironment(), [out](const char* p, size_t n) {
+      while (n > 0) {
+        const ssize_t w = write(out, p, n);
+        if (w < 0 && errno == EINTR) continue;
+        if (w <= 0) return false;
+        p += w;
+        n -= static_cast<size_t>(w);
+      }
+      return true;
+    });
+    return 0;
+  }
+  return fcgi::Supervise(workers, listenfd, &handover);
+}
