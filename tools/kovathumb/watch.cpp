@@ -21,6 +21,7 @@
 #include <iostream>
 #include <memory>
 #include <set>
+#include <sstream>
 #include <unordered_map>
 
 #include "ea_store.h"
@@ -154,12 +155,12 @@ void Watcher::SayOnce(bool* said, const std::string& what) {
 // that happens meanwhile goes unseen. A catch-up queues what is not up to
 // date and removes the EA directories of photos that are gone.
 void Watcher::Rescan(size_t root) {
-  Root& r = roots_[root];
-  if (r.limited) r.nextRescan = Now() + args_.rescanMinutes * 60;
-  const int fd = openat(r.fd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  const int fd = openat(roots_[root].fd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
   if (fd < 0) return;
   ++scan_;
+  roots_[root].limited = false;
   AddTree(root, -1, std::string(), fd, std::string(), true);
+  if (roots_[root].limited) roots_[root].nextRescan = Now() + args_.rescanMinutes * 60;
   // Directories that were not met again left the tree while we did not look.
   std::vector<int> gone;
   for (const auto& n : nodes_) {
@@ -180,10 +181,11 @@ void Watcher::AddTree(size_t root, int parent, const std::string& name, int fd, 
     if (wd >= 0) {
       nodes_[wd] = Node{parent, name, root, scan_};  // met again: where it is now
     } else if (errno == ENOSPC) {
-      SayOnce(&saidLimit_, "the limit on inotify watches (fs.inotify.max_user_watches) is reached: "
-                           "trees that are not watched whole are rescanned every " +
-                               std::to_string(args_.rescanMinutes) + " minutes");
-      if (!roots_[root].limited) roots_[root].nextRescan = Now() + args_.rescanMinutes * 60;
+      std::ostringstream what;
+      what << "the limit on inotify watches (fs.inotify.max_user_watches) is reached: trees that are not "
+           << "watched whole are rescanned every " << args_.rescanMinutes << " minutes";
+      SayOnce(&saidLimit_, what.str());
+      if (!roots_[root].limited && !catchUp) roots_[root].nextRescan = Now() + args_.rescanMinutes * 60;
       roots_[root].limited = true;
     }
   }
