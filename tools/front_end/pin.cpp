@@ -54,10 +54,12 @@ int Walk(int rootfd, const std::string& rel) {
 
 }  // namespace
 
-bool IsEADirName(const std::string& name) {
+const std::string& EADirName() {
   static const std::string eaDirName = DeriveEADirName();
-  return !eaDirName.empty() && name == eaDirName;
+  return eaDirName;
 }
+
+bool IsEADirName(const std::string& name) { return !EADirName().empty() && name == EADirName(); }
 
 int OpenDirBeneath(int rootfd, const std::string& rel, bool walk) {
   if (!walk) {

@@ -18,6 +18,8 @@ namespace tool {
 // Asked of the platform once, so a build against another platform keeps
 // out of its EA directories too.
 bool IsEADirName(const std::string& name);
+// That name ("" where the platform keeps EA files beside the source).
+const std::string& EADirName();
 
 // Opens directory `rel` (relative; "" or "." is `rootfd` itself) beneath
 // `rootfd` as an O_PATH descriptor, following no link and never leaving

@@ -42,6 +42,8 @@ int main(int argc, char** argv) {
   AddMakeCommand(app, &status);
   AddImportCommand(app, &status);
   AddIndexCommand(app, &status);
+  AddWatchCommand(app, &status);
+  AddPruneCommand(app, &status);
   if (UnknownSubcommand(app, argc, argv)) return kExitUsage;
   app.parse_complete_callback([&verbose] {
     if (verbose) kovathumb::SetLogToStderr(true);

@@ -2,12 +2,16 @@
 
 #include <errno.h>
 #include <string.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <iostream>
 #include <map>
 
+#include "front_end/tree.h"
 #include "kovathumb/log.h"
 #include "kovathumb/thumb.h"
 #include "kovathumb/thumb_const.h"
@@ -110,6 +114,43 @@ Json ErrorJson(const std::string& path, int code, const std::string& what) {
 void PrintLine(const Json& j) {
   // Replacement keeps odd bytes in file names from aborting the output.
   std::cout << j.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) << std::endl;
+}
+
+std::string TreeRoot(const std::string& dir) {
+  const std::string real = RealPath(dir);
+  struct stat st;
+  if (real.empty() || stat(real.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) {
+    throw CLI::ValidationError("DIR", "not a directory: " + dir);
+  }
+  return real;
+}
+
+namespace {
+// From linux/ioprio.h, which not every libc's headers carry.
+constexpr int kIoprioWhoProcess = 1;
+constexpr int kIoprioClassShift = 13;
+constexpr int kIoprioClassBestEffort = 2;
+constexpr int kIoprioClassIdle = 3;
+}  // namespace
+
+void AddPriorityOptions(CLI::App* cmd, PriorityArgs* args) {
+  cmd->add_option("--nice", args->nice, "scheduling niceness (default 19: the lowest priority)")
+      ->check(CLI::Range(-20, 19));
+  cmd->add_option("--io-class", args->ioClass, "I/O scheduling class: idle (default), best-effort, keep")
+      ->check(CLI::IsMember({"idle", "best-effort", "keep"}));
+}
+
+void ApplyPriority(const PriorityArgs& args) {
+  if (setpriority(PRIO_PROCESS, 0, args.nice) != 0) {
+    std::cerr << "kovathumb: cannot set niceness " << args.nice << ": " << strerror(errno) << std::endl;
+  }
+  if (args.ioClass == "keep") return;
+  // Best effort at its lowest level (7) still yields to everyone else's.
+  const int prio = args.ioClass == "idle" ? kIoprioClassIdle << kIoprioClassShift
+                                          : (kIoprioClassBestEffort << kIoprioClassShift) | 7;
+  if (syscall(SYS_ioprio_set, kIoprioWhoProcess, 0, prio) != 0) {
+    std::cerr << "kovathumb: cannot set the I/O class " << args.ioClass << ": " << strerror(errno) << std::endl;
+  }
 }
 
 }  // namespace tool

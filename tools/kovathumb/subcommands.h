@@ -70,6 +70,20 @@ struct Outcome {
 // The video application's screenshot: one frame, stored like a thumbnail.
 void MakeScreenshot(const std::string& path, Outcome* out);
 
+// The canonical path of the directory argument `dir`; throws
+// CLI::ValidationError when it is not a directory.
+std::string TreeRoot(const std::string& dir);
+
+// Work in the background: a nice value and the I/O scheduling class,
+// inherited by the workers and their tools.
+struct PriorityArgs {
+  int nice = 19;
+  std::string ioClass = "idle";  // "idle", "best-effort", or "keep"
+};
+void AddPriorityOptions(CLI::App* cmd, PriorityArgs* args);
+// Says on standard error what could not be set.
+void ApplyPriority(const PriorityArgs& args);
+
 // Subcommands register themselves and store their exit status in `status`.
 void AddInfoCommand(CLI::App& app, int* status);
 void AddConvertCommand(CLI::App& app, int* status);
@@ -77,6 +91,8 @@ void AddGetCommand(CLI::App& app, int* status);
 void AddMakeCommand(CLI::App& app, int* status);
 void AddImportCommand(CLI::App& app, int* status);
 void AddIndexCommand(CLI::App& app, int* status);
+void AddWatchCommand(CLI::App& app, int* status);
+void AddPruneCommand(CLI::App& app, int* status);
 
 }  // namespace tool
 }  // namespace kovathumb

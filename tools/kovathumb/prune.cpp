@@ -1,0 +1,120 @@
+// kovathumb prune: removes stored thumbnails nobody needs any more.
+//
+// The tree is walked through directory descriptors, never through a link,
+// and only files under our store's names are removed (see ea_store.h).
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <memory>
+#include <set>
+
+#include "ea_store.h"
+#include "front_end/pin.h"
+#include "subcommands.h"
+#include "upkeep_rules.h"
+
+namespace kovathumb {
+namespace tool {
+
+namespace {
+
+struct PruneArgs {
+  bool dryRun = false;
+  double retentionDays = 30;
+  PriorityArgs priority;
+  std::vector<std::string> dirs;
+};
+
+struct Pruned {
+  Freed freed;
+  long eaDirs = 0;
+};
+
+std::vector<std::string> Names(DIR* d) {
+  std::vector<std::string> names;
+  while (struct dirent* e = readdir(d)) {
+    const std::string n = e->d_name;
+    if (n != "." && n != "..") names.push_back(n);
+  }
+  return names;
+}
+
+// Takes `fd`, a directory opened without following a link.
+void PruneTree(int fd, const PruneArgs& args, time_t now, Pruned* out) {
+  DIR* d = fdopendir(fd);
+  if (d == nullptr) {
+    close(fd);
+    return;
+  }
+  std::set<std::string> files;
+  for (const std::string& n : Names(d)) {
+    struct stat st;
+    if (IsEADirName(n) || fstatat(dirfd(d), n.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) continue;
+    if (S_ISREG(st.st_mode)) files.insert(n);
+    if (!S_ISDIR(st.st_mode)) continue;
+    const int sub = openat(dirfd(d), n.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    if (sub >= 0) PruneTree(sub, args, now, out);
+  }
+  const int top = EADirName().empty()
+                      ? -1
+                      : openat(dirfd(d), EADirName().c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+  DIR* eas = top < 0 ? nullptr : fdopendir(top);
+  const std::vector<std::string> eaNames = eas != nullptr ? Names(eas) : std::vector<std::string>();
+  if (eas != nullptr) closedir(eas);
+  const long retention = static_cast<long>(args.retentionDays * 86400);
+  for (const std::string& n : eaNames) {
+    const bool gone = files.count(n) == 0;
+    if (gone) {
+      if (RemoveEADir(dirfd(d), n, args.dryRun, &out->freed)) ++out->eaDirs;
+      continue;
+    }
+    const int ea = OpenEADirOf(dirfd(d), n);
+    if (ea < 0) continue;
+    RemoveStored(ea,
+                 [&](const std::string&, Stored kind, const struct stat& st) {
+                   return PruneRemoves(kind, false, LastWanted(st.st_atime, st.st_ctime), now, retention);
+                 },
+                 args.dryRun, &out->freed);
+    close(ea);
+  }
+  closedir(d);
+}
+
+int RunPrune(const PruneArgs& args) {
+  std::vector<std::string> roots;
+  for (const std::string& dir : args.dirs) roots.push_back(TreeRoot(dir));
+  ApplyPriority(args.priority);
+  Pruned pruned;
+  const time_t now = time(nullptr);
+  for (const std::string& root : roots) {
+    const int fd = open(root.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd >= 0) PruneTree(fd, args, now, &pruned);
+  }
+  PrintLine(Json{{"dry_run", args.dryRun},
+                 {"ea_dirs", pruned.eaDirs},
+                 {"files", pruned.freed.files},
+                 {"bytes", pruned.freed.bytes},
+                 {"retention_days", args.retentionDays}});
+  return kExitOk;
+}
+
+}  // namespace
+
+void AddPruneCommand(CLI::App& app, int* status) {
+  auto args = std::make_shared<PruneArgs>();
+  CLI::App* cmd = app.add_subcommand(
+      "prune", "Remove the thumbnails of photos that are gone, and box thumbnails nobody asked for lately, under DIR");
+  cmd->add_flag("-n,--dry-run", args->dryRun, "only count what would be removed");
+  cmd->add_option("--retention", args->retentionDays,
+                  "days a thumbnail of an explicit box is kept after it was last stored or read (default 30)")
+      ->check(CLI::Range(0.0, 36500.0));
+  AddPriorityOptions(cmd, &args->priority);
+  cmd->add_option("DIR", args->dirs, "directories")->required();
+  cmd->callback([args, status] { *status = RunPrune(*args); });
+}
+
+}  // namespace tool
+}  // namespace kovathumb
