@@ -1,8 +1,5 @@
 #include "kovaplatform/kovaplatform.h"
 
-#include <errno.h>
-#include <sys/stat.h>
-
 #include <gtest/gtest.h>
 
 #include "support/test_util.h"
@@ -10,17 +7,16 @@
 namespace {
 
 using kovathumb::test::Exists;
-using kovathumb::test::ListDir;
 using kovathumb::test::ReadFile;
 using kovathumb::test::TempDir;
 using kovathumb::test::WriteFile;
 
 TEST(PlatformEATest, PathsAndRefusals) {
   char buf[4096];
-  ASSERT_GE(KOVAEAPath(0, "/dir/photo.jpg", "NAME", buf, sizeof buf, 0), 0);
-  EXPECT_STREQ(buf, "/dir/.kovaea/photo.jpg/NAME");
-  ASSERT_GE(KOVAEAPath(0, "photo.jpg", "NAME", buf, sizeof buf, 0), 0);
-  EXPECT_STREQ(buf, ".kovaea/photo.jpg/NAME");
+  for (auto [src, path] : {std::pair("/dir/photo.jpg", "/dir/.kovaea/photo.jpg/NAME"), {"photo.jpg", ".kovaea/photo.jpg/NAME"}}) {
+    ASSERT_GE(KOVAEAPath(0, src, "NAME", buf, sizeof buf, 0), 0);
+    EXPECT_STREQ(buf, path);
+  }
   ASSERT_EQ(KOVAEADirPath(0, "/dir/photo.jpg", buf, sizeof buf), 0);
   EXPECT_STREQ(buf, "/dir/.kovaea/photo.jpg");
   for (auto c : {std::make_pair("/dir/", "NAME"), {"", "NAME"}, {"/d/a.jpg", "../../etc/passwd"}, {"/d/a.jpg", ".."},
@@ -29,7 +25,6 @@ TEST(PlatformEATest, PathsAndRefusals) {
   }
   EXPECT_LT(KOVAEAPath(0, "/dir/a.jpg", "NAME", buf, 10, 0), 0);
   EXPECT_NE(KOVAEADirPath(0, "/dir/..", buf, sizeof buf), 0);
-
   TempDir dir;
   const std::string ea = dir.path() + "/.kovaea/a.jpg";
   EXPECT_NE(KOVAEAMKDir(0, ea.c_str()), 0);  // without flag 1 the parent must exist
@@ -49,9 +44,7 @@ TEST(PlatformCopyTest, CopyMoveAcrossFileSystemsAndNoTemporaryLeft) {
   ASSERT_EQ(KOVAFileCopy((dir / "a").c_str(), (dir / "b").c_str(), &copy), 0);
   EXPECT_EQ(ReadFile(dir / "b"), "alpha");
   EXPECT_TRUE(Exists(dir / "a"));
-  struct stat st;
-  ASSERT_EQ(stat((dir / "b").c_str(), &st), 0);
-  EXPECT_EQ(st.st_mode & 0777, 0640u);
+  EXPECT_EQ(kovathumb::test::Stat(dir / "b").st_mode & 0777, 0640u);
   ASSERT_EQ(KOVAFileCopy((dir / "a").c_str(), (dir / "c").c_str(), &move), 0);
   EXPECT_FALSE(Exists(dir / "a"));
   // /dev/shm is a tmpfs, a file system of its own: rename fails with EXDEV.
@@ -66,7 +59,7 @@ TEST(PlatformCopyTest, CopyMoveAcrossFileSystemsAndNoTemporaryLeft) {
   EXPECT_NE(KOVAFileCopy(shm.c_str(), (dir / "full").c_str(), &move), 0);
   EXPECT_TRUE(Exists(shm));
   unlink(shm.c_str());
-  EXPECT_EQ(ListDir(dir.path(), ".kovacopy").size(), 0u);
+  EXPECT_EQ(kovathumb::test::ListDir(dir.path(), ".kovacopy").size(), 0u);
 }
 
 }  // namespace

@@ -9,19 +9,14 @@ namespace internal {
 namespace {
 
 TEST(OrientationIndexTest, StandardTagThenMakerNotes) {
-  const std::string one = "1", six = "6", eight = "8", zero = "0", nine = "9", junk = "x", spaced = " 3 (rotate)";
-  EXPECT_EQ(OrientationIndex(nullptr, &eight), 0);  // no standard tag: maker notes unread
-  EXPECT_EQ(OrientationIndex(&six, &eight), 5);     // standard tag other than 1 wins
-  EXPECT_EQ(OrientationIndex(&one, &eight), 7);     // 1 defers to the maker note
-  using Tags = std::pair<const std::string*, const std::string*>;
-  for (Tags c : {Tags{&one, nullptr}, Tags{&zero, nullptr}, Tags{&nine, nullptr}, Tags{&one, &nine}}) {
-    EXPECT_EQ(OrientationIndex(c.first, c.second), 0) << *c.first;
-  }
-  EXPECT_EQ(OrientationIndex(&spaced, nullptr), 2);
-  const std::string huge = "99999999999";
-  for (const std::string* bad : {&junk, &huge}) {  // no number: no orientation, no exception
-    EXPECT_EQ(OrientationIndex(bad, nullptr), 0);
-    EXPECT_EQ(OrientationIndex(&one, bad), 0);
+  // No standard tag: maker notes unread; a standard tag other than 1 wins;
+  // 1 defers to the maker note; no number: no orientation, no exception.
+  const std::string one = "1", six = "6", eight = "8", zero = "0", nine = "9", junk = "x", huge = "99999999999",
+                    spaced = " 3 (rotate)";
+  for (auto [tag, note, index] : {std::tuple(&six, &eight, 5), {&one, &eight, 7}, {&spaced, nullptr, 2}, {nullptr, &eight, 0},
+                                  {&one, nullptr, 0}, {&zero, nullptr, 0}, {&nine, nullptr, 0}, {&one, &nine, 0},
+                                  {&junk, nullptr, 0}, {&huge, nullptr, 0}, {&one, &junk, 0}, {&one, &huge, 0}}) {
+    EXPECT_EQ(OrientationIndex(tag, note), index) << (tag ? *tag : "-") << " " << (note ? *note : "-");
   }
   EXPECT_EQ(TurnSum(2147483647, 1), -2147483647 - 1);  // wraps instead of overflowing
 }
@@ -50,17 +45,12 @@ TEST(ChoosePreviewTest, BoxRules) {
 }
 
 TEST(HeifOrientationIndexTest, ExifCountsOnlyWhereLibheifTurnedNothing) {
-  const struct {
-    int exif;
-    uint32_t w, h, ispeW, ispeH;
-    int index;
-  } cases[] = {
-      {6, 4032, 3024, 4032, 3024, 5},  // no irot: the Exif turn is ours to make
-      {6, 3024, 4032, 4032, 3024, 0},  // libheif turned it already
-      {8, 4032, 3024, 4032, 3024, 7},  {3, 4032, 3024, 4032, 3024, 0},
-      {6, 100, 100, 100, 100, 0},      {0, 4032, 3024, 4032, 3024, 0},
-  };
-  for (const auto& c : cases) EXPECT_EQ(HeifOrientationIndex(c.exif, c.w, c.h, c.ispeW, c.ispeH), c.index) << c.exif;
+  // Without irot the Exif turn is ours to make; otherwise libheif turned it already.
+  for (auto [exif, w, h, ispeW, ispeH, index] :
+       {std::tuple(6, 4032u, 3024u, 4032u, 3024u, 5), {6, 3024u, 4032u, 4032u, 3024u, 0}, {8, 4032u, 3024u, 4032u, 3024u, 7},
+        {3, 4032u, 3024u, 4032u, 3024u, 0}, {6, 100u, 100u, 100u, 100u, 0}, {0, 4032u, 3024u, 4032u, 3024u, 0}}) {
+    EXPECT_EQ(HeifOrientationIndex(exif, w, h, ispeW, ispeH), index) << exif << " " << w;
+  }
 }
 
 }  // namespace

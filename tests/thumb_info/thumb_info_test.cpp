@@ -1,8 +1,6 @@
 // The record's questions and names, on records filled by hand.
 #include "kovathumb/thumb_info.h"
 
-#include <sys/stat.h>
-#include <unistd.h>
 #include <utime.h>
 
 #include <gtest/gtest.h>
@@ -22,37 +20,31 @@ ThumbInfo Make(const std::string& mime, unsigned w, unsigned h, int rotate, cons
   info.SetUserRotate(userRotate);
   return info;
 }
-std::string Target(const ThumbInfo& info) { return info.GetXString(); }
 
 TEST(ThumbInfoTest, TargetBoxTurnsWithOddRotationAndIsCapped) {
   EXPECT_THROW(ThumbInfo("/no/such/file", "big", {640, 640}), Error);
-  EXPECT_EQ(Target(Make("image/jpeg", 4000, 3000, 0, "__CUSTOM_SIZE__", {800, 600})), "800x600");
-  EXPECT_EQ(Target(Make("image/jpeg", 4000, 3000, 0, "__CUSTOM_SIZE__", {800, 600}, 1)), "600x800");
-  EXPECT_EQ(Target(Make("image/jpeg", 4000, 3000, 0, "__CUSTOM_SIZE__", {800, 600}, -1)), "600x800");
-  EXPECT_EQ(Target(Make("image/jpeg", 4000, 3000, 1, "small", {320, 240}, -1)), "320x240");  // cancels out
-  EXPECT_EQ(Target(Make("image/jpeg", 500, 400, 0, "big", {800, 600})), "500x400");
-  EXPECT_EQ(Target(Make("", 0, 0, 1, "big", {320, 240})), "240x320");
+  for (auto [info, target] : {std::pair(Make("image/jpeg", 4000, 3000, 0, "__CUSTOM_SIZE__", {800, 600}), "800x600"),
+                              {Make("image/jpeg", 4000, 3000, 0, "__CUSTOM_SIZE__", {800, 600}, 1), "600x800"},
+                              {Make("image/jpeg", 4000, 3000, 0, "__CUSTOM_SIZE__", {800, 600}, -1), "600x800"},
+                              {Make("image/jpeg", 4000, 3000, 1, "small", {320, 240}, -1), "320x240"},  // cancels out
+                              {Make("image/jpeg", 500, 400, 0, "big", {800, 600}), "500x400"},
+                              {Make("", 0, 0, 1, "big", {320, 240}), "240x320"}}) {
+    EXPECT_EQ(info.GetXString(), target);
+  }
 }
 
 TEST(ThumbInfoTest, NeedConvertAndOutputType) {
-  struct Case {
-    ThumbInfo info;
-    bool convert;
-    const char* ext;
-  };
-  const Case cases[] = {
-      {Make("image/jpeg", 4000, 3000, 1, "small", {320, 240}), true, ".jpg"},
-      {Make("image/png", 300, 200, 0, "small", {320, 240}), false, ".png"},
-      {Make("image/png", 300, 200, 0, "small", {320, 240}, 4), true, ".png"},  // a whole turn still counts
-      {Make("image/jpeg", 1000, 1000, 0, "large", {1, 1}), false, ".jpg"},
-      {Make("image/jpeg", 1280, 1280, 0, "large", {1, 1}), true, ".jpg"},
-      {Make("image/x-ms-bmp", 100, 100, 0, "big"), false, ".jpg"},  // usable as it is, typed JPEG
-      {Make("image/tiff", 10, 10, 0, "big"), true, ".jpg"},
-      {Make("image/gif", 100, 100, 0, "big"), true, ".jpg"},
-  };
-  for (const Case& c : cases) {
-    EXPECT_EQ(c.info.IsNeedConvert(), c.convert) << c.info.GetMimeType() << c.info.GetWidth();
-    EXPECT_EQ(c.info.GetOutputExtension(), c.ext) << c.info.GetMimeType();
+  for (auto [info, convert, ext] : {
+           std::tuple(Make("image/jpeg", 4000, 3000, 1, "small", {320, 240}), true, ".jpg"),
+           {Make("image/png", 300, 200, 0, "small", {320, 240}), false, ".png"},
+           {Make("image/png", 300, 200, 0, "small", {320, 240}, 4), true, ".png"},  // a whole turn still counts
+           {Make("image/jpeg", 1000, 1000, 0, "large", {1, 1}), false, ".jpg"},
+           {Make("image/jpeg", 1280, 1280, 0, "large", {1, 1}), true, ".jpg"},
+           {Make("image/x-ms-bmp", 100, 100, 0, "big"), false, ".jpg"},  // usable as it is, typed JPEG
+           {Make("image/tiff", 10, 10, 0, "big"), true, ".jpg"},
+           {Make("image/gif", 100, 100, 0, "big"), true, ".jpg"}}) {
+    EXPECT_EQ(info.IsNeedConvert(), convert) << info.GetMimeType() << info.GetWidth();
+    EXPECT_EQ(info.GetOutputExtension(), ext) << info.GetMimeType();
   }
   ThumbInfo gif = Make("image/gif", 100, 100, 0, "big");
   gif.SetEnableGIF(true);
