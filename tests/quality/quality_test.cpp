@@ -4,7 +4,6 @@
 #include <regex>
 
 #include "kovathumb/thumb.h"
-#include "libkovathumb/quality.h"
 #include "support/fake_platform.h"
 #include "support/test_util.h"
 
@@ -135,16 +134,6 @@ TEST_F(QualityTest, PreviewsOfAnotherShapeAreNotUsedAndFiveSizesDecodeOnce) {
     EXPECT_TRUE(Near(ea + name, 0.25, 0.25)) << name;
   }
   EXPECT_EQ(test::ImageSize(ea + "KOVAFILE_THUMB_XL.jpg"), std::make_pair(1280u, 853u));
-}
-
-TEST(QualityDecisionsTest, FitsAndScales) {
-  using internal::FitInBox;
-  EXPECT_EQ(FitInBox(6000, 4000, {640, 640}).height, 427u);
-  EXPECT_EQ(FitInBox(100, 80, {640, 640}).width, 100u);  // never enlarged
-  EXPECT_EQ(internal::DjpegEighths(6000, 4000, {640, 427}), 1);
-  EXPECT_EQ(internal::DjpegEighths(1500, 1000, {1280, 853}), 7);
-  EXPECT_TRUE(internal::SameAspect(6036, 4020, 1620, 1080));
-  EXPECT_FALSE(internal::SameAspect(3000, 2000, 640, 480));
 }
 
 }  // namespace
