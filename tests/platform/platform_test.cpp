@@ -67,20 +67,14 @@ TEST(PlatformCopyTest, CopyMoveAcrossFileSystemsAndNoTemporaryLeft) {
   EXPECT_EQ(kovathumb::test::ListDir(dir.path(), ".kovacopy").size(), 0u);
 }
 
-std::string ReadAll(FILE* f) {
-  std::string s;
-  char buf[4096];
-  for (size_t n; (n = fread(buf, 1, sizeof buf, f)) > 0;) s.append(buf, n);
-  return s;
-}
-
 // A shell script's output through KLIBCPopenv, then its KLIBCPclose result.
 std::string Popen(const char* script) {
   const char* argv[] = {"sh", "-c", script, nullptr};
   FILE* f = KLIBCPopenv("/bin/sh", "r", argv);
-  if (f == nullptr) return "<failed>";
-  std::string out = ReadAll(f);
-  return out + std::to_string(KLIBCPclose(f));
+  std::string out;
+  char buf[4096];
+  for (size_t n; f != nullptr && (n = fread(buf, 1, sizeof buf, f)) > 0;) out.append(buf, n);
+  return f == nullptr ? "<failed>" : out + std::to_string(KLIBCPclose(f));
 }
 
 bool NoChildren() {
