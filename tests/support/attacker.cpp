@@ -3,12 +3,7 @@
 #include <grp.h>
 #include <signal.h>
 #include <sys/mman.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
-#include <unistd.h>
-
-#include <cstdio>
-#include <cstdlib>
 
 namespace kovathumb {
 namespace test {
@@ -31,8 +26,7 @@ bool AsAttacker(const std::function<bool()>& attack) {
     _exit(attack() ? 0 : 1);
   }
   int status = 0;
-  if (pid < 0 || waitpid(pid, &status, 0) != pid) return false;
-  return WIFEXITED(status) && WEXITSTATUS(status) == 0;
+  return pid > 0 && waitpid(pid, &status, 0) == pid && WIFEXITED(status) && WEXITSTATUS(status) == 0;
 }
 
 AttackerLoop::AttackerLoop(const std::function<void()>& step) {
@@ -58,9 +52,7 @@ AttackerLoop::~AttackerLoop() {
   munmap(const_cast<long*>(rounds_), sizeof(long));
 }
 
-long AttackerLoop::Rounds() const { return *rounds_; }
-
-AttackTree::AttackTree() : tree(top / "tree"), mine(top / "tree/alice"), secret(top / "secret.jpg") {
+AttackTree::AttackTree() {
   chmod(top.path().c_str(), 0755);
   mkdir(tree.c_str(), 0755);
   mkdir(mine.c_str(), 0755);
@@ -71,14 +63,12 @@ AttackTree::AttackTree() : tree(top / "tree"), mine(top / "tree/alice"), secret(
 
 bool AttackTree::Leaks(const std::string& data) const {
   if (data.empty()) return false;
-  const std::string bytes = ReadFile(secret);
-  if (data.find(bytes) != std::string::npos) return true;
+  if (data.find(ReadFile(secret)) != std::string::npos) return true;
   // A thumbnail of the secret: the secret is the only magenta picture around.
   TempDir scratch;
   WriteFile(scratch / "probe", data);
-  const std::string colour = Capture("/usr/bin/convert " + Quote(scratch / "probe") +
-                                     "'[0]' -scale '1x1!' -format '%[fx:int(255*r)],%[fx:int(255*g)],"
-                                     "%[fx:int(255*b)]' info: 2>/dev/null");
+  const std::string colour = Capture("/usr/bin/convert " + Quote(scratch / "probe") + "'[0]' -scale '1x1!' -format "
+                                     "'%[fx:int(255*r)],%[fx:int(255*g)],%[fx:int(255*b)]' info: 2>/dev/null");
   int r = 0, g = 0, b = 0;
   return sscanf(colour.c_str(), "%d,%d,%d", &r, &g, &b) == 3 && r > 200 && g < 60 && b > 200;
 }

@@ -1,14 +1,9 @@
 // Attacks for tests: the code under test runs as root in this process (or
 // in programs it starts); the attacker is an ordinary user, played by a
-// forked child that dropped to uid/gid 65534 and can do only what such a
-// user can. Tests that use these skip when not run as root.
+// forked child that dropped to uid/gid 65534. Tests that use these skip
+// when not run as root.
 #ifndef KOVATHUMB_TESTS_ATTACKER_H_
 #define KOVATHUMB_TESTS_ATTACKER_H_
-
-#include <sys/types.h>
-
-#include <functional>
-#include <string>
 
 #include "support/test_util.h"
 
@@ -27,8 +22,7 @@ class AttackerLoop {
   ~AttackerLoop();
   AttackerLoop(const AttackerLoop&) = delete;
   AttackerLoop& operator=(const AttackerLoop&) = delete;
-  // How many times `step` has run so far.
-  long Rounds() const;
+  long Rounds() const { return *rounds_; }  // how many times `step` has run
 
  private:
   pid_t pid_;
@@ -41,10 +35,8 @@ class AttackerLoop {
 struct AttackTree {
   AttackTree();
   TempDir top;
-  std::string tree;
-  std::string mine;
-  std::string secret;
-  // Whether `data` holds the secret's bytes.
+  std::string tree = top / "tree", mine = top / "tree/alice", secret = top / "secret.jpg";
+  // Whether `data` holds the secret's bytes or a thumbnail of it.
   bool Leaks(const std::string& data) const;
 };
 

@@ -10,11 +10,9 @@ namespace kovathumb {
 namespace test {
 
 struct Response {
-  std::string raw;
-  std::string firstLine;
+  std::string raw, firstLine, body;
   int status = 0;  // of "HTTP/1.1 N" or "Status: N"; 200 for a CGI without one
   std::map<std::string, std::string> headers;  // names lower-cased
-  std::string body;
   bool complete = false;  // the header block ended with an empty line
 };
 

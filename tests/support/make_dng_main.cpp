@@ -12,17 +12,9 @@ int main(int argc, char** argv) {
     std::cerr << "usage: kovathumb_make_dng OUT.dng [PREVIEW.jpg W H]\n";
     return 2;
   }
-  std::string jpeg;
-  unsigned w = 0, h = 0;
-  if (argc == 5) {
-    std::ifstream in(argv[2], std::ios::binary);
-    std::ostringstream s;
-    s << in.rdbuf();
-    jpeg = s.str();
-    w = static_cast<unsigned>(std::atoi(argv[3]));
-    h = static_cast<unsigned>(std::atoi(argv[4]));
-  }
+  std::ostringstream jpeg;
+  if (argc == 5) jpeg << std::ifstream(argv[2], std::ios::binary).rdbuf();
   std::ofstream out(argv[1], std::ios::binary);
-  out << kovathumb::test::MakeDng(256, 192, jpeg, w, h);
+  out << kovathumb::test::MakeDng(256, 192, jpeg.str(), argc == 5 ? std::atoi(argv[3]) : 0, argc == 5 ? std::atoi(argv[4]) : 0);
   return out ? 0 : 1;
 }

@@ -2,9 +2,7 @@
 
 #include <dirent.h>
 #include <sched.h>
-#include <stdlib.h>
 #include <sys/mount.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 
 #include <cstdio>
@@ -20,8 +18,7 @@ namespace kovathumb {
 namespace test {
 
 TempDir::TempDir() {
-  const char* tmp = getenv("TMPDIR");
-  std::string tmpl = std::string(tmp != nullptr && *tmp != '\0' ? tmp : "/tmp") + "/kovathumb_test_XXXXXX";
+  std::string tmpl = std::string(getenv("TMPDIR") != nullptr ? getenv("TMPDIR") : "/tmp") + "/kovathumb_test_XXXXXX";
   if (mkdtemp(&tmpl[0]) == nullptr) abort();
   path_ = tmpl;
 }
@@ -42,10 +39,9 @@ int Sh(const std::string& command) {
 std::string Capture(const std::string& command) {
   std::string out;
   FILE* p = popen(command.c_str(), "r");
-  if (p == nullptr) return out;
   char buf[4096];
-  for (size_t n; (n = fread(buf, 1, sizeof buf, p)) > 0;) out.append(buf, n);
-  pclose(p);
+  for (size_t n; p != nullptr && (n = fread(buf, 1, sizeof buf, p)) > 0;) out.append(buf, n);
+  if (p != nullptr) pclose(p);
   return out;
 }
 
@@ -76,15 +72,17 @@ std::pair<unsigned, unsigned> BodySize(const std::string& imageBytes) {
   return ImageSize(dir / "image");
 }
 
-bool Exists(const std::string& path) {
-  struct stat st;
-  return lstat(path.c_str(), &st) == 0;
+struct stat Stat(const std::string& path) {
+  struct stat st = {};
+  if (lstat(path.c_str(), &st) != 0) st = {};
+  return st;
 }
 
+bool Exists(const std::string& path) { return Stat(path).st_nlink > 0; }
+
 std::string ReadFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
   std::ostringstream s;
-  s << in.rdbuf();
+  s << std::ifstream(path, std::ios::binary).rdbuf();
   return s.str();
 }
 
@@ -96,12 +94,11 @@ void WriteFile(const std::string& path, const std::string& data, unsigned mode) 
 std::vector<std::string> ListDir(const std::string& dir, const std::string& prefix) {
   std::vector<std::string> names;
   DIR* d = opendir(dir.c_str());
-  if (d == nullptr) return names;
-  while (struct dirent* e = readdir(d)) {
+  while (struct dirent* e = d != nullptr ? readdir(d) : nullptr) {
     std::string n = e->d_name;
     if (n != "." && n != ".." && n.compare(0, prefix.size(), prefix) == 0) names.push_back(n);
   }
-  closedir(d);
+  if (d != nullptr) closedir(d);
   return names;
 }
 
@@ -114,9 +111,7 @@ int WithStandIns(const std::map<std::string, std::string>& standIns, const std::
   pid_t pid = fork();
   if (pid == 0) {
     alarm(30);
-    if (unshare(CLONE_NEWNS) != 0 || mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
-      _exit(kNoNamespace);
-    }
+    if (unshare(CLONE_NEWNS) != 0 || mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) _exit(kNoNamespace);
     int n = 0;
     for (const auto& tool : standIns) {
       const std::string real = dir / ("real" + std::to_string(n)), script = dir / ("stand-in" + std::to_string(n++));
@@ -167,14 +162,10 @@ LogCapture::LogCapture() {
 
 LogCapture::~LogCapture() { internal::SetLogSink(nullptr); }
 
-std::vector<std::string> LogCapture::Lines() const {
-  std::lock_guard<std::mutex> lock(g_log_mutex);
-  return g_log_lines;
-}
-
 int LogCapture::Count(const std::string& text) const {
+  std::lock_guard<std::mutex> lock(g_log_mutex);
   int n = 0;
-  for (const std::string& l : Lines()) n += l.find(text) != std::string::npos;
+  for (const std::string& l : g_log_lines) n += l.find(text) != std::string::npos;
   return n;
 }
 

@@ -3,6 +3,7 @@
 #ifndef KOVATHUMB_TESTS_TEST_UTIL_H_
 #define KOVATHUMB_TESTS_TEST_UTIL_H_
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <functional>
@@ -16,7 +17,7 @@
 namespace kovathumb {
 namespace test {
 
-// A fresh directory under $TMPDIR (or /tmp), removed with everything in it.
+// A fresh directory under $TMPDIR, removed with everything in it.
 class TempDir {
  public:
   TempDir();
@@ -32,27 +33,26 @@ class TempDir {
 
 // Quotes `s` for the shell (fixture commands only).
 std::string Quote(const std::string& s);
-// Runs a shell command for fixture making; returns its exit status.
+// Runs a shell command; its exit status.
 int Sh(const std::string& command);
-// Runs a command and returns its standard output.
+// Runs a command; its standard output.
 std::string Capture(const std::string& command);
 // Runs `command` and fails the current test when it does not exit 0.
 void MustSh(const std::string& command);
 
-// Writes an image with ImageMagick: `spec` is its source ("xc:red",
-// "plasma:", "gradient:") at `w` x `h`.
-void MakeImage(const std::string& path, unsigned w, unsigned h,
-               const std::string& spec = "gradient:red-blue");
+// Writes an image with ImageMagick from `spec` ("xc:red", "plasma:") at `w` x `h`.
+void MakeImage(const std::string& path, unsigned w, unsigned h, const std::string& spec = "gradient:red-blue");
 // A noisy JPEG that outweighs its decoded estimate at every size, so that
 // requests convert it; turned by EXIF `orientation` unless 0.
 void MakePhoto(const std::string& path, unsigned w = 1600, unsigned h = 1200, int orientation = 0);
-// Sets EXIF "key" to `value` with exiv2.
 void SetExif(const std::string& path, const std::string& key, const std::string& value);
-// Width and height of an image file, read by ImageMagick's identify.
+// Width and height of an image file, or of image bytes.
 std::pair<unsigned, unsigned> ImageSize(const std::string& path);
 std::pair<unsigned, unsigned> BodySize(const std::string& imageBytes);
 
 bool Exists(const std::string& path);
+// The file's status, all zero when there is none (links not followed).
+struct stat Stat(const std::string& path);
 std::string ReadFile(const std::string& path);
 void WriteFile(const std::string& path, const std::string& data, unsigned mode = 0644);
 // Names in `dir` that start with `prefix`.
@@ -72,7 +72,6 @@ class LogCapture {
  public:
   LogCapture();
   ~LogCapture();
-  std::vector<std::string> Lines() const;
   // Lines that contain `text`.
   int Count(const std::string& text) const;
 };

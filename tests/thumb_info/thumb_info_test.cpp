@@ -1,8 +1,6 @@
 // The record's questions and names, on records filled by hand.
 #include "kovathumb/thumb_info.h"
 
-#include <sys/stat.h>
-#include <unistd.h>
 #include <utime.h>
 
 #include <gtest/gtest.h>
@@ -10,6 +8,7 @@
 #include <stdexcept>
 
 #include "kovathumb/error.h"
+#include "thumb_info/decisions.h"
 #include "support/test_util.h"
 #include "support/thumb_info_access.h"
 
@@ -22,37 +21,31 @@ ThumbInfo Make(const std::string& mime, unsigned w, unsigned h, int rotate, cons
   info.SetUserRotate(userRotate);
   return info;
 }
-std::string Target(const ThumbInfo& info) { return info.GetXString(); }
 
 TEST(ThumbInfoTest, TargetBoxTurnsWithOddRotationAndIsCapped) {
   EXPECT_THROW(ThumbInfo("/no/such/file", "big", {640, 640}), Error);
-  EXPECT_EQ(Target(Make("image/jpeg", 4000, 3000, 0, "__CUSTOM_SIZE__", {800, 600})), "800x600");
-  EXPECT_EQ(Target(Make("image/jpeg", 4000, 3000, 0, "__CUSTOM_SIZE__", {800, 600}, 1)), "600x800");
-  EXPECT_EQ(Target(Make("image/jpeg", 4000, 3000, 0, "__CUSTOM_SIZE__", {800, 600}, -1)), "600x800");
-  EXPECT_EQ(Target(Make("image/jpeg", 4000, 3000, 1, "small", {320, 240}, -1)), "320x240");  // cancels out
-  EXPECT_EQ(Target(Make("image/jpeg", 500, 400, 0, "big", {800, 600})), "500x400");
-  EXPECT_EQ(Target(Make("", 0, 0, 1, "big", {320, 240})), "240x320");
+  for (auto [info, target] : {std::pair(Make("image/jpeg", 4000, 3000, 0, "__CUSTOM_SIZE__", {800, 600}), "800x600"),
+                              {Make("image/jpeg", 4000, 3000, 0, "__CUSTOM_SIZE__", {800, 600}, 1), "600x800"},
+                              {Make("image/jpeg", 4000, 3000, 0, "__CUSTOM_SIZE__", {800, 600}, -1), "600x800"},
+                              {Make("image/jpeg", 4000, 3000, 1, "small", {320, 240}, -1), "320x240"},  // cancels out
+                              {Make("image/jpeg", 500, 400, 0, "big", {800, 600}), "500x400"},
+                              {Make("", 0, 0, 1, "big", {320, 240}), "240x320"}}) {
+    EXPECT_EQ(info.GetXString(), target);
+  }
 }
 
 TEST(ThumbInfoTest, NeedConvertAndOutputType) {
-  struct Case {
-    ThumbInfo info;
-    bool convert;
-    const char* ext;
-  };
-  const Case cases[] = {
-      {Make("image/jpeg", 4000, 3000, 1, "small", {320, 240}), true, ".jpg"},
-      {Make("image/png", 300, 200, 0, "small", {320, 240}), false, ".png"},
-      {Make("image/png", 300, 200, 0, "small", {320, 240}, 4), true, ".png"},  // a whole turn still counts
-      {Make("image/jpeg", 1000, 1000, 0, "large", {1, 1}), false, ".jpg"},
-      {Make("image/jpeg", 1280, 1280, 0, "large", {1, 1}), true, ".jpg"},
-      {Make("image/x-ms-bmp", 100, 100, 0, "big"), false, ".jpg"},  // usable as it is, typed JPEG
-      {Make("image/tiff", 10, 10, 0, "big"), true, ".jpg"},
-      {Make("image/gif", 100, 100, 0, "big"), true, ".jpg"},
-  };
-  for (const Case& c : cases) {
-    EXPECT_EQ(c.info.IsNeedConvert(), c.convert) << c.info.GetMimeType() << c.info.GetWidth();
-    EXPECT_EQ(c.info.GetOutputExtension(), c.ext) << c.info.GetMimeType();
+  for (auto [info, convert, ext] : {
+           std::tuple(Make("image/jpeg", 4000, 3000, 1, "small", {320, 240}), true, ".jpg"),
+           {Make("image/png", 300, 200, 0, "small", {320, 240}), false, ".png"},
+           {Make("image/png", 300, 200, 0, "small", {320, 240}, 4), true, ".png"},  // a whole turn still counts
+           {Make("image/jpeg", 1000, 1000, 0, "large", {1, 1}), false, ".jpg"},
+           {Make("image/jpeg", 1280, 1280, 0, "large", {1, 1}), true, ".jpg"},
+           {Make("image/x-ms-bmp", 100, 100, 0, "big"), false, ".jpg"},  // usable as it is, typed JPEG
+           {Make("image/tiff", 10, 10, 0, "big"), true, ".jpg"},
+           {Make("image/gif", 100, 100, 0, "big"), true, ".jpg"}}) {
+    EXPECT_EQ(info.IsNeedConvert(), convert) << info.GetMimeType() << info.GetWidth();
+    EXPECT_EQ(info.GetOutputExtension(), ext) << info.GetMimeType();
   }
   ThumbInfo gif = Make("image/gif", 100, 100, 0, "big");
   gif.SetEnableGIF(true);
@@ -105,6 +98,53 @@ TEST(ThumbInfoTest, UpToDateByWholeSecondsTimesCopiedAndSizeLow32Bits) {
   const long long size = (5LL << 30) + 123;  // sparse: takes no disk
   ASSERT_EQ(truncate(src.c_str(), size), 0);
   EXPECT_EQ(ThumbInfo(src, "big", {640, 640}).GetFileSize(), static_cast<unsigned>(size & 0xFFFFFFFFLL));
+}
+
+using namespace internal;  // the decisions behind the record
+
+TEST(OrientationIndexTest, StandardTagThenMakerNotes) {
+  // No standard tag: maker notes unread; a standard tag other than 1 wins;
+  // 1 defers to the maker note; no number: no orientation, no exception.
+  const std::string one = "1", six = "6", eight = "8", zero = "0", nine = "9", junk = "x", huge = "99999999999",
+                    spaced = " 3 (rotate)";
+  for (auto [tag, note, index] : {std::tuple(&six, &eight, 5), {&one, &eight, 7}, {&spaced, nullptr, 2}, {nullptr, &eight, 0},
+                                  {&one, nullptr, 0}, {&zero, nullptr, 0}, {&nine, nullptr, 0}, {&one, &nine, 0},
+                                  {&junk, nullptr, 0}, {&huge, nullptr, 0}, {&one, &junk, 0}, {&one, &huge, 0}}) {
+    EXPECT_EQ(OrientationIndex(tag, note), index) << (tag ? *tag : "-") << " " << (note ? *note : "-");
+  }
+  EXPECT_EQ(TurnSum(2147483647, 1), -2147483647 - 1);  // wraps instead of overflowing
+}
+
+TEST(ChoosePreviewTest, BoxRules) {
+  using P = std::vector<PreviewProps>;
+  const ThumbDimension box{320, 240}, unlimited{2147483647, 2147483647};
+  struct Case {
+    P previews;
+    const char* mime;
+    ThumbDimension box;
+    int chosen;
+  };
+  const Case cases[] = {
+      // 1920x1080 exceeds twice the box on both axes; 640x480 does not (not greater).
+      {P{{"image/jpeg", 160, 120}, {"image/jpeg", 640, 480}, {"image/jpeg", 1920, 1080}}, "image/jpeg", box, 1},
+      {P{{"image/jpeg", 160, 120}}, "image/jpeg", box, -1},  // below 0.75 of the box's area
+      {P{{"image/jpeg", 1000, 200}}, "image/jpeg", box, 0},  // too large on one axis only
+      {P{{"image/jpeg", 400, 300}, {"image/jpeg", 300, 400}}, "image/jpeg", box, 0},  // equal areas: the earlier
+      {P{}, "image/jpeg", box, -1},
+      {P{{"image/tiff", 640, 480}, {"image/jpeg", 320, 240}}, "image/x-canon-cr2", box, 1},  // Canon's TIFF skipped
+      {P{{"image/tiff", 640, 480}}, "image/x-nikon-nef", box, 0},
+      {P{{"image/jpeg", 160, 120}, {"image/jpeg", 6000, 4000}, {"image/jpeg", 1616, 1080}}, "image/jpeg", unlimited, 1},
+  };
+  for (const Case& c : cases) EXPECT_EQ(ChoosePreview(c.previews, c.mime, c.box), c.chosen) << &c - cases;
+}
+
+TEST(HeifOrientationIndexTest, ExifCountsOnlyWhereLibheifTurnedNothing) {
+  // Without irot the Exif turn is ours to make; otherwise libheif turned it already.
+  for (auto [exif, w, h, ispeW, ispeH, index] :
+       {std::tuple(6, 4032u, 3024u, 4032u, 3024u, 5), {6, 3024u, 4032u, 4032u, 3024u, 0}, {8, 4032u, 3024u, 4032u, 3024u, 7},
+        {3, 4032u, 3024u, 4032u, 3024u, 0}, {6, 100u, 100u, 100u, 100u, 0}, {0, 4032u, 3024u, 4032u, 3024u, 0}}) {
+    EXPECT_EQ(HeifOrientationIndex(exif, w, h, ispeW, ispeH), index) << exif << " " << w;
+  }
 }
 
 }  // namespace

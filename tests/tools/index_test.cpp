@@ -1,12 +1,10 @@
 // kovathumb index over real trees.
 #include <signal.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
-#include <algorithm>
 #include <fstream>
 #include <sstream>
 
@@ -53,14 +51,14 @@ TEST(IndexTest, SecondRunConvertsNothingAndFailuresCostOneFile) {
   ASSERT_EQ(symlink((dir / "outside/o.jpg").c_str(), (tree + "/out.jpg").c_str()), 0);
   ASSERT_EQ(symlink((dir / "outside").c_str(), (tree + "/outdir").c_str()), 0);
   EXPECT_EQ(Wait(StartIndex("-j 2 " + Quote(tree), out)), 1);
-  nlohmann::json first = Summary(out);
+  const nlohmann::json first = Summary(out);
   EXPECT_EQ(first["files"], 4);  // the links out of the tree are not followed
   EXPECT_GT(first["made"].get<int>(), 8);
   EXPECT_EQ(first["failed_files"], nlohmann::json({tree + "/garbage.jpg"}));
   EXPECT_TRUE(test::Exists(tree + "/sub/.kovaea/b.jpg/KOVAFILE_THUMB_B.jpg"));
   EXPECT_FALSE(test::Exists(dir / "outside/.kovaea"));
   EXPECT_EQ(Wait(StartIndex(Quote(tree), out)), 1);
-  nlohmann::json second = Summary(out);
+  const nlohmann::json second = Summary(out);
   EXPECT_EQ(second["made"], 0);
   EXPECT_EQ(second["up_to_date"].get<int>(), first["made"].get<int>() + first["up_to_date"].get<int>());
   EXPECT_EQ(test::EALeftovers(tree), "");
@@ -70,15 +68,14 @@ TEST(IndexTest, AWorkerThatDiesCostsItsFileOnly) {
   test::TempDir dir;
   for (const char* n : {"a.jpg", "b.jpg", "c.jpg"}) test::MakePhoto(dir / n);
   const std::string out = dir / "out.json";
-  pid_t index = StartIndex("-j 1 " + Quote(dir.path()), out);
-  pid_t worker = 0;
+  pid_t index = StartIndex("-j 1 " + Quote(dir.path()), out), worker = 0;
   const std::string children = "/proc/" + std::to_string(index) + "/task/" + std::to_string(index) + "/children";
   for (int i = 0; i < 2000 && worker <= 0; ++i, usleep(2000)) std::ifstream(children) >> worker;
   ASSERT_GT(worker, 0);
   kill(worker, SIGKILL);   // the worker, whether or not it has its group yet
   kill(-worker, SIGKILL);  // and the tool it runs
   EXPECT_EQ(Wait(index), 1);
-  nlohmann::json summary = Summary(out);
+  const nlohmann::json summary = Summary(out);
   EXPECT_EQ(summary["files"], 3);
   EXPECT_EQ(summary["failed"], 1);
   EXPECT_NE(test::ReadFile(out).find("worker killed by signal 9"), std::string::npos);
@@ -107,9 +104,8 @@ TEST(IndexRootTest, AtMostJWorkersAndAnInterruptStopsCleanly) {
   std::istringstream counts(test::ReadFile(dir / "counts"));
   int most = 0;
   for (int n; counts >> n;) most = std::max(most, n);
-  EXPECT_GT(most, 0);
-  EXPECT_LE(most, 2);
-  nlohmann::json summary = Summary(out);
+  EXPECT_TRUE(most > 0 && most <= 2) << most;
+  const nlohmann::json summary = Summary(out);
   EXPECT_EQ(summary["interrupted"], true);
   EXPECT_LT(summary["done"].get<int>(), 5);
   EXPECT_EQ(summary["failed"], 0);  // interrupted, not failed
@@ -125,11 +121,9 @@ TEST(IndexTest, VideosGetAScreenshotWhenFfmpegIsThere) {
   test::TempDir dir;
   test::MustSh("ffmpeg -nostdin -v error -f lavfi -i testsrc=duration=1:size=320x240:rate=10 -pix_fmt yuv420p " +
                Quote(dir / "clip.mp4"));
-  const std::string out = dir / "out.json";
-  EXPECT_EQ(Wait(StartIndex(Quote(dir.path()), out)), 0);
-  EXPECT_EQ(Summary(out)["made"], 1);
-  EXPECT_EQ(test::ImageSize(dir.path() + "/.kovaea/clip.mp4/KOVAVIDEO_VIDEO_SCREENSHOT.jpg"),
-            std::make_pair(320u, 240u));
+  EXPECT_EQ(Wait(StartIndex(Quote(dir.path()), dir / "out.json")), 0);
+  EXPECT_EQ(Summary(dir / "out.json")["made"], 1);
+  EXPECT_EQ(test::ImageSize(dir.path() + "/.kovaea/clip.mp4/KOVAVIDEO_VIDEO_SCREENSHOT.jpg"), std::make_pair(320u, 240u));
 }
 
 }  // namespace

@@ -2,7 +2,6 @@
 #include "kovathumb/file.h"
 
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <gtest/gtest.h>
 
@@ -20,12 +19,11 @@ using test::LogCapture;
 
 TEST(ErrorTest, TextKeepsCodeAndTrailingBlankAndOutlivesTheOriginal) {
   EXPECT_STREQ(Error(602).what(), "(E602) ");
-  EXPECT_STREQ(Error(601, "Can't stat /a.jpg").what(), "(E601) Can't stat /a.jpg");
-  auto original = std::make_unique<Error>(603, "gone");
+  auto original = std::make_unique<Error>(601, "Can't stat /a.jpg");
   Error copy(*original);
   original.reset();
-  EXPECT_EQ(copy.Code(), 603);
-  EXPECT_STREQ(copy.what(), "(E603) gone");
+  EXPECT_EQ(copy.Code(), 601);
+  EXPECT_STREQ(copy.what(), "(E601) Can't stat /a.jpg");
 }
 
 TEST(FormatsTest, ExtensionsAndSets) {
@@ -37,9 +35,6 @@ TEST(FormatsTest, ExtensionsAndSets) {
   EXPECT_FALSE(IsSupportImage("/x/a.jpeg2000"));
   EXPECT_TRUE(IsSupportVideo("/x/clip.MTS"));
   EXPECT_FALSE(IsSupportVideo("/x/a.mp4.jpg"));
-  EXPECT_EQ(ImageExtensionSet().size(), 33u);
-  EXPECT_EQ(VideoExtensionSet().size(), 48u);
-  for (const char* ext : kImageExtensions) EXPECT_FALSE(IsSupportVideo(ext)) << ext;
 }
 
 class FileTest : public ::testing::Test {
@@ -49,7 +44,7 @@ class FileTest : public ::testing::Test {
   test::TempDir dir_;
 };
 
-TEST_F(FileTest, EAPaths) {
+TEST_F(FileTest, EAPathsAndDirectories) {
   EXPECT_EQ(file::GetEAPath(dir_ / "photo.jpg", "N.jpg"), dir_.path() + "/.kovaea/photo.jpg/N.jpg");
   const std::string tmp = file::GetEATmpPath(dir_ / "photo.jpg", "x.jpg");
   const std::string head = dir_.path() + "/.kovaea/photo.jpg/x.jpg_" + std::to_string(getpid()) + "_";
@@ -59,37 +54,28 @@ TEST_F(FileTest, EAPaths) {
   LogCapture log;
   EXPECT_EQ(file::GetEATmpPath("/dir/", "x.jpg"), "");
   EXPECT_EQ(log.Count("(GetEAPath) \"Get EA path for x.jpg failed\""), 1);
-}
-
-TEST_F(FileTest, MakeEADirCreatesReusesAndRefusesAPlainFile) {
+  // Made, reused without being made again, refused over a plain file.
   EXPECT_TRUE(file::MakeEADir(dir_ / "a.jpg"));
   struct stat st;
-  ASSERT_EQ(stat((dir_.path() + "/.kovaea/a.jpg").c_str(), &st), 0);
-  EXPECT_TRUE(S_ISDIR(st.st_mode));
+  EXPECT_TRUE(stat((dir_.path() + "/.kovaea/a.jpg").c_str(), &st) == 0 && S_ISDIR(st.st_mode));
   EXPECT_TRUE(file::MakeEADir(dir_ / "a.jpg"));
-  EXPECT_EQ(fake::State().eamkdir_calls, 1);  // already there: not made again
+  EXPECT_EQ(fake::State().eamkdir_calls, 1);
   test::WriteFile(dir_.path() + "/.kovaea/b.jpg", "not a directory");
   EXPECT_FALSE(file::MakeEADir(dir_ / "b.jpg"));
 }
 
-TEST_F(FileTest, EAWriteSupportByFileSystemType) {
-  {
-    LogCapture log;
-    EXPECT_TRUE(file::IsDestSupportEAWrite("/no/such/dir"));
-    EXPECT_EQ(log.Count("failed to statfs /no/such/dir, reason=[(2)No such file or directory]"), 1);
-  }
+TEST_F(FileTest, EAWriteSupportByFileSystemTypeAndMoves) {
+  LogCapture log;
+  EXPECT_TRUE(file::IsDestSupportEAWrite("/no/such/dir"));
+  EXPECT_EQ(log.Count("failed to statfs /no/such/dir, reason=[(2)No such file or directory]"), 1);
   EXPECT_TRUE(file::IsDestSupportEAWrite(dir_.path()));
   for (int type : {12, 5, 9}) {  // FAT, NFS (remote), squashfs (image)
     fake::State().fs_type = type;
     EXPECT_FALSE(file::IsDestSupportEAWrite(dir_.path())) << type;
   }
-}
-
-TEST_F(FileTest, SDKMoveFile) {
   test::WriteFile(dir_ / "from", "data");
   EXPECT_TRUE(file::SDKMoveFile(dir_ / "from", dir_ / "to"));
   EXPECT_EQ(test::ReadFile(dir_ / "to"), "data");
-  LogCapture log;
   EXPECT_FALSE(file::SDKMoveFile(dir_ / "from", dir_ / "to"));
   EXPECT_EQ(log.Count("\"KOVAFileCopy failed\""), 1);
 }
