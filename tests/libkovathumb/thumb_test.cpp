@@ -8,7 +8,7 @@
 
 #include <stdexcept>
 
-#include "support/attacker.h"
+#include "support/test_util.h"
 #include "support/fake_platform.h"
 #include "support/http.h"
 
@@ -21,11 +21,6 @@ using test::LogCapture;
 using test::Quote;
 using Size = std::pair<unsigned, unsigned>;
 
-void SetMtime(const std::string& path, time_t mtime) {
-  struct utimbuf t = {mtime, mtime};
-  utime(path.c_str(), &t);
-}
-
 std::vector<std::string> PreviewFiles() { return test::ListDir("/tmp", "thumb." + std::to_string(getpid()) + "."); }
 
 class ThumbTest : public ::testing::Test {
@@ -36,9 +31,9 @@ class ThumbTest : public ::testing::Test {
   std::string Store(const std::string& name, unsigned w, unsigned h, long age = 0) {
     test::MustSh("mkdir -p " + Quote(ea_));
     test::MakeImage(ea_ + "/" + name, w, h, "xc:orange");
-    struct stat st;
-    stat(src_.c_str(), &st);
-    SetMtime(ea_ + "/" + name, st.st_mtime + age);
+    const time_t mtime = test::Stat(src_).st_mtime + age;
+    const struct utimbuf times = {mtime, mtime};
+    utime((ea_ + "/" + name).c_str(), &times);
     return ea_ + "/" + name;
   }
   test::Response Output(Thumb& thumb, const std::string& size, int* result = nullptr) {
@@ -54,7 +49,6 @@ class ThumbTest : public ::testing::Test {
 
 TEST_F(ThumbTest, ConvertsStoresAndSendsAnUprightThumbnail) {
   test::MakePhoto(src_, 1600, 1200, 6);
-  SetMtime(src_, 1600000000);
   Thumb thumb(src_, 0, false);
   int result = 0;
   test::Response r = Output(thumb, "big", &result);
@@ -65,15 +59,6 @@ TEST_F(ThumbTest, ConvertsStoresAndSendsAnUprightThumbnail) {
   EXPECT_EQ(BodySize(r.body), Size(480, 640));
   EXPECT_EQ(thumb.GetOutputType(), "Dossiva");
   EXPECT_EQ(thumb.GetOutputFile(), ea_ + "/KOVAFILE_THUMB_B_r1.jpg");
-  // Stored as root, mode 0777, access time 0 and the source's modification time.
-  ASSERT_FALSE(Thumb(src_, 0, false).CalcOutputFile("medium").empty());
-  const struct stat st = test::Stat(ea_ + "/KOVAFILE_THUMB_M_r1.jpg");
-  EXPECT_EQ(st.st_uid, geteuid());
-  EXPECT_EQ(st.st_mode & 07777, 0777u);
-  if (geteuid() == 0) {  // times are set as root only
-    EXPECT_EQ(st.st_atime, 0);
-    EXPECT_EQ(st.st_mtime, 1600000000);
-  }
   EXPECT_EQ(test::ListDir(ea_, "KOVAFILETMP").size(), 0u);
   EXPECT_TRUE(PreviewFiles().empty());
 }
@@ -109,15 +94,14 @@ TEST_F(ThumbTest, UpToDateStoredThumbnailsAreServedWithoutConversion) {
 
 TEST_F(ThumbTest, OriginalsSmallSourcesAndVideos) {
   test::MakeImage(src_, 320, 240);
-  Thumb thumb(src_, 0, false);
-  EXPECT_EQ(Output(thumb, "original").body, test::ReadFile(src_));
-  EXPECT_EQ(thumb.GetOutputType(), "Original");
-  // A small turned JPEG: conversion would not make it smaller.
   test::MakeImage(dir_ / "small.jpg", 640, 480);
   test::SetExif(dir_ / "small.jpg", "Exif.Image.Orientation", "6");
-  Thumb small(dir_ / "small.jpg", 0, false);
-  EXPECT_EQ(Output(small, "small").body, test::ReadFile(dir_ / "small.jpg"));
-  EXPECT_EQ(small.GetOutputType(), "Original");
+  // A small turned JPEG: conversion would not make it smaller.
+  for (auto [path, size] : {std::pair(src_, "original"), {dir_ / "small.jpg", "small"}}) {
+    Thumb thumb(path, 0, false);
+    EXPECT_EQ(Output(thumb, size).body, test::ReadFile(path)) << path;
+    EXPECT_EQ(thumb.GetOutputType(), "Original");
+  }
   for (const char* name : {"scan.tif", "clip.mp4"}) {
     test::MakeImage(dir_ / name, 64, 64);
     Thumb none(dir_ / name, 0, false);
@@ -157,31 +141,9 @@ TEST_F(ThumbTest, MoveAcrossFileSystemsFallsBackToMv) {
   EXPECT_EQ(test::ReadFile(dir_ / "stored.jpg"), data);
   ASSERT_EQ(fake::State().exec_calls.size(), 1u);
   EXPECT_EQ(fake::State().exec_calls[0][0], "/bin/mv");
-  struct stat st;
-  stat((dir_ / "stored.jpg").c_str(), &st);
-  EXPECT_TRUE(geteuid() != 0 || st.st_mtime == 1234);  // times are set as root only
   LogCapture log;
   EXPECT_FALSE(thumb.SaveThumbToEA(dir_ / "gone", dir_ / "x", 0));
   EXPECT_EQ(log.Count("\"Can not acess thumbnail '" + dir_.path() + "/gone'\\n\""), 1);
-}
-
-using ThumbRootTest = ThumbTest;
-
-TEST_F(ThumbRootTest, StoringWithoutRootLogsTheGuardAndKeepsTheFile) {
-  KT_SKIP_UNLESS_ROOT();
-  test::WriteFile(src_, "source");
-  chmod(dir_.path().c_str(), 0777);
-  EXPECT_TRUE(test::AsAttacker([&] {
-    LogCapture log;
-    test::MakeImage(dir_ / "tmp.jpg", 8, 8);
-    return Thumb(src_, 0, false).SaveThumbToEA(dir_ / "tmp.jpg", dir_ / "stored.jpg", 0) &&
-           log.Count("libkovathumb.cpp:489 ERROR: IF_RUN_AS2(\"root\")") == 1 &&
-           log.Count("libkovathumb.cpp:510 ERROR: IF_RUN_AS2(\"root\")") == 1;
-  }));
-  struct stat st;
-  ASSERT_EQ(stat((dir_ / "stored.jpg").c_str(), &st), 0);
-  EXPECT_EQ(st.st_uid, test::kAttackerId);
-  EXPECT_EQ(st.st_mode & 0777, 0777u);
 }
 
 TEST_F(ThumbTest, ConvertCountsSizesAndImportNeedsTheOutputType) {
@@ -208,19 +170,17 @@ TEST_F(ThumbTest, ConvertCountsSizesAndImportNeedsTheOutputType) {
 
 TEST_F(ThumbTest, OnlyGalleryThumbnailsAreTurnedForTheUser) {
   test::MakePhoto(src_, 800, 600);
-  const std::string gallery = Store("KOVAPHOTO_THUMB_B.jpg", 64, 32);
-  Thumb turned(src_, 1, false);
-  turned.Rotate(1);
-  test::Response r = Output(turned, "big");
-  EXPECT_EQ(BodySize(r.body), Size(32, 64));
-  EXPECT_EQ(r.headers.count("content-length"), 0u);  // streamed
-  Thumb whole(src_, 1, false);
-  whole.Rotate(4);  // a whole turn: the stored file as it is
-  EXPECT_EQ(Output(whole, "big").body, test::ReadFile(gallery));
-  Store("KOVAFILE_THUMB_B_r1.jpg", 64, 32);
-  Thumb dossiva(src_, 2, false);
-  dossiva.Rotate(1);
-  EXPECT_EQ(BodySize(Output(dossiva, "big").body), Size(64, 32));
+  // A whole turn, or a file manager's thumbnail (already turned): the stored file as it is.
+  for (auto [options, rotate, name, turned] : {std::tuple(1, 1, "KOVAPHOTO_THUMB_B.jpg", true),
+                                               {1, 4, "KOVAPHOTO_THUMB_B.jpg", false}, {2, 1, "KOVAFILE_THUMB_B_r1.jpg", false}}) {
+    const std::string stored = Store(name, 64, 32);
+    Thumb thumb(src_, options, false);
+    thumb.Rotate(rotate);
+    test::Response r = Output(thumb, "big");
+    EXPECT_EQ(BodySize(r.body), turned ? Size(32, 64) : Size(64, 32)) << name << rotate;
+    EXPECT_EQ(r.body == test::ReadFile(stored), !turned) << name << rotate;
+    EXPECT_EQ(r.headers.count("content-length"), turned ? 0u : 1u);  // turned: streamed
+  }
 }
 
 TEST_F(ThumbTest, EmbeddedPreviewBecomesTheThumbnailTurnedAsAsked) {

@@ -2,7 +2,6 @@
 // directory that is full or not writable; eight processes asking for the
 // same thumbnail, not yet made, at once.
 #include <sys/mount.h>
-#include <sys/wait.h>
 
 #include <gtest/gtest.h>
 
@@ -75,21 +74,12 @@ TEST(StressTest, ConcurrentRequestsForTheSameThumbnail) {
   for (int round = 0; round < rounds; ++round) {
     test::MustSh("rm -rf " + test::Quote(dir.path() + "/.kovaea"));
     std::vector<pid_t> pids;
+    for (int c = 0; c < clients; ++c) pids.push_back(test::StartCli("get --dossiva medium " + test::Quote(src), dir / std::to_string(c)));
     for (int c = 0; c < clients; ++c) {
-      pids.push_back(fork());
-      if (pids.back() == 0) {
-        freopen((dir / ("r" + std::to_string(c))).c_str(), "w", stdout);
-        execl(KOVATHUMB_CLI, "kovathumb", "get", "--dossiva", "medium", src.c_str(), static_cast<char*>(nullptr));
-        _exit(127);
-      }
-    }
-    for (int c = 0; c < clients; ++c) {
-      int status = 0;
-      waitpid(pids[c], &status, 0);
-      test::Response r = test::ParseResponse(test::ReadFile(dir / ("r" + std::to_string(c))));
+      const int status = test::WaitExit(pids[c]);
+      test::Response r = test::ParseResponse(test::ReadFile(dir / std::to_string(c)));
       // A whole JPEG: its length as announced, its end marker last.
-      const bool ok = WIFEXITED(status) && WEXITSTATUS(status) == 0 &&
-                      r.headers["content-length"] == std::to_string(r.body.size()) && r.body.size() > 4 &&
+      const bool ok = status == 0 && r.headers["content-length"] == std::to_string(r.body.size()) && r.body.size() > 4 &&
                       r.body.compare(0, 2, "\xFF\xD8") == 0 && r.body.compare(r.body.size() - 2, 2, "\xFF\xD9") == 0;
       if (!ok && ++bad < 5) ADD_FAILURE() << "round " << round << " client " << c;
     }

@@ -5,6 +5,7 @@
 #include <sys/mount.h>
 #include <sys/wait.h>
 
+#include <chrono>
 #include <cstdio>
 #include <fstream>
 #include <mutex>
@@ -46,6 +47,29 @@ std::string Capture(const std::string& command) {
 }
 
 void MustSh(const std::string& command) { ASSERT_EQ(Sh(command), 0) << command; }
+
+pid_t StartCli(const std::string& args, const std::string& out, const std::string& err) {
+  const pid_t pid = fork();
+  if (pid == 0) {
+    const std::string cmd = std::string("exec ") + KOVATHUMB_CLI + " " + args + " >" + Quote(out) + " 2>" + Quote(err);
+    execl("/bin/sh", "sh", "-c", cmd.c_str(), static_cast<char*>(nullptr));
+    _exit(127);
+  }
+  return pid;
+}
+
+int WaitExit(pid_t pid) {
+  int status = 0;
+  waitpid(pid, &status, 0);
+  return WIFEXITED(status) ? WEXITSTATUS(status) : 100 + WTERMSIG(status);
+}
+
+bool WaitFor(const std::function<bool()>& done, int seconds) {
+  for (const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(seconds); !done(); usleep(50000)) {
+    if (std::chrono::steady_clock::now() > end) return false;
+  }
+  return true;
+}
 
 void MakeImage(const std::string& path, unsigned w, unsigned h, const std::string& spec) {
   MustSh("/usr/bin/convert -size " + std::to_string(w) + "x" + std::to_string(h) + " " + spec + " " + Quote(path));
@@ -125,9 +149,7 @@ int WithStandIns(const std::map<std::string, std::string>& standIns, const std::
       _exit(5);  // never back into the test runner from the child
     }
   }
-  int status = 0;
-  waitpid(pid, &status, 0);
-  return WIFEXITED(status) ? WEXITSTATUS(status) : 100 + WTERMSIG(status);
+  return WaitExit(pid);
 }
 
 namespace {

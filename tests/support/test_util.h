@@ -39,6 +39,12 @@ int Sh(const std::string& command);
 std::string Capture(const std::string& command);
 // Runs `command` and fails the current test when it does not exit 0.
 void MustSh(const std::string& command);
+// Starts `kovathumb ARGS` (shell words) with its standard output and error in files.
+pid_t StartCli(const std::string& args, const std::string& out, const std::string& err = "/dev/null");
+// Waits for `pid`: its exit status, or 100 + the signal that killed it.
+int WaitExit(pid_t pid);
+// Polls `done` until it holds or `seconds` pass; whether it held.
+bool WaitFor(const std::function<bool()>& done, int seconds);
 
 // Writes an image with ImageMagick from `spec` ("xc:red", "plasma:") at `w` x `h`.
 void MakeImage(const std::string& path, unsigned w, unsigned h, const std::string& spec = "gradient:red-blue");
