@@ -1,13 +1,11 @@
 // kovathumb watch and prune: their decisions, and the programs over real trees.
 #include <signal.h>
 #include <sys/inotify.h>
-#include <unistd.h>
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
 #include <fstream>
-#include <functional>
 #include <map>
 #include <sstream>
 #include <utility>
@@ -18,8 +16,7 @@
 namespace kovathumb {
 namespace {
 
-using test::Exists;
-using test::Quote;
+using namespace test;
 using tool::Act;
 using tool::Stored;
 
