@@ -1,5 +1,6 @@
-// The platform library: EA paths, copies, and the children it runs.
+// The platform library: EA paths, copies, the children it runs, files sent as responses.
 #include "kovaplatform/kovaplatform.h"
+#include "kovaplatform/webfile_relay.h"
 
 #include <errno.h>
 #include <fcntl.h>
@@ -11,10 +12,7 @@
 
 namespace {
 
-using kovathumb::test::Exists;
-using kovathumb::test::ReadFile;
-using kovathumb::test::TempDir;
-using kovathumb::test::WriteFile;
+using namespace kovathumb::test;
 
 TEST(PlatformEATest, PathsAndRefusals) {
   char buf[4096];
@@ -33,8 +31,7 @@ TEST(PlatformEATest, PathsAndRefusals) {
   TempDir dir;
   const std::string ea = dir.path() + "/.kovaea/a.jpg";
   EXPECT_NE(KOVAEAMKDir(0, ea.c_str()), 0);  // without flag 1 the parent must exist
-  EXPECT_EQ(KOVAEAMKDir(1, ea.c_str()), 0);
-  EXPECT_EQ(KOVAEAMKDir(1, ea.c_str()), 0);
+  EXPECT_EQ(KOVAEAMKDir(1, ea.c_str()) + KOVAEAMKDir(1, ea.c_str()), 0);  // made, then there already
   WriteFile(dir.path() + "/.kovaea/b.jpg", "x");
   EXPECT_NE(KOVAEAMKDir(1, (dir.path() + "/.kovaea/b.jpg").c_str()), 0);
   EXPECT_EQ(KOVAGetFSType("/dev/shm", 0), KOVA_FS_TMPFS);
@@ -47,24 +44,21 @@ TEST(PlatformCopyTest, CopyMoveAcrossFileSystemsAndNoTemporaryLeft) {
   move.move = 1;
   WriteFile(dir / "a", "alpha", 0640);
   ASSERT_EQ(KOVAFileCopy((dir / "a").c_str(), (dir / "b").c_str(), &copy), 0);
-  EXPECT_EQ(ReadFile(dir / "b"), "alpha");
-  EXPECT_TRUE(Exists(dir / "a"));
-  EXPECT_EQ(kovathumb::test::Stat(dir / "b").st_mode & 0777, 0640u);
+  EXPECT_TRUE(ReadFile(dir / "b") == "alpha" && Exists(dir / "a") && (Stat(dir / "b").st_mode & 0777) == 0640u);
   ASSERT_EQ(KOVAFileCopy((dir / "a").c_str(), (dir / "c").c_str(), &move), 0);
   EXPECT_FALSE(Exists(dir / "a"));
   // /dev/shm is a tmpfs, a file system of its own: rename fails with EXDEV.
   const std::string shm = "/dev/shm/kovathumb_test_" + std::to_string(getpid());
   ASSERT_EQ(KOVAFileCopy((dir / "c").c_str(), shm.c_str(), &move), 0);
-  EXPECT_FALSE(Exists(dir / "c"));
-  EXPECT_EQ(ReadFile(shm), "alpha");
+  EXPECT_TRUE(!Exists(dir / "c") && ReadFile(shm) == "alpha");
   EXPECT_NE(KOVAFileCopy((dir / "missing").c_str(), (dir / "d").c_str(), &copy), 0);
   EXPECT_NE(KOVAFileCopy(dir.path().c_str(), (dir / "d").c_str(), &copy), 0);  // a directory
   // The temporary copy is made, then cannot take the place of a directory.
-  kovathumb::test::MustSh("mkdir -p " + kovathumb::test::Quote(dir / "full/x"));
+  MustSh("mkdir -p " + Quote(dir / "full/x"));
   EXPECT_NE(KOVAFileCopy(shm.c_str(), (dir / "full").c_str(), &move), 0);
   EXPECT_TRUE(Exists(shm));
   unlink(shm.c_str());
-  EXPECT_EQ(kovathumb::test::ListDir(dir.path(), ".kovacopy").size(), 0u);
+  EXPECT_EQ(ListDir(dir.path(), ".kovacopy").size(), 0u);
 }
 
 // A shell script's output through KLIBCPopenv, then its KLIBCPclose result.
@@ -83,14 +77,10 @@ bool NoChildren() {
 }
 
 TEST(ExecTest, ResultsOfExitsSignalsAndMissingPrograms) {
-  const char* t[] = {"true", nullptr};
-  const char* f[] = {"false", nullptr};
-  const char* killed[] = {"sh", "-c", "kill -9 $$", nullptr};
-  EXPECT_EQ(KLIBCExecv("/bin/true", t, 1), 0);
-  EXPECT_EQ(KLIBCExecv("/bin/false", f, 1), 1);
-  EXPECT_EQ(KLIBCExecv("/bin/sh", killed, 1), 1);
-  EXPECT_EQ(KLIBCExecv("/no/such/tool", t, 1), -1);
-  EXPECT_EQ(errno, ENOENT);
+  const char *t[] = {"true", nullptr}, *f[] = {"false", nullptr}, *killed[] = {"sh", "-c", "kill -9 $$", nullptr};
+  EXPECT_EQ(std::vector<int>({KLIBCExecv("/bin/true", t, 1), KLIBCExecv("/bin/false", f, 1), KLIBCExecv("/bin/sh", killed, 1)}),
+            std::vector<int>({0, 1, 1}));
+  EXPECT_TRUE(KLIBCExecv("/no/such/tool", t, 1) == -1 && errno == ENOENT);
   EXPECT_EQ(KLIBCExecl("/bin/sh", 0, "sh", "-c", "test \"$0\" = 'a b'", "a b", nullptr), 0);
   EXPECT_EQ(KLIBCExecv("/bin/true", t, 0), 0);  // detached
   usleep(100000);
@@ -105,7 +95,7 @@ TEST(ExecTest, ChildSeesNullInputNoDescriptorsOfOursLimitsAndNoStdout) {
   EXPECT_EQ(Popen("ulimit -t"), std::to_string(KOVA_CHILD_CPU_SECONDS) + "\n0");
   EXPECT_EQ(Popen("ulimit -v"), std::to_string(KOVA_CHILD_ADDRESS_SPACE / 1024) + "\n0");
   // A tool's output goes to our standard error, never into a response.
-  kovathumb::test::TempDir dir;
+  TempDir dir;
   if (fork() == 0) {
     dup2(open((dir / "out").c_str(), O_WRONLY | O_CREAT, 0600), 1);
     dup2(open((dir / "err").c_str(), O_WRONLY | O_CREAT, 0600), 2);
@@ -113,23 +103,87 @@ TEST(ExecTest, ChildSeesNullInputNoDescriptorsOfOursLimitsAndNoStdout) {
     _exit(KLIBCExecv("/bin/echo", echo, 1));
   }
   wait(nullptr);
-  EXPECT_EQ(kovathumb::test::ReadFile(dir / "out") + "|" + kovathumb::test::ReadFile(dir / "err"), "|tool output\n");
+  EXPECT_EQ(ReadFile(dir / "out") + "|" + ReadFile(dir / "err"), "|tool output\n");
 }
 
 TEST(ExecTest, PopenStatusAndUnknownStreams) {
   EXPECT_EQ(Popen("echo hi; exit 3"), "hi\n1");
   const char* argv[] = {"sh", nullptr};
-  EXPECT_EQ(KLIBCPopenv("/no/such/tool", "r", argv), nullptr);
-  EXPECT_EQ(KLIBCPopenv("/bin/sh", "w", argv), nullptr);
+  EXPECT_TRUE(KLIBCPopenv("/no/such/tool", "r", argv) == nullptr && KLIBCPopenv("/bin/sh", "w", argv) == nullptr);
   EXPECT_EQ(KLIBCPclose(stdin), -1);
   // Closing before the child finished writing still reaps it.
   const char* yes[] = {"yes", nullptr};
   FILE* y = KLIBCPopenv("/usr/bin/yes", "r", yes);
-  ASSERT_NE(y, nullptr);
   char c;
-  EXPECT_EQ(fread(&c, 1, 1, y), 1u);
+  ASSERT_TRUE(y != nullptr && fread(&c, 1, 1, y) == 1u);
   EXPECT_EQ(KLIBCPclose(y), 1);
   EXPECT_TRUE(NoChildren());
+}
+
+class RelayTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    for (const char* v : {"REQUEST_METHOD", "HTTP_IF_NONE_MATCH", "HTTP_IF_MODIFIED_SINCE"}) unsetenv(v);
+    WriteFile(file_, "JPEGDATA");
+  }
+  Response Send(const std::string& path) {
+    return ParseResponse(CaptureStdout([&] { result_ = WebFileRelay().Output(path.c_str(), "image/jpeg"); }));
+  }
+  Response Send(FILE* f) {
+    return ParseResponse(CaptureStdout([&] { result_ = WebFileRelay().Output(f, "r.jpg", "image/jpeg"); }));
+  }
+  TempDir dir_;
+  std::string file_ = dir_ / "a \"quoted\" name.jpg";
+  int result_ = -1;
+};
+
+TEST_F(RelayTest, FileWithHeadersValidatorsAndBody) {
+  Response r = Send(file_);
+  EXPECT_TRUE(result_ == 0 && r.firstLine == "Content-Type: image/jpeg" && r.headers["content-length"] == "8");
+  EXPECT_EQ(r.headers["content-disposition"],
+            "inline; filename=\"a _quoted_ name.jpg\"; filename*=UTF-8''a%20%22quoted%22%20name.jpg");
+  EXPECT_EQ(r.body, "JPEGDATA");
+  // A matching tag or date costs no body: only `*` alone or our exact tag
+  // (weak or not) matches; a date in the future is no date.
+  const std::string etag = r.headers["etag"], match = "HTTP_IF_NONE_MATCH", since = "HTTP_IF_MODIFIED_SINCE";
+  for (auto [var, value, status] : {std::tuple(match, etag, 304), {match, "\"other\"", 200}, {match, "*", 304},
+                                    {match, "\"x\", W/" + etag, 304}, {match, "\"abc*def\"", 200},
+                                    {match, "\"x" + etag.substr(1), 200}, {since, r.headers["last-modified"], 304},
+                                    {since, "Thu, 01 Jan 1970 00:00:00 GMT", 200},
+                                    {since, "Fri, 01 Jan 2100 00:00:00 GMT", 200}}) {
+    setenv(var.c_str(), value.c_str(), 1);
+    Response again = Send(file_);
+    EXPECT_EQ(std::to_string(again.status) + again.body, std::to_string(status) + (status == 304 ? "" : "JPEGDATA")) << var << value;
+    unsetenv(var.c_str());
+  }
+  setenv("REQUEST_METHOD", "HEAD", 1);
+  Response head = Send(file_);
+  EXPECT_TRUE(head.headers["content-length"] == "8" && head.body.empty());
+}
+
+TEST_F(RelayTest, FailuresEndTheHeaderBlockWithAStatusAndStreamsHaveNoLength) {
+  Response missing = Send(dir_ / "missing.jpg");
+  EXPECT_TRUE(result_ != 0 && missing.complete && missing.firstLine == "Status: 404 Not Found") << missing.raw;
+  EXPECT_EQ(Send(dir_.path()).status, 500);  // a directory
+  EXPECT_NE(result_, 0);
+  // Never through a link, never a FIFO (which would block); a file we hold
+  // open goes out under its own name.
+  ASSERT_EQ(symlink(file_.c_str(), (dir_ / "link.jpg").c_str()), 0);
+  EXPECT_EQ(Send(dir_ / "link.jpg").status, 404);
+  ASSERT_EQ(mkfifo((dir_ / "fifo.jpg").c_str(), 0666), 0);
+  EXPECT_EQ(Send(dir_ / "fifo.jpg").status, 500);
+  const int fd = open(file_.c_str(), O_RDONLY);
+  Response held = Send("/proc/self/fd/" + std::to_string(fd));
+  close(fd);
+  EXPECT_EQ(held.body, "JPEGDATA");
+  EXPECT_EQ(held.headers["content-disposition"].find("filename=\"a _quoted_ name.jpg\""), 8u);
+  Response null = Send(static_cast<FILE*>(nullptr));
+  EXPECT_TRUE(result_ != 0 && null.complete && null.firstLine == "Status: 500 Internal Server Error") << null.raw;
+  Response stream = Send(fopen(file_.c_str(), "r"));
+  EXPECT_EQ(result_, 0);
+  EXPECT_EQ(stream.headers.count("content-length"), 0u);
+  EXPECT_EQ(stream.body, "JPEGDATA");
+  EXPECT_EQ(Send(fopen("/dev/null", "r")).status, 500);
 }
 
 }  // namespace

@@ -11,7 +11,6 @@
 
 #include "front_end/pin.h"
 #include "support/attacker.h"
-#include "support/http.h"
 
 namespace kovathumb {
 namespace {
@@ -43,19 +42,15 @@ class ProgramAttackRootTest : public ::testing::Test {
     ASSERT_EQ(chown((t_.mine + "/keep.jpg").c_str(), test::kAttackerId, test::kAttackerId), 0);
     const std::string m = t_.mine, secret = t_.secret, sibling = sibling_, top = t_.top.path();
     ASSERT_TRUE(test::AsAttacker([=] {
-      return symlink(secret.c_str(), (m + "/out.jpg").c_str()) == 0 && symlink(sibling.c_str(), (m + "/sib").c_str()) == 0 &&
-             symlink(top.c_str(), (m + "/up").c_str()) == 0 && symlink("keep.jpg", (m + "/in.jpg").c_str()) == 0 &&
-             link((m + "/keep.jpg").c_str(), (m + "/p.jpg").c_str()) == 0 &&
-             symlink(secret.c_str(), (m + "/x.jpg").c_str()) == 0 && mkdir((m + "/d").c_str(), 0755) == 0 &&
-             link((m + "/keep.jpg").c_str(), (m + "/d/p.jpg").c_str()) == 0 &&
-             symlink(sibling.c_str(), (m + "/x").c_str()) == 0;
+      return test::Sh("cd " + Quote(m) + " && ln -s " + Quote(secret) + " out.jpg && ln -s " + Quote(sibling) + " sib && ln -s " +
+                      Quote(top) + " up && ln -s keep.jpg in.jpg && ln keep.jpg p.jpg && ln -s " + Quote(secret) +
+                      " x.jpg && mkdir d && ln keep.jpg d/p.jpg && ln -s " + Quote(sibling) + " x") == 0;
     }));
   }
   // Nothing outside the tree gained an EA directory or changed.
   void ExpectOutsideUntouched() {
     for (const std::string& dir : {t_.top.path(), sibling_}) EXPECT_FALSE(test::Exists(dir + "/.kovaea")) << dir;
-    const struct stat st = test::Stat(t_.secret);
-    EXPECT_TRUE(st.st_uid == 0 && (st.st_mode & 07777) == 0600);
+    EXPECT_TRUE(test::Stat(t_.secret).st_uid == 0 && (test::Stat(t_.secret).st_mode & 07777) == 0600);
   }
   test::AttackTree t_;
   std::string sibling_ = t_.tree + "2";
@@ -65,8 +60,8 @@ TEST_F(ProgramAttackRootTest, LinksInRequestPathsAndListsAreRefused) {
   // A stored thumbnail's name planted as a link to the secret.
   const std::string m = t_.mine, secret = t_.secret;
   ASSERT_TRUE(test::AsAttacker([=] {
-    return mkdir((m + "/.kovaea").c_str(), 0755) == 0 && mkdir((m + "/.kovaea/keep.jpg").c_str(), 0755) == 0 &&
-           symlink(secret.c_str(), (m + "/.kovaea/keep.jpg/KOVAFILE_THUMB_S.jpg").c_str()) == 0;
+    return test::Sh("mkdir -p " + Quote(m + "/.kovaea/keep.jpg") + " && ln -s " + Quote(secret) + " " +
+                    Quote(m + "/.kovaea/keep.jpg/KOVAFILE_THUMB_S.jpg")) == 0;
   }));
   EXPECT_EQ(Cgi(t_.tree, "path=alice/keep.jpg&size=small").status, 200);
   const std::string sendfile = t_.top / "sendfile";
@@ -93,9 +88,7 @@ TEST_F(ProgramAttackRootTest, LinksInRequestPathsAndListsAreRefused) {
   EXPECT_EQ(test::ListDir(sendfile).size(), 2u);
   const test::Response list = Cgi(t_.tree, "list=1");
   EXPECT_NE(list.body.find("\"alice/keep.jpg\""), std::string::npos);
-  for (const char* name : {"out.jpg", "sib", "up/", "in.jpg", "x.jpg", "x/"}) {
-    EXPECT_EQ(list.body.find(name), std::string::npos) << name;
-  }
+  for (const char* name : {"out.jpg", "sib", "up/", "in.jpg", "x.jpg", "x/"}) EXPECT_EQ(list.body.find(name), std::string::npos) << name;
   // Both ways of opening beneath the root agree; a link is never crossed.
   const int root = open(t_.tree.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
   const std::pair<const char*, int> cases[] = {{"alice/d", 0}, {"alice/sib", ELOOP}, {"alice/up", ELOOP},

@@ -45,10 +45,7 @@ AttackerLoop::AttackerLoop(const std::function<void()>& step) {
 }
 
 AttackerLoop::~AttackerLoop() {
-  if (pid_ > 0) {
-    kill(pid_, SIGKILL);
-    waitpid(pid_, nullptr, 0);
-  }
+  if (pid_ > 0) kill(pid_, SIGKILL), waitpid(pid_, nullptr, 0);
   munmap(const_cast<long*>(rounds_), sizeof(long));
 }
 

@@ -50,9 +50,7 @@ int KOVAEAMKDir(int flags, const char* eadir) {
 
 int KLIBCExecv(const char* path, const char* const argv[], int wait) {
   Record(path, argv);
-  if (kovathumb::fake::State().before_exec) {
-    kovathumb::fake::State().before_exec(kovathumb::fake::State().exec_calls.back());
-  }
+  if (kovathumb::fake::State().before_exec) kovathumb::fake::State().before_exec(kovathumb::fake::State().exec_calls.back());
   if (kovathumb::fake::State().exec_result != -2) return kovathumb::fake::State().exec_result;
   static auto real = Real<int (*)(const char*, const char* const*, int)>("KLIBCExecv");
   return real(path, argv, wait);

@@ -1,10 +1,12 @@
 #include "support/test_util.h"
 
-#include <dirent.h>
+#include <arpa/inet.h>
+#include <fcntl.h>
 #include <sched.h>
 #include <sys/mount.h>
 #include <sys/wait.h>
 
+#include <chrono>
 #include <cstdio>
 #include <fstream>
 #include <mutex>
@@ -46,6 +48,29 @@ std::string Capture(const std::string& command) {
 }
 
 void MustSh(const std::string& command) { ASSERT_EQ(Sh(command), 0) << command; }
+
+pid_t StartCli(const std::string& args, const std::string& out, const std::string& err) {
+  const pid_t pid = fork();
+  if (pid == 0) {
+    const std::string cmd = std::string("exec ") + KOVATHUMB_CLI + " " + args + " >" + Quote(out) + " 2>" + Quote(err);
+    execl("/bin/sh", "sh", "-c", cmd.c_str(), static_cast<char*>(nullptr));
+    _exit(127);
+  }
+  return pid;
+}
+
+int WaitExit(pid_t pid) {
+  int status = 0;
+  waitpid(pid, &status, 0);
+  return WIFEXITED(status) ? WEXITSTATUS(status) : 100 + WTERMSIG(status);
+}
+
+bool WaitFor(const std::function<bool()>& done, int seconds) {
+  for (const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(seconds); !done(); usleep(50000)) {
+    if (std::chrono::steady_clock::now() > end) return false;
+  }
+  return true;
+}
 
 void MakeImage(const std::string& path, unsigned w, unsigned h, const std::string& spec) {
   MustSh("/usr/bin/convert -size " + std::to_string(w) + "x" + std::to_string(h) + " " + spec + " " + Quote(path));
@@ -92,13 +117,11 @@ void WriteFile(const std::string& path, const std::string& data, unsigned mode) 
 }
 
 std::vector<std::string> ListDir(const std::string& dir, const std::string& prefix) {
+  std::istringstream in(Capture("ls -A " + Quote(dir) + " 2>/dev/null"));
   std::vector<std::string> names;
-  DIR* d = opendir(dir.c_str());
-  while (struct dirent* e = d != nullptr ? readdir(d) : nullptr) {
-    std::string n = e->d_name;
-    if (n != "." && n != ".." && n.compare(0, prefix.size(), prefix) == 0) names.push_back(n);
+  for (std::string n; std::getline(in, n);) {
+    if (n.compare(0, prefix.size(), prefix) == 0) names.push_back(n);
   }
-  if (d != nullptr) closedir(d);
   return names;
 }
 
@@ -119,15 +142,63 @@ int WithStandIns(const std::map<std::string, std::string>& standIns, const std::
       WriteFile(script, "#!/bin/sh\nREAL=" + Quote(real) + "\n" + tool.second, 0755);
       if (mount(script.c_str(), tool.first.c_str(), nullptr, MS_BIND, nullptr) != 0) _exit(kNoNamespace);
     }
-    try {
+    try {  // never back into the test runner from the child
       _exit(fn());
-    } catch (...) {
-      _exit(5);  // never back into the test runner from the child
-    }
+    } catch (...) { _exit(5); }
   }
-  int status = 0;
-  waitpid(pid, &status, 0);
-  return WIFEXITED(status) ? WEXITSTATUS(status) : 100 + WTERMSIG(status);
+  return WaitExit(pid);
+}
+
+Response ParseResponse(const std::string& raw) {
+  Response r;
+  r.raw = raw;
+  const size_t end = raw.find("\r\n\r\n");
+  r.complete = end != std::string::npos;
+  r.body = r.complete ? raw.substr(end + 4) : std::string();
+  std::istringstream head(raw.substr(0, end));
+  std::getline(head, r.firstLine);
+  head.seekg(0);
+  for (std::string line; std::getline(head, line);) {
+    line = line.substr(0, line.find('\r'));
+    const size_t colon = line.find(": ");
+    std::string name = line.substr(0, colon);
+    for (char& c : name) c = static_cast<char>(tolower(static_cast<unsigned char>(c)));
+    if (colon != std::string::npos) r.headers[name] = line.substr(colon + 2);
+  }
+  r.firstLine = r.firstLine.substr(0, r.firstLine.find('\r'));
+  const bool hasStatus = r.firstLine.rfind("HTTP/", 0) == 0 || r.firstLine.rfind("Status:", 0) == 0;
+  r.status = hasStatus ? std::atoi(r.firstLine.c_str() + r.firstLine.find(' ') + 1) : 200;
+  return r;
+}
+
+std::string CaptureStdout(const std::function<void()>& fn) {
+  TempDir dir;
+  fflush(stdout);
+  const int saved = dup(1), fd = open((dir / "stdout").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+  dup2(fd, 1);
+  close(fd);
+  fn();
+  fflush(stdout);
+  dup2(saved, 1);
+  close(saved);
+  return ReadFile(dir / "stdout");
+}
+
+Response Http(int port, const std::string& method, const std::string& target, const std::string& extra) {
+  std::string raw;
+  const int fd = socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in addr{};
+  addr.sin_family = AF_INET;
+  addr.sin_port = htons(static_cast<uint16_t>(port));
+  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  if (connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0) {
+    const std::string req = method + " " + target + " HTTP/1.1\r\nHost: 127.0.0.1\r\nConnection: close\r\n" + extra + "\r\n";
+    (void)!write(fd, req.data(), req.size());
+    char buf[65536];
+    for (ssize_t n; (n = read(fd, buf, sizeof buf)) > 0;) raw.append(buf, static_cast<size_t>(n));
+  }
+  close(fd);
+  return ParseResponse(raw);
 }
 
 namespace {

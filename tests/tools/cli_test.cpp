@@ -1,12 +1,15 @@
 // The kovathumb program as a user runs it: its version, arguments, reports
-// and reasons; what the library does with them is pinned by its own tests.
+// and reasons, index over real trees; what the library does with them is
+// pinned by its own tests.
+#include <signal.h>
+
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
+#include <fstream>
 #include <sstream>
 
 #include "kovathumb/version.h"
-#include "support/http.h"
 #include "support/test_util.h"
 
 namespace kovathumb {
@@ -31,12 +34,10 @@ Result Cli(const std::string& args) {
 }
 
 TEST(CliTest, VersionAndUsageMistakes) {
-  EXPECT_STREQ(Version(), KOVATHUMB_VERSION_STRING);
   for (const char* flag : {"--version", "-V"}) EXPECT_EQ(Cli(flag).out, "kovathumb " KOVATHUMB_VERSION_STRING "\n");
   Result r = Cli("thumbs a.jpg");
-  EXPECT_EQ(r.status, 2);
-  EXPECT_NE(r.err.find("unknown subcommand 'thumbs'; the subcommands are: info, convert, get, make, import, index"),
-            std::string::npos) << r.err;
+  EXPECT_TRUE(r.status == 2 && r.err.find("unknown subcommand 'thumbs'; the subcommands are: info, convert, get, make, "
+                                          "import, index") != std::string::npos) << r.err;
   for (const char* args : {"info --size huge x.jpg", "info --box 0x5 x.jpg", "info", "get huge x.jpg",
                            "convert resize a b", "import x.jpg huge=y.jpg", "info --user-rotate 4 a.jpg",
                            "info --keep-preview a.jpg", "make --sizes small,huge /no/such/tree"}) {
@@ -55,13 +56,11 @@ TEST(CliTest, InfoReportsFactsNamesPreviewAndReasons) {
   Result r = Cli("info --size small --preview " + Quote(jpg) + " " + Quote(dir / "gone.jpg") + " " + Quote(dir.path()));
   EXPECT_EQ(r.status, 1);
   ASSERT_EQ(r.lines.size(), 3u);
-  EXPECT_EQ(r.lines[0]["path"], jpg);
-  EXPECT_EQ(r.lines[0]["rotate"], 3);
-  EXPECT_EQ(r.lines[0]["target"], json({120, 120}));
-  EXPECT_EQ(r.lines[0]["names"]["dossiva"], "KOVAFILE_THUMB_S_r3.jpg");
-  EXPECT_FALSE(test::Exists(r.lines[0]["preview"].get<std::string>()));
-  EXPECT_EQ(r.lines[1]["error"]["code"], 601);
-  EXPECT_EQ(r.lines[2]["error"]["what"], dir.path() + ": is a directory");
+  const json& l = r.lines[0];
+  EXPECT_EQ(json({l["path"], l["rotate"], l["target"], l["names"]["dossiva"]}), json({jpg, 3, {120, 120}, "KOVAFILE_THUMB_S_r3.jpg"}));
+  EXPECT_FALSE(test::Exists(l["preview"].get<std::string>()));
+  EXPECT_EQ(r.lines[1]["error"]["code"].dump() + " " + r.lines[2]["error"]["what"].get<std::string>(),
+            "601 " + dir.path() + ": is a directory");
   r = Cli("info --box 100x50 --user-rotate 1 --preview --keep-preview " + Quote(jpg));
   EXPECT_EQ(r.lines[0]["names"]["dossiva"], "KOVAFILE_THUMB_100x50.jpg");  // 3 + 1 turns: none
   EXPECT_EQ(unlink(r.lines[0]["preview"].get<std::string>().c_str()), 0);
@@ -84,9 +83,7 @@ TEST(CliTest, ConvertGetMakeImportAndWhyTheyFail) {
   r = Cli("make --box 50x50 --sizes small,medium " + Quote(src) + " " + Quote(dir / "b.png") + " " + Quote(dir / "broken.jpg"));
   EXPECT_EQ(r.status, 1);
   ASSERT_EQ(r.lines.size(), 3u) << r.err;
-  EXPECT_EQ(r.lines[0]["made"], 3);
-  EXPECT_EQ(r.lines[1]["made"], 2);
-  EXPECT_EQ(r.lines[2]["failed"], 3);
+  EXPECT_EQ(json({r.lines[0]["made"], r.lines[1]["made"], r.lines[2]["failed"]}), json({3, 2, 3}));
   EXPECT_FALSE(r.lines[2].value("error", std::string()).empty()) << r.out;
   test::MakeImage(dir / "ready.jpg", 1280, 960);
   EXPECT_EQ(Cli("import " + Quote(src) + " large=" + Quote(dir / "ready.jpg")).lines.at(0)["ok"], true);
@@ -94,6 +91,83 @@ TEST(CliTest, ConvertGetMakeImportAndWhyTheyFail) {
   r = Cli("index --no-progress --sizes small " + Quote(dir.path()));
   EXPECT_EQ(r.status, 1);
   EXPECT_NE(r.out.find("failed: " + dir / "broken.jpg" + ": "), std::string::npos) << r.out;
+}
+
+pid_t StartIndex(const std::string& args, const std::string& out) { return test::StartCli("index --json " + args, out); }
+json Summary(const std::string& out) { return json::parse(test::Capture("tail -n 1 " + Quote(out))); }
+
+TEST(IndexTest, SecondRunConvertsNothingAndFailuresCostOneFile) {
+  test::TempDir dir;
+  const std::string tree = dir / "tree", out = dir / "out.json";
+  test::MustSh("mkdir -p " + Quote(tree + "/sub") + " " + Quote(dir / "outside"));
+  test::MakePhoto(tree + "/a.jpg");
+  test::MakePhoto(tree + "/sub/b.jpg");
+  test::MakeImage(tree + "/c.png", 900, 600);
+  test::WriteFile(tree + "/garbage.jpg", std::string(5000, 'z'));
+  test::MakePhoto(dir / "outside/o.jpg");
+  test::MustSh("ffmpeg -nostdin -v error -f lavfi -i testsrc=duration=1:size=320x240:rate=10 -pix_fmt yuv420p " +
+               Quote(tree + "/clip.mp4"));
+  ASSERT_EQ(symlink((dir / "outside/o.jpg").c_str(), (tree + "/out.jpg").c_str()), 0);
+  ASSERT_EQ(symlink((dir / "outside").c_str(), (tree + "/outdir").c_str()), 0);
+  EXPECT_EQ(test::WaitExit(StartIndex("-j 2 " + Quote(tree), out)), 1);
+  const json first = Summary(out);
+  EXPECT_EQ(first["files"], 5);  // the links out of the tree are not followed
+  EXPECT_EQ(test::ImageSize(tree + "/.kovaea/clip.mp4/KOVAVIDEO_VIDEO_SCREENSHOT.jpg"), std::make_pair(320u, 240u));
+  EXPECT_GT(first["made"].get<int>(), 8);
+  EXPECT_EQ(first["failed_files"], json({tree + "/garbage.jpg"}));
+  EXPECT_TRUE(test::Exists(tree + "/sub/.kovaea/b.jpg/KOVAFILE_THUMB_B.jpg") && !test::Exists(dir / "outside/.kovaea"));
+  EXPECT_EQ(test::WaitExit(StartIndex(Quote(tree), out)), 1);
+  const json second = Summary(out);
+  EXPECT_EQ(second["made"], 0);
+  EXPECT_EQ(second["up_to_date"].get<int>(), first["made"].get<int>() + first["up_to_date"].get<int>());
+  EXPECT_EQ(test::EALeftovers(tree), "");
+}
+
+TEST(IndexTest, AWorkerThatDiesCostsItsFileOnly) {
+  test::TempDir dir;
+  for (const char* n : {"a.jpg", "b.jpg", "c.jpg"}) test::MakePhoto(dir / n);
+  const std::string out = dir / "out.json";
+  pid_t index = StartIndex("-j 1 " + Quote(dir.path()), out), worker = 0;
+  const std::string children = "/proc/" + std::to_string(index) + "/task/" + std::to_string(index) + "/children";
+  for (int i = 0; i < 2000 && worker <= 0; ++i, usleep(2000)) std::ifstream(children) >> worker;
+  ASSERT_GT(worker, 0);
+  kill(worker, SIGKILL);   // the worker, whether or not it has its group yet
+  kill(-worker, SIGKILL);  // and the tool it runs
+  EXPECT_EQ(test::WaitExit(index), 1);
+  const json summary = Summary(out);
+  EXPECT_EQ(json({summary["files"], summary["failed"]}), json({3, 1}));
+  EXPECT_NE(test::ReadFile(out).find("worker killed by signal 9"), std::string::npos);
+}
+
+// Slow tools that count how many of them run at once; Ctrl-C twice
+// after the first result.
+TEST(IndexRootTest, AtMostJWorkersAndAnInterruptStopsCleanly) {
+  test::TempDir dir;
+  const std::string tree = dir / "tree", out = dir / "out.json", running = dir / "running";
+  test::MustSh("mkdir -p " + Quote(tree) + " " + Quote(running));
+  for (int i = 0; i < 5; ++i) test::MakePhoto(tree + "/p" + std::to_string(i) + ".jpg");
+  const std::string slow = "touch " + Quote(running) + "/$$; ls " + Quote(running) + " | wc -l >>" +
+                           Quote(dir / "counts") + "; sleep 0.3; \"$REAL\" \"$@\"; s=$?; rm " + Quote(running) +
+                           "/$$; exit $s\n";
+  const int status = test::WithStandIns({{"/usr/bin/djpeg", slow}, {"/usr/bin/convert", slow}}, [&] {
+    pid_t index = StartIndex("-j 2 " + Quote(tree), out);
+    for (int i = 0; i < 2500 && test::ReadFile(out).find('\n') == std::string::npos; ++i) usleep(10000);
+    kill(index, SIGINT);  // after the first result; the second stops the files in hand
+    usleep(50000);
+    kill(index, SIGINT);
+    return test::WaitExit(index);
+  });
+  if (status == test::kNoNamespace) GTEST_SKIP() << "needs root for a private mount namespace";
+  EXPECT_EQ(status, 130);
+  const std::string most = test::Capture("sort -n " + Quote(dir / "counts") + " | tail -n 1");
+  EXPECT_TRUE(most == "1\n" || most == "2\n") << most;
+  const json summary = Summary(out);  // interrupted, not failed
+  EXPECT_TRUE(summary["interrupted"] == true && summary["done"].get<int>() < 5 && summary["failed"] == 0 &&
+              !summary["interrupted_files"].empty()) << summary;
+  EXPECT_EQ(test::EALeftovers(tree), "");
+  // Nothing half-stored: every stored thumbnail is a whole image.
+  std::istringstream stored(test::Capture("find " + Quote(tree) + " -path '*/.kovaea/*' -type f"));
+  for (std::string f; std::getline(stored, f);) EXPECT_GT(test::ImageSize(f).first, 0u) << f;
 }
 
 }  // namespace

@@ -1,5 +1,10 @@
-// Attacks on what the library hands its tools, and on the files they make,
-// by an ordinary user who owns one folder of the tree, against root.
+// The library as root against a user who owns a folder of the tree: what
+// they plant in EA directories or at temporary names is never followed, what
+// the tools read is the file that was checked and only in the format we
+// convert, nothing empty or stale is stored, tools and requests end in their
+// time, and requests for arbitrary boxes cannot fill the disk.
+#include <sys/time.h>
+
 #include <gtest/gtest.h>
 
 #include <array>
@@ -9,15 +14,115 @@
 #include "front_end/watchdog.h"
 #include "kovaplatform/kovaplatform.h"
 #include "kovathumb/convert_cmd.h"
+#include "kovathumb/error.h"
+#include "kovathumb/thumb.h"
+#include "libkovathumb/store_rules.h"
 #include "support/attacker.h"
 #include "support/dng.h"
-#include "support/http.h"
 
 namespace kovathumb {
 namespace {
 
-using test::AsAttacker;
+using namespace test;
 
+class StoreAttackRootTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    KT_SKIP_UNLESS_ROOT();
+    secret_ = test::ReadFile(t_.secret);
+    mkdir(outside_.c_str(), 0755);
+    test::MakePhoto(src_);
+    ASSERT_EQ(chown(src_.c_str(), test::kAttackerId, test::kAttackerId), 0);
+  }
+  // Nothing written outside the tree, the secret untouched, no work left
+  // (the attacker's own links may stay).
+  void ExpectContained() {
+    EXPECT_TRUE(test::Stat(t_.secret).st_uid == 0 && (test::Stat(t_.secret).st_mode & 07777) == 0600);
+    EXPECT_EQ(test::ReadFile(t_.secret), secret_) << "written through a link";
+    EXPECT_EQ(test::Capture("ls -A " + Quote(outside_)), "");
+    EXPECT_EQ(test::Capture("find " + Quote(t_.tree) + " \\( -name 'KOVAFILETMP*' -o -name '.kovathumb-*' \\) ! -type l"), "");
+  }
+  // Runs `how` as the attacker in their folder, $E naming the photo's EA directory, $S the secret, $O a
+  // folder outside; their own photo as old as can be first: whatever a link reaches is "up to date".
+  bool Plant(const std::string& how) {
+    const std::string cmd = "cd " + Quote(t_.mine) + " && touch -d @1 photo.jpg && E=.kovaea/photo.jpg S=" +
+                            Quote(t_.secret) + " O=" + Quote(outside_) + " && " + how;
+    return AsAttacker([=] { return test::Sh(cmd) == 0; });
+  }
+
+  test::AttackTree t_;
+  std::string src_ = t_.mine + "/photo.jpg", ea_ = t_.mine + "/.kovaea/photo.jpg", outside_ = t_.top / "outside", secret_;
+};
+
+TEST_F(StoreAttackRootTest, PlantedLinksFifosAndDirectoriesAreNeverFollowed) {
+  const std::string mk = "mkdir -p $E && ", work = "KOVAFILETMP_THUMB_" + std::to_string(getpid()) + ".jpg";
+  for (auto [how, options, rotate] :
+       {std::tuple(mk + "ln -s $S $E/KOVAFILE_THUMB_S.jpg", 2, 0), {mk + "ln -s $S $E/KOVAPHOTO_THUMB_S.jpg", 1, 1},
+        {mk + "ln -s $S $E/" + work, 2, 0}, {mk + "mkfifo -m 666 $E/KOVAFILE_THUMB_S.jpg", 2, 0},
+        {mk + "mkdir -m 777 $E/KOVAFILE_THUMB_S.jpg", 2, 0}, {mk + ": >$E/KOVAFILE_THUMB_S.jpg", 2, 0},
+        {"mkdir .kovaea && ln -s \"$O\" $E", 2, 0}, {"ln -s \"$O\" .kovaea", 2, 0}}) {
+    SCOPED_TRACE(how);
+    test::MustSh("rm -rf " + Quote(t_.mine + "/.kovaea"));
+    ASSERT_TRUE(Plant(how));
+    const time_t start = time(nullptr);
+    Thumb thumb(src_, options, false);
+    thumb.Rotate(rotate);
+    EXPECT_FALSE(t_.Leaks(test::ParseResponse(test::CaptureStdout([&] { thumb.Output("small"); })).body));
+    EXPECT_LT(time(nullptr) - start, 60);  // a FIFO answers at once, not never
+    ExpectContained();
+  }
+}
+
+TEST_F(StoreAttackRootTest, ToolsReadTheFileThatWasOpened) {
+  Thumb thumb(src_, 2, false);
+  // Swapped for a link to the secret once the request has opened it.
+  const std::string src = src_, secret = t_.secret;
+  ASSERT_TRUE(AsAttacker([=] { return rename(src.c_str(), (src + ".old").c_str()) == 0 &&
+                                        symlink(secret.c_str(), src.c_str()) == 0; }));
+  const std::string raw = test::CaptureStdout([&] { thumb.Output("small"); });
+  EXPECT_FALSE(t_.Leaks(raw));
+  EXPECT_GT(test::ParseResponse(raw).body.size(), 0u);
+  ExpectContained();
+  EXPECT_THROW(Thumb link(src_, 2, false), Error);  // a source that is a link is no source
+}
+
+TEST_F(StoreAttackRootTest, NothingEmptyBrokenOrStaleIsStored) {
+  Thumb thumb(src_, 2, false);
+  ASSERT_FALSE(thumb.CalcOutputFile("small").empty());  // probes the source
+  test::MakeImage(t_.top / "ok.jpg", 40, 30);
+  const std::string full = test::ReadFile(t_.top / "ok.jpg");
+  for (auto [data, stored] : {std::pair(std::string(), false), {full.substr(0, full.size() / 2), false},
+                              {"GIF89a;", false}, {full, true}}) {
+    test::WriteFile(t_.top / "made.jpg", data);
+    EXPECT_EQ(thumb.SaveThumbToEA(t_.top / "made.jpg", ea_ + "/KOVAFILE_THUMB_M.jpg", 0), stored);
+  }
+  // The source changed after the probe: the stamp is the probed time.
+  const struct timeval old[2] = {{1600000000, 0}, {1600000000, 0}};
+  ASSERT_EQ(utimes(src_.c_str(), old), 0);
+  Thumb later(src_, 2, false);
+  ASSERT_TRUE(AsAttacker([&] { return utimes(src_.c_str(), nullptr) == 0; }));
+  ASSERT_FALSE(later.CalcOutputFile("big").empty());
+  EXPECT_EQ(test::Stat(ea_ + "/KOVAFILE_THUMB_B.jpg").st_mtime, 1600000000);
+  ExpectContained();
+}
+
+TEST_F(StoreAttackRootTest, ArbitraryBoxesAreBoundedAndOutputsDeletedThroughTheDirectory) {
+  Thumb thumb(src_, 0, false);
+  for (unsigned edge = 100; edge < 112; ++edge) EXPECT_EQ(thumb.Convert({ThumbDimension{edge, edge}}), 1);
+  EXPECT_EQ(test::ListDir(ea_, "KOVAFILE_THUMB_1").size(), internal::kMaxBoxThumbs);
+  EXPECT_TRUE(test::Exists(ea_ + "/KOVAFILE_THUMB_111x111.jpg"));
+  EXPECT_FALSE(test::Exists(ea_ + "/KOVAFILE_THUMB_100x100.jpg"));
+  Thumb named(src_, 2, false);
+  ASSERT_EQ(named.CalcOutputFile("small"), ea_ + "/KOVAFILE_THUMB_S.jpg");
+  EXPECT_TRUE(named.DeleteOutputFile());
+  EXPECT_FALSE(test::Exists(ea_ + "/KOVAFILE_THUMB_S.jpg"));
+  ASSERT_EQ(named.CalcOutputFile("original"), src_);
+  EXPECT_FALSE(named.DeleteOutputFile());  // never the source
+  EXPECT_TRUE(test::Exists(src_));
+  ExpectContained();
+}
+
+// Attacks on what the library hands its tools, and on the files they make.
 ThumbInfo Probe(const std::string& path, bool preview = false) {
   ThumbInfo info(path, "small", {120, 120});
   info.SetEnableGIF(true);
@@ -54,10 +159,9 @@ TEST(ToolAttackRootTest, ConverterReadsOnlyTheFormatsWeConvert) {
   for (const char* name : {"x.jpg", "x.png", "x.tif"}) {
     const std::string path = t.mine + "/" + name;
     ASSERT_TRUE(AsAttacker([&] { test::WriteFile(path, svg); return true; }));
-    try {
+    try {  // refused by the probe is as good
       EXPECT_FALSE(ConvertCmd(Probe(path), path, out).exec()) << name;
-    } catch (const std::exception&) {  // refused by the probe: as good
-    }
+    } catch (const std::exception&) {}
     EXPECT_FALSE(t.Leaks(test::ReadFile(out))) << name;
     unlink(out.c_str());
   }
@@ -118,10 +222,9 @@ TEST(ToolAttackRootTest, PipedToolsAndRequestsEndWithTheirWallTime) {
   const char* const argv[] = {"/bin/sleep", "60", nullptr};
   const auto start = std::chrono::steady_clock::now();
   FILE* stream = KLIBCPopenv("/bin/sleep", "r", argv);
-  ASSERT_NE(stream, nullptr);
   char buf[16];
-  EXPECT_EQ(fread(buf, 1, sizeof buf, stream), 0u);
-  KLIBCPclose(stream);
+  EXPECT_TRUE(stream != nullptr && fread(buf, 1, sizeof buf, stream) == 0u);
+  if (stream != nullptr) KLIBCPclose(stream);
   unsetenv("KOVAPLATFORM_CHILD_WALL_SECONDS");
   EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));
 }
