@@ -30,6 +30,8 @@ namespace {
 constexpr char kFfmpeg[] = "/usr/bin/ffmpeg";
 // A file still being worked on after this long is given up.
 constexpr int kFileTimeoutSeconds = 900;
+// How long a worker told to stop now has to clear its work away.
+constexpr int kStopGraceSeconds = 3;
 
 // ---- One file, in a worker ---------------------------------------------------------
 
@@ -210,12 +212,14 @@ void WorkerPool::Start(const FileJob& job) {
   if (pid == 0) {
     setpgid(0, 0);
     signal(SIGINT, SIG_IGN);
-    signal(SIGTERM, SIG_DFL);
     // The tools' complaints would garble the progress display; what failed
     // is in the result. Asked to be verbose, the log lines show.
     int devnull = LogsToStderr() ? -1 : open("/dev/null", O_WRONLY);
     if (devnull >= 0) dup2(devnull, 2);
+    // Killed outright, a worker would leave its half-made thumbnail's work
+    // directory behind; asked, it lets the library clear it away.
     signal(SIGUSR1, OnStopWorker);
+    signal(SIGTERM, OnStopWorker);
     close(fds[0]);
     const std::string line = OutcomeJson(job.path, WorkOn(job, sizes_, thumbOptions_))
                                  .dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
@@ -229,8 +233,9 @@ void WorkerPool::Start(const FileJob& job) {
 
 void WorkerPool::Stop(bool now) {
   stopping_ = true;
-  // The worker alone: its tool, killed, would cost the size in hand.
-  for (Worker& w : running_) kill(now ? -w.pid : w.pid, now ? SIGKILL : SIGUSR1);
+  // Later: the worker alone, as its tool, ended, would cost the size in hand.
+  for (Worker& w : running_) kill(now ? -w.pid : w.pid, now ? SIGTERM : SIGUSR1);
+  if (now) killAt_ = std::min(killAt_, std::chrono::steady_clock::now() + std::chrono::seconds(kStopGraceSeconds));
 }
 
 void WorkerPool::Poll(int timeoutMs, std::vector<pollfd>* extra, const Done& done) {
@@ -243,7 +248,8 @@ void WorkerPool::Poll(int timeoutMs, std::vector<pollfd>* extra, const Done& don
   if (extra != nullptr) std::copy(fds.begin() + static_cast<long>(running_.size()), fds.end(), extra->begin());
   for (size_t i = running_.size(); i-- > 0;) {
     Worker& w = running_[i];
-    if (std::chrono::steady_clock::now() - w.start > std::chrono::seconds(kFileTimeoutSeconds)) {
+    const auto now = std::chrono::steady_clock::now();
+    if (now - w.start > std::chrono::seconds(kFileTimeoutSeconds) || now > killAt_) {
       kill(-w.pid, SIGKILL);
     }
     if (!(fds[i].revents & (POLLIN | POLLHUP | POLLERR))) continue;

@@ -49,8 +49,9 @@ class WorkerPool {
   // Waits up to `timeoutMs` (-1: for ever) for results or for `extra`
   // descriptors (their revents are filled in), and reports each finished file.
   void Poll(int timeoutMs, std::vector<pollfd>* extra, const Done& done);
-  // Asks the workers to stop after the size in hand; `now` kills them and
-  // their tools. Results of stopped files say "interrupted".
+  // Asks the workers to stop after the size in hand; `now` ends their tools
+  // at once, so each worker clears its work away and stops, and kills what
+  // is left a few seconds later. Results of stopped files say "interrupted".
   void Stop(bool now);
 
  private:
@@ -67,6 +68,7 @@ class WorkerPool {
   std::vector<std::string> sizes_;
   int thumbOptions_;
   bool stopping_ = false;
+  std::chrono::steady_clock::time_point killAt_ = std::chrono::steady_clock::time_point::max();
   std::vector<Worker> running_;
 };
 
