@@ -12,6 +12,7 @@
 
 #include "kovathumb/thumb_info.h"
 #include "libkovathumb/quality.h"
+#include "libkovathumb/thumb_shared.h"
 #include "util/safe_fs.h"
 
 namespace kovathumb {
@@ -25,9 +26,9 @@ class QualityWorkDir {
   // In the EA directory open at `ea`, else (-1) under /var/tmp.
   explicit QualityWorkDir(int ea) {
     if (ea >= 0) {
-      dir_.Create(ea, ".kovathumb_q.");
+      dir_.Create(ea, kPrivatePrefix);
     } else {
-      dir_.CreateAt("/var/tmp/kovathumb_q.XXXXXX");
+      dir_.CreateAt(kVarTmpTemplate);
     }
   }
   QualityWorkDir(const QualityWorkDir&) = delete;

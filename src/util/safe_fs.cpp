@@ -3,6 +3,7 @@
 #include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
+#include <signal.h>
 #include <stdlib.h>
 #include <sys/random.h>
 #include <unistd.h>
@@ -158,10 +159,45 @@ Fd OpenDirBeneath(const std::string& trusted, const std::string& target) {
 
 PrivateDir::~PrivateDir() { Remove(); }
 
+namespace {
+
+// Directories `prefix` + pid + "." + random in `parent` whose process is
+// gone: killed or crashed, it could not remove its own.
+void SweepAbandoned(int parent, const std::string& prefix) {
+  const int copy = openat(parent, ".", kDirFlags);
+  DIR* d = copy < 0 ? nullptr : fdopendir(copy);
+  if (d == nullptr) {
+    if (copy >= 0) close(copy);
+    return;
+  }
+  std::vector<std::string> abandoned;
+  while (struct dirent* e = readdir(d)) {
+    const std::string name = e->d_name;
+    if (name.compare(0, prefix.size(), prefix) != 0) continue;
+    char* end = nullptr;
+    const long pid = strtol(name.c_str() + prefix.size(), &end, 10);
+    if (pid > 0 && *end == '.' && kill(static_cast<pid_t>(pid), 0) != 0 && errno == ESRCH) {
+      abandoned.push_back(name);
+    }
+  }
+  closedir(d);
+  for (const std::string& name : abandoned) {
+    Fd dir(openat(parent, name.c_str(), kDirFlags));
+    struct stat64 st;
+    // Only what we made: a user may plant look-alikes.
+    if (!dir.valid() || fstat64(dir.get(), &st) != 0 || st.st_uid != geteuid() || (st.st_mode & 077) != 0) continue;
+    EmptyDir(dir.get());
+    unlinkat(parent, name.c_str(), AT_REMOVEDIR);
+  }
+}
+
+}  // namespace
+
 bool PrivateDir::Create(int parent, const std::string& prefix) {
   Remove();
+  SweepAbandoned(parent, prefix);
   for (int attempt = 0; attempt < 100; ++attempt) {
-    const std::string name = prefix + RandomSuffix();
+    const std::string name = prefix + std::to_string(getpid()) + "." + RandomSuffix();
     if (mkdirat(parent, name.c_str(), 0700) != 0) {
       if (errno == EEXIST) continue;
       return false;

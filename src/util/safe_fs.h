@@ -69,7 +69,8 @@ class PrivateDir {
   ~PrivateDir();
   PrivateDir(const PrivateDir&) = delete;
   PrivateDir& operator=(const PrivateDir&) = delete;
-  // Makes it in the directory open at `parent`, named `prefix` + random.
+  // Makes it in the directory open at `parent`, named `prefix` + our pid +
+  // "." + random, first removing those there whose process is gone.
   bool Create(int parent, const std::string& prefix);
   // Makes it by mkdtemp(`pathTemplate`), e.g. "/var/tmp/x_XXXXXX".
   bool CreateAt(const std::string& pathTemplate);

@@ -4,6 +4,7 @@
 // convert, nothing empty or stale is stored, tools and requests end in their
 // time, and requests for arbitrary boxes cannot fill the disk.
 #include <sys/time.h>
+#include <sys/wait.h>
 
 #include <gtest/gtest.h>
 
@@ -87,6 +88,13 @@ TEST_F(StoreAttackRootTest, ToolsReadTheFileThatWasOpened) {
 }
 
 TEST_F(StoreAttackRootTest, NothingEmptyBrokenOrStaleIsStored) {
+  // Work of a process that died goes; a user's look-alike is not ours to clear.
+  const pid_t dead = fork();
+  if (dead == 0) _exit(0);
+  waitpid(dead, nullptr, 0);
+  const std::string left = "/.kovathumb-" + std::to_string(dead) + ".";
+  ASSERT_TRUE(Plant("mkdir -p $E$(echo " + Quote(left) + ")mine"));
+  test::MustSh("mkdir -m 700 " + Quote(ea_ + left + "ours") + " && touch " + Quote(ea_ + left + "ours/f"));
   Thumb thumb(src_, 2, false);
   ASSERT_FALSE(thumb.CalcOutputFile("small").empty());  // probes the source
   test::MakeImage(t_.top / "ok.jpg", 40, 30);
@@ -96,6 +104,7 @@ TEST_F(StoreAttackRootTest, NothingEmptyBrokenOrStaleIsStored) {
     test::WriteFile(t_.top / "made.jpg", data);
     EXPECT_EQ(thumb.SaveThumbToEA(t_.top / "made.jpg", ea_ + "/KOVAFILE_THUMB_M.jpg", 0), stored);
   }
+  EXPECT_TRUE(!test::Exists(ea_ + left + "ours") && rmdir((ea_ + left + "mine").c_str()) == 0);
   // The source changed after the probe: the stamp is the probed time.
   const struct timeval old[2] = {{1600000000, 0}, {1600000000, 0}};
   ASSERT_EQ(utimes(src_.c_str(), old), 0);
