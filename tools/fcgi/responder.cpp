@@ -101,7 +101,8 @@ size_t Responder::Resident() {
 }
 
 // The library reads the method and the validators from the environment.
-// putenv, not setenv: glibc keeps every value setenv was ever given.
+// putenv, not setenv: glibc keeps every value setenv was ever given. A
+// buffer the environment names is freed only once it names the next one.
 void Responder::Environ(const cgi::Params& params) {
   static const char* const kNames[] = {"REQUEST_METHOD", "HTTP_IF_NONE_MATCH", "HTTP_IF_MODIFIED_SINCE"};
   for (size_t i = 0; i < 3; ++i) {
@@ -110,8 +111,10 @@ void Responder::Environ(const cgi::Params& params) {
       unsetenv(kNames[i]);
       continue;
     }
-    env_[i] = std::string(kNames[i]) + "=" + it->second;
-    putenv(&env_[i][0]);
+    const std::string entry = std::string(kNames[i]) + "=" + it->second;
+    std::vector<char> next(entry.c_str(), entry.c_str() + entry.size() + 1);
+    putenv(next.data());
+    env_[i] = std::move(next);
   }
 }
 

@@ -24,6 +24,7 @@
 #include <functional>
 #include <initializer_list>
 #include <string>
+#include <vector>
 
 #include "cgi/answer.h"
 
@@ -72,7 +73,7 @@ class Responder {
   bool Forward(off_t from, off_t to, const Sink& sink);
   Handover* handover_;
   int out_;  // standard output: a memory file
-  std::string env_[3];
+  std::vector<char> env_[3];
 };
 
 }  // namespace fcgi
