@@ -32,6 +32,8 @@ namespace {
 // A worker that grew past this (the library leaking, say) leaves after its
 // request and is replaced, so no growth lasts.
 constexpr size_t kMaxResident = 64u << 20;
+// How long a copy handed to the web server is kept after its worker ended.
+constexpr int kCopyGraceSeconds = 30;
 
 cgi::Params ParamsOf(FCGX_ParamArray envp) {
   cgi::Params params;
@@ -82,9 +84,21 @@ int Supervise(int count, int listenfd, Handover* handover) {
     if (pid > 0) workers[pid] = time(nullptr);
   };
   for (int i = 0; i < count; ++i) start();
+  // The web server may still be sending a worker's last copies when it
+  // ends (a worker that grew leaves right after answering): they go later.
+  std::map<pid_t, time_t> ended;
   for (bool stop = false; !stop;) {
     siginfo_t info;
-    const int s = sigwaitinfo(&signals, &info);
+    const struct timespec tick = {kCopyGraceSeconds, 0};
+    const int s = sigtimedwait(&signals, &info, &tick);
+    for (auto e = ended.begin(); e != ended.end();) {
+      if (time(nullptr) - e->second < kCopyGraceSeconds) {
+        ++e;
+        continue;
+      }
+      handover->Forget(e->first);
+      e = ended.erase(e);
+    }
     if (s != SIGCHLD) {
       stop = s > 0;
       continue;
@@ -93,7 +107,7 @@ int Supervise(int count, int listenfd, Handover* handover) {
     for (pid_t pid; (pid = waitpid(-1, &status, WNOHANG)) > 0;) {
       const time_t began = workers[pid];
       workers.erase(pid);
-      handover->Forget(pid);
+      ended[pid] = time(nullptr);
       if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) {
         syslog(LOG_WARNING, "kovathumb-fcgi: worker %d ended (status %d); starting another", pid, status);
       }
