@@ -191,10 +191,10 @@ class KOVATHUMB_EXPORT Thumb {
   // from strThumbSizeMap_.
   KOVATHUMB_LOCAL void SetSize(const std::string& size, ThumbDimension box);
   KOVATHUMB_LOCAL void SetSize(const std::string& size);
-  // Probes a photo's source (ExtractImgInfo(`whole`)); videos are not probed.
-  // An unknown image type (602) leaves the facts unread and the request goes
-  // on; any other Error is rethrown as a copy.
-  KOVATHUMB_LOCAL void ProbeTolerant(bool whole);
+  // Probes a photo's source for its `facts`, its embedded `preview`, or
+  // both; videos are not probed. An unknown image type (602) leaves them
+  // unread and the request goes on; any other Error is rethrown as a copy.
+  KOVATHUMB_LOCAL void ProbeTolerant(bool facts, bool preview);
   // Probes the source once for the batch members, which need its facts.
   KOVATHUMB_LOCAL void ExtractForBatch();
   KOVATHUMB_LOCAL bool SetOutStored(const std::string& name, bool needEAPath, bool condition, int type);

@@ -96,6 +96,7 @@ std::string Thumb::GetOnlineOutputDest() const {
 }
 
 bool Thumb::SetOutFromEXIFPreview() {
+  ProbeTolerant(false, true);
   if (quality_) return QualityFromPreview();
   if (!info_.IsGood()) return Fail();
   const std::string preview = info_.GetEXIFPreviewTmpPath();

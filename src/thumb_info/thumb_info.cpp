@@ -88,7 +88,9 @@ std::string ThumbInfo::PinnedSource() const {
 
 ThumbInfo::~ThumbInfo() = default;
 
-void ThumbInfo::ExtractImgInfo(bool withPreview) {
+void ThumbInfo::ExtractImgInfo(bool withPreview) { Read(true, withPreview); }
+
+void ThumbInfo::Read(bool facts, bool preview) {
   if (IsSupportVideo(internal::BaseName(path_))) return;
 
   bool failed = false;
@@ -113,11 +115,13 @@ void ThumbInfo::ExtractImgInfo(bool withPreview) {
       if (IsVideoContainer(mimeType)) {
         throw Exiv2::Error(Exiv2::kerFileContainsUnknownImageType, path_);
       }
-      mimeType_ = mimeType;
-      width_ = static_cast<uint32_t>(image->pixelWidth());
-      height_ = static_cast<uint32_t>(image->pixelHeight());
-      if (withPreview) ExtractEXIFPreviewInfo(image);
-      index = ResolveOrientationIndex(*image);
+      if (facts) {
+        mimeType_ = mimeType;
+        width_ = static_cast<uint32_t>(image->pixelWidth());
+        height_ = static_cast<uint32_t>(image->pixelHeight());
+      }
+      if (preview) ExtractEXIFPreviewInfo(image);
+      if (facts) index = ResolveOrientationIndex(*image);
     } catch (const Exiv2::AnyError& e) {
       failed = true;
       code = e.code();
@@ -126,8 +130,10 @@ void ThumbInfo::ExtractImgInfo(bool withPreview) {
   }
 
   if (failed) {
+    if (!facts) good_ = false;  // as when the preview was read with the facts
     if (code != kExivCannotOpen && code != kExivUnknownType) {
-      KT_LOG("Exiv2 exception: E%d %s", code, text.c_str());
+      // Named as the member the caller called.
+      internal::LogError(__FILE_NAME__, __LINE__, "ExtractImgInfo", "Exiv2 exception: E%d %s", code, text.c_str());
     }
     if (code == kExivCannotOpen) throw Error(kErrorCannotOpen, text);
     if (code != kExivUnknownType) throw Error(kErrorCannotExamine, text);
@@ -139,6 +145,7 @@ void ThumbInfo::ExtractImgInfo(bool withPreview) {
     throw Error(kErrorUnknownType, text);
   }
 
+  if (!facts) return;
   rotate_ = rotateFlopMappingList_[static_cast<size_t>(index)].first;
   flop_ = rotateFlopMappingList_[static_cast<size_t>(index)].second;
   good_ = true;

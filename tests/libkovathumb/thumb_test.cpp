@@ -183,12 +183,8 @@ TEST_F(ThumbTest, EmbeddedPreviewBecomesTheThumbnailTurnedAsAsked) {
     EXPECT_EQ(thumb.CalcOutputFile("medium"), ea_ + "/KOVAFILE_THUMB_M_r1.jpg");
     EXPECT_TRUE(ImageSize(thumb.GetOutputFile()) == Size(270, 360) && PreviewFiles().empty());
   }
-  {  // answered by a stored thumbnail: the preview is left to the destructor
-    Thumb thumb(src_, 2, false);
-    EXPECT_EQ(thumb.CalcOutputFile("medium"), ea_ + "/KOVAFILE_THUMB_M_r1.jpg");
-    EXPECT_EQ(PreviewFiles().size(), 1u);
-  }
-  EXPECT_TRUE(PreviewFiles().empty());
+  Thumb stored(src_, 2, false);  // answered from the store: the preview is never read
+  EXPECT_TRUE(stored.CalcOutputFile("medium") == ea_ + "/KOVAFILE_THUMB_M_r1.jpg" && PreviewFiles().empty());
 }
 
 }  // namespace
