@@ -137,6 +137,10 @@ class KOVATHUMB_EXPORT Thumb {
   // fallback option is set.
   std::string CalcOutputFile(const std::string& size);
   const std::string& GetOutputFile() const;
+  // The descriptor of the output file as the last request checked and read
+  // it, when it holds one (a stored or made thumbnail, not the source);
+  // valid until the next request. -1 otherwise.
+  int GetOutputDescriptor() const;
   bool IsNeedDelete() const;
   // Removes the output file made or chosen by the last request (never the
   // source), through the directory it was found in; true when removed.

@@ -136,6 +136,11 @@ std::string Thumb::CalcOutputFile(const std::string& size) {
 const std::string& Thumb::GetOutputFile() const { return outputFile_; }
 bool Thumb::IsNeedDelete() const { return needDelete_; }
 
+int Thumb::GetOutputDescriptor() const {
+  const Pinned& p = *pinned_;
+  return p.output.valid() && p.outputPath == outputFile_ ? p.output.get() : -1;
+}
+
 bool Thumb::DeleteOutputFile() {
   Pinned& p = *pinned_;
   if (outputFile_.empty() || outputFile_ == path_ || !p.output.valid() || p.outputPath != outputFile_) {
