@@ -95,15 +95,15 @@ INSTANTIATE_TEST_SUITE_P(Endpoints, ServerTest, ::testing::Values("cgi", "fcgi")
 
 using FcgiTest = ServerTest;
 
-TEST_P(FcgiTest, WorkersKilledMidRequestAreReplacedAndMemoryStaysFlat) {
+TEST_P(FcgiTest, WorkersCrashingMidRequestAnswer503AreReplacedAndMemoryStaysFlat) {
   const std::vector<int> first = Workers();
   ASSERT_EQ(first.size(), 2u);
   int cut = 0;
   std::thread slow([&] { cut = Http(port_, "GET", "/thumb?path=album/p%201.jpg&w=1000&h=999").status; });
   usleep(200000);
-  for (int pid : first) kill(pid, SIGKILL);
+  for (int pid : first) kill(pid, SIGSEGV);
   slow.join();
-  EXPECT_NE(cut, 0);  // an error or, had it finished first, the thumbnail
+  EXPECT_TRUE(cut == 503 || cut == 200) << cut;  // the worker's last word or, had it finished first, the thumbnail
   for (int i = 0; i < 4; ++i) EXPECT_EQ(Http(port_, "GET", "/thumb?path=album/p%201.jpg&size=small").status, 200);
   const std::vector<int> now = Workers();
   EXPECT_EQ(now.size(), 2u);
