@@ -54,21 +54,27 @@ server_ticks() {
   done
   echo "$total"
 }
-# run LABEL CONNECTIONS SCRIPT PATH: one wrk run, one row of the table.
+# run LABEL CONNECTIONS SCRIPT PATH: one wrk run, one row of the table; the
+# first run's rate is the one the others are a fraction of.
+static_rate=
 run() {
-  local before row after
+  local before row after rate
   before=$(server_ticks)
   row=$(wrk -t2 -c"$2" -d"${secs}s" --timeout 30s -s "$3" "$url${4#/}" | tail -1)
   after=$(server_ticks)
-  printf '%-34s %8s %8s %8s %8s %9s %6s %8s\n' "$1" $(echo "$row" | cut -f1-6) \
-    "$(echo "$before $after $(echo "$row" | cut -f5)" | awk -v hz="$(getconf CLK_TCK)" '{printf "%.2f", 1000*($2-$1)/hz/($3>0?$3:1)}')"
+  rate=$(echo "$row" | cut -f1)
+  static_rate=${static_rate:-$rate}
+  printf '%-40s %8s %8s %8s %8s %9s %6s %8s %8s\n' "$1" $(echo "$row" | cut -f1-6) \
+    "$(echo "$before $after $(echo "$row" | cut -f5)" | awk -v hz="$(getconf CLK_TCK)" '{printf "%.2f", 1000*($2-$1)/hz/($3>0?$3:1)}')" \
+    "$(awk -v r="$rate" -v s="$static_rate" 'BEGIN {printf "%.3f", (s > 0 ? r / s : 0)}')"
 }
 
 echo "machine: $(nproc) CPUs, load average $(cut -d' ' -f1-3 /proc/loadavg) before the runs; ${secs}s a run, 2 wrk threads"
-printf '%-34s %8s %8s %8s %8s %9s %6s %8s\n' "" "req/s" "p50 ms" "p99 ms" "max ms" "requests" "failed" "CPU ms"
+printf '%-40s %8s %8s %8s %8s %9s %6s %8s %8s\n' "" "req/s" "p50 ms" "p99 ms" "max ms" "requests" "failed" "CPU ms" "x static"
 query="path=$photo&size=medium&quality=0"
 run "stored, static file (8 conn.)" 8 "$out/report.lua" "/static/${stored#./}"
 run "stored, kovathumb-fcgi (8 conn.)" 8 "$out/report.lua" "/fcgi-thumb?$query"
+run "quality stored, kovathumb-fcgi (8 conn.)" 8 "$out/report.lua" "/fcgi-thumb?path=$photo&size=medium"
 run "stored, kovathumb-cgi (8 conn.)" 8 "$out/report.lua" "/cgi-thumb?$query"
 run "uncached, kovathumb-fcgi (4 conn.)" 4 "$out/uncached-report.lua" "/fcgi-thumb?path=$photo"
 run "uncached, kovathumb-cgi (4 conn.)" 4 "$out/uncached-report.lua" "/cgi-thumb?path=$photo"

@@ -137,6 +137,10 @@ class KOVATHUMB_EXPORT Thumb {
   // fallback option is set.
   std::string CalcOutputFile(const std::string& size);
   const std::string& GetOutputFile() const;
+  // The descriptor of the output file as the last request checked and read
+  // it, when it holds one (a stored or made thumbnail, not the source);
+  // valid until the next request. -1 otherwise.
+  int GetOutputDescriptor() const;
   bool IsNeedDelete() const;
   // Removes the output file made or chosen by the last request (never the
   // source), through the directory it was found in; true when removed.
@@ -191,10 +195,10 @@ class KOVATHUMB_EXPORT Thumb {
   // from strThumbSizeMap_.
   KOVATHUMB_LOCAL void SetSize(const std::string& size, ThumbDimension box);
   KOVATHUMB_LOCAL void SetSize(const std::string& size);
-  // Probes a photo's source (ExtractImgInfo(`whole`)); videos are not probed.
-  // An unknown image type (602) leaves the facts unread and the request goes
-  // on; any other Error is rethrown as a copy.
-  KOVATHUMB_LOCAL void ProbeTolerant(bool whole);
+  // Probes a photo's source for its `facts`, its embedded `preview`, or
+  // both; videos are not probed. An unknown image type (602) leaves them
+  // unread and the request goes on; any other Error is rethrown as a copy.
+  KOVATHUMB_LOCAL void ProbeTolerant(bool facts, bool preview);
   // Probes the source once for the batch members, which need its facts.
   KOVATHUMB_LOCAL void ExtractForBatch();
   KOVATHUMB_LOCAL bool SetOutStored(const std::string& name, bool needEAPath, bool condition, int type);
@@ -224,7 +228,7 @@ class KOVATHUMB_EXPORT Thumb {
   std::unique_ptr<Pinned> pinned_;  // open files of the current request
 
   // Quality mode (quality.cpp).
-  KOVATHUMB_LOCAL bool QualityStoredOk(const std::string& path) const;
+  KOVATHUMB_LOCAL bool QualityStoredOk(int fd) const;
   KOVATHUMB_LOCAL bool QualityFromPreview();
   KOVATHUMB_LOCAL bool QualityOnline(const std::string* derived = nullptr);
   KOVATHUMB_LOCAL bool QualityFromRaw();

@@ -121,6 +121,9 @@ class KOVATHUMB_EXPORT ThumbInfo {
 #pragma GCC diagnostic ignored "-Wdeprecated-declarations"
   KOVATHUMB_LOCAL void ExtractEXIFPreviewInfo(const std::auto_ptr<Exiv2::Image>& image);
 #pragma GCC diagnostic pop
+  // Reads the facts (type, size, orientation), the embedded preview, or
+  // both, from one opening of the source; ExtractImgInfo's errors.
+  KOVATHUMB_LOCAL void Read(bool facts, bool preview);
   KOVATHUMB_LOCAL int ResolveOrientationIndex(Exiv2::Image& image) const;
   KOVATHUMB_LOCAL void CheckAndGetHeif();
   KOVATHUMB_LOCAL const std::string& SizeLetter() const;

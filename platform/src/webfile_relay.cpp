@@ -154,10 +154,10 @@ bool SendBody(int in, off_t size) {
     if (n <= 0) return false;
   }
   if (offset >= size) return true;
-  if (lseek(in, offset, SEEK_SET) < 0) return false;
+  // By position: the descriptor may be the caller's, its offset left alone.
   char buf[65536];
   while (offset < size) {
-    ssize_t n = read(in, buf, sizeof buf);
+    ssize_t n = pread(in, buf, sizeof buf, offset);
     if (n < 0 && errno == EINTR) continue;
     if (n <= 0) return false;
     if (!WriteAll(out, buf, static_cast<size_t>(n))) return false;
@@ -173,11 +173,20 @@ WebFileRelay::~WebFileRelay() = default;
 
 int WebFileRelay::Output(const char* path, const char* mime) {
   if (path == nullptr || *path == '\0') return SendError(404, "Not Found");
-  // Only a regular file, and never through a link (but for a descriptor the
-  // caller holds); a FIFO or device is never opened for reading.
-  const int follow = IsOwnDescriptor(path) ? 0 : O_NOFOLLOW;
-  const int probe = open(path, O_PATH | O_CLOEXEC | follow);
+  // A descriptor the caller holds open for reading is read as it is, never
+  // reopened. Anything else: only a regular file, and never through a link
+  // (but for a descriptor the caller holds); a FIFO or device is never
+  // opened for reading.
+  const bool own = IsOwnDescriptor(path);
   int fd = -1;
+  bool held = false;
+  if (own) {
+    const int n = atoi(path + strlen("/proc/self/fd/"));
+    const int flags = fcntl(n, F_GETFL);
+    held = flags >= 0 && (flags & O_PATH) == 0 && (flags & O_ACCMODE) != O_WRONLY;
+    if (held) fd = n;
+  }
+  const int probe = held ? -1 : open(path, O_PATH | O_CLOEXEC | (own ? 0 : O_NOFOLLOW));
   if (probe >= 0) {
     struct stat pst = {};
     if (fstat(probe, &pst) == 0 && S_ISREG(pst.st_mode)) {
@@ -194,9 +203,12 @@ int WebFileRelay::Output(const char* path, const char* mime) {
     if (errno == EACCES || errno == EPERM) return SendError(403, "Forbidden");
     return SendError(500, "Internal Server Error");
   }
+  const auto release = [fd, held] {
+    if (!held) close(fd);
+  };
   struct stat st;
   if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
-    close(fd);
+    release();
     return SendError(500, "Internal Server Error");
   }
   char tag[64];
@@ -206,7 +218,7 @@ int WebFileRelay::Output(const char* path, const char* mime) {
   const std::string validators =
       "Last-Modified: " + HttpDate(st.st_mtime) + "\r\nETag: " + etag + "\r\n";
   if (NotModified(etag, st.st_mtime)) {
-    close(fd);
+    release();
     return Send("Status: 304 Not Modified\r\n" + validators + "\r\n") ? 0 : 1;
   }
   const std::string head = "Content-Type: " + SanitizeMime(mime) + "\r\nContent-Length: " +
@@ -214,7 +226,7 @@ int WebFileRelay::Output(const char* path, const char* mime) {
                            Disposition(PresentedName(path).c_str()) + validators + "\r\n";
   bool ok = Send(head);
   if (ok && !IsHead()) ok = SendBody(fd, st.st_size);
-  close(fd);
+  release();
   return ok ? 0 : 1;
 }
 

@@ -57,7 +57,7 @@ bool Thumb::SetOutStored(const std::string& name, bool needEAPath, bool conditio
   struct stat64 st;
   safe_fs::Fd fd = ea < 0 ? safe_fs::Fd() : safe_fs::OpenRegularAt(ea, name, &st);
   if (!fd.valid() || !info_.IsThumbUptoDate(safe_fs::SelfPath(fd.get()))) return Fail();
-  if (quality_ && !isVideo_ && !QualityStoredOk(safe_fs::SelfPath(fd.get()))) return Fail();
+  if (quality_ && !isVideo_ && !QualityStoredOk(fd.get())) return Fail();
   outputFile_ = path;
   pinned_->SetOutput(path, std::move(fd), st);
   outputType_ = type;
@@ -96,6 +96,7 @@ std::string Thumb::GetOnlineOutputDest() const {
 }
 
 bool Thumb::SetOutFromEXIFPreview() {
+  ProbeTolerant(false, true);
   if (quality_) return QualityFromPreview();
   if (!info_.IsGood()) return Fail();
   const std::string preview = info_.GetEXIFPreviewTmpPath();

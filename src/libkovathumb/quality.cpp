@@ -1,7 +1,6 @@
 // Thumb's quality-mode members: which tool makes a thumbnail, of the
 // source, of its embedded preview, or of a larger thumbnail just made, and
 // where it goes. The tools' runs are in quality_tools.cpp.
-#include <fcntl.h>
 #include <string.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -38,18 +37,14 @@ using WorkDir = internal::QualityWorkDir;
 
 // ---- Thumb's quality members ------------------------------------------------------
 
-bool Thumb::QualityStoredOk(const std::string& path) const {
+bool Thumb::QualityStoredOk(int fd) const {
   // A stored file made by the appliance's rules may be a BMP or twice the box.
   const std::string mime = info_.GetOutputMimeType();
-  const int fd = open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
-  if (fd < 0) return false;
   unsigned char head[32] = {};
-  const ssize_t n = read(fd, head, sizeof head);
-  close(fd);
-  if (n < 24) return false;
+  if (safe_fs::ReadAt(fd, reinterpret_cast<char*>(head), sizeof head, 0) < 24) return false;
   uint32_t w = 0, h = 0;
   if (mime == kMimeJpeg) {
-    const internal::JpegFacts f = internal::ScanJpegFile(path);
+    const internal::JpegFacts f = internal::ScanJpegFd(fd);
     w = f.ok ? f.width : 0;
     h = f.ok ? f.height : 0;
   } else if (mime == kMimePng && memcmp(head, "\x89PNG", 4) == 0) {

@@ -28,6 +28,8 @@ struct JpegFacts {
 JpegFacts ScanJpeg(const unsigned char* data, size_t size);
 // The same from the first bytes of a file; not ok when it cannot be read.
 JpegFacts ScanJpegFile(const std::string& path);
+// The same from the start of the file open at `fd`, wherever its offset is.
+JpegFacts ScanJpegFd(int fd);
 
 // `w` x `h` scaled into `box`, aspect kept, never enlarged, at least 1 x 1.
 ThumbDimension FitInBox(uint32_t w, uint32_t h, ThumbDimension box);

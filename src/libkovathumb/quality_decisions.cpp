@@ -65,18 +65,18 @@ JpegFacts ScanJpegFile(const std::string& path) {
   // Our pinned paths are magic links; anything else is never followed.
   struct stat64 st;
   safe_fs::Fd file = safe_fs::OpenRegular(path, &st);
-  if (!file.valid()) return JpegFacts();
-  const int fd = file.get();
+  return file.valid() ? ScanJpegFd(file.get()) : JpegFacts();
+}
+
+JpegFacts ScanJpegFd(int fd) {
   // Most frame headers are in the first 64 KiB; read more only when not.
   std::unique_ptr<unsigned char[]> head(new unsigned char[kHeadBytes]);
   size_t got = 0;
   JpegFacts facts;
   for (size_t want = 64 * 1024; want <= kHeadBytes; want *= 8) {
-    while (got < want) {
-      const ssize_t n = read(fd, head.get() + got, want - got);
-      if (n <= 0) break;
-      got += static_cast<size_t>(n);
-    }
+    const ssize_t n = safe_fs::ReadAt(fd, reinterpret_cast<char*>(head.get()) + got, want - got,
+                                      static_cast<off_t>(got));
+    if (n > 0) got += static_cast<size_t>(n);
     facts = ScanJpeg(head.get(), got);
     if (facts.ok || got < want) break;  // found, or the whole file read
   }

@@ -117,7 +117,7 @@ bool Thumb::SaveTmpThumbToEA(const std::string& tmp) {
 bool Thumb::SaveExistingThumbsToEA(std::vector<std::pair<std::string, std::string>> thumbs, long mtime,
                                    bool checkMime) {
   try {
-    ProbeTolerant(true);
+    ProbeTolerant(true, true);
   } catch (const Error&) {
     // "extrace" is kept as the appliance writes it.
     KT_LOG_AT(site::kImportProbe, "Failed to extrace img info '%s'", path_.c_str());
@@ -154,7 +154,7 @@ bool Thumb::SaveExistingThumbsToEA(std::vector<std::pair<std::string, std::strin
 
 void Thumb::ExtractForBatch() {
   if (batchExtracted_ || isVideo_) return;
-  ProbeTolerant(false);
+  ProbeTolerant(true, false);
   batchExtracted_ = true;
 }
 

@@ -69,10 +69,14 @@ void Thumb::SetSize(const std::string& size, ThumbDimension box) {
 
 void Thumb::SetSize(const std::string& size) { SetSize(size, strThumbSizeMap_.at(size)); }
 
-void Thumb::ProbeTolerant(bool whole) {
+void Thumb::ProbeTolerant(bool facts, bool preview) {
   if (isVideo_) return;
   try {
-    info_.ExtractImgInfo(whole);
+    if (facts) {
+      info_.ExtractImgInfo(preview);
+    } else {
+      internal::ThumbInfoAccess::ReadPreview(&info_);
+    }
   } catch (const Error& e) {
     if (e.Code() != kErrorUnknownType) throw Error(e);
   }
@@ -97,13 +101,10 @@ int Thumb::OutputImpl() {
 
 std::string Thumb::CalcOutputFile() {
   pinned_.reset(new Pinned);  // what an earlier request held goes now
-  if (!isVideo_) {
-    // Probing again writes a new preview: drop the one an earlier request
-    // on this object left unused.
-    const std::string stale = info_.GetEXIFPreviewTmpPath();
-    if (!stale.empty()) unlink(stale.c_str());
-    ProbeTolerant(true);
-  }
+  // A preview an earlier request on this object left unused goes; this
+  // request's is read if a conversion needs it.
+  internal::ThumbInfoAccess::DropPreview(&info_);
+  ProbeTolerant(true, false);
   if (info_.GetSize() == kSizeOriginal) {
     if (!info_.IsWebAcceptable()) return std::string();
     outputType_ = kThumbOutputOriginal;
@@ -134,6 +135,11 @@ std::string Thumb::CalcOutputFile(const std::string& size) {
 
 const std::string& Thumb::GetOutputFile() const { return outputFile_; }
 bool Thumb::IsNeedDelete() const { return needDelete_; }
+
+int Thumb::GetOutputDescriptor() const {
+  const Pinned& p = *pinned_;
+  return p.output.valid() && p.outputPath == outputFile_ ? p.output.get() : -1;
+}
 
 bool Thumb::DeleteOutputFile() {
   Pinned& p = *pinned_;

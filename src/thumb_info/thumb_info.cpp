@@ -4,9 +4,11 @@
 #include <fcntl.h>
 #include <string.h>
 #include <syslog.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <exiv2/exiv2.hpp>
 #include <string>
 
@@ -49,6 +51,117 @@ void ToSyslog(int level, const char* message) {
   internal::LogRaw(LOG_WARNING, "exiv2: %s", text.c_str());
 }
 
+// Exiv2 reads the opened source through its descriptor. Its own file
+// reader opens the path anew, and closes it, for each pass over the file:
+// three times a probe.
+class PinnedIo : public Exiv2::BasicIo {
+ public:
+  PinnedIo(int fd, std::string path) : fd_(fd), path_(std::move(path)) {}
+  ~PinnedIo() override { munmap(); }
+  int open() override {
+    struct stat64 st;
+    if (fstat64(fd_, &st) != 0) return 1;
+    size_ = static_cast<size_t>(st.st_size);
+    pos_ = 0;
+    bufLen_ = 0;
+    eof_ = false;
+    open_ = true;
+    return 0;
+  }
+  int close() override {
+    munmap();
+    open_ = false;
+    return 0;
+  }
+  // Read only: we never write a source.
+  long write(const Exiv2::byte*, long) override { return 0; }
+  long write(Exiv2::BasicIo&) override { return 0; }
+  int putb(Exiv2::byte) override { return EOF; }
+  void transfer(Exiv2::BasicIo&) override { throw Exiv2::Error(Exiv2::kerErrorMessage, "read only"); }
+  Exiv2::DataBuf read(long count) override {
+    Exiv2::DataBuf buf(count);
+    const long got = read(buf.pData_, buf.size_);
+    if (got < 0) throw Exiv2::Error(Exiv2::kerInputDataReadFailed);
+    buf.size_ = got;
+    return buf;
+  }
+  // Buffered as stdio buffers Exiv2's own reader: it reads markers a byte
+  // at a time.
+  long read(Exiv2::byte* buf, long count) override {
+    long done = 0;
+    while (done < count) {
+      const size_t want = static_cast<size_t>(count - done);
+      if (pos_ >= bufAt_ && pos_ < bufAt_ + static_cast<off_t>(bufLen_)) {
+        const size_t n = std::min(want, bufLen_ - static_cast<size_t>(pos_ - bufAt_));
+        memcpy(buf + done, buffer_ + (pos_ - bufAt_), n);
+        pos_ += static_cast<off_t>(n);
+        done += static_cast<long>(n);
+        continue;
+      }
+      const bool direct = want >= sizeof buffer_;
+      const ssize_t got = direct ? safe_fs::ReadAt(fd_, reinterpret_cast<char*>(buf + done), want, pos_)
+                                 : safe_fs::ReadAt(fd_, reinterpret_cast<char*>(buffer_), sizeof buffer_, pos_);
+      if (got < 0) return -1;
+      if (got == 0) break;
+      if (direct) {
+        pos_ += got;
+        done += static_cast<long>(got);
+        if (static_cast<size_t>(got) < want) break;
+      } else {
+        bufAt_ = pos_;
+        bufLen_ = static_cast<size_t>(got);
+      }
+    }
+    eof_ = done < count;
+    return done;
+  }
+  int getb() override {
+    Exiv2::byte b;
+    return read(&b, 1) == 1 ? b : EOF;
+  }
+  int seek(long offset, Position from) override {
+    const off_t base = from == beg ? 0 : from == cur ? pos_ : static_cast<off_t>(size_);
+    if (base + offset < 0) return 1;
+    pos_ = base + offset;
+    eof_ = false;
+    return 0;
+  }
+  Exiv2::byte* mmap(bool writeable) override {
+    munmap();
+    if (writeable) throw Exiv2::Error(Exiv2::kerErrorMessage, "read only");
+    if (size_ == 0) return nullptr;
+    void* map = ::mmap(nullptr, size_, PROT_READ, MAP_SHARED, fd_, 0);
+    if (map == MAP_FAILED) throw Exiv2::Error(Exiv2::kerCallFailed, path_, strerror(errno), "mmap");
+    map_ = static_cast<Exiv2::byte*>(map);
+    mapped_ = size_;
+    return map_;
+  }
+  int munmap() override {
+    if (map_ != nullptr) ::munmap(map_, mapped_);
+    map_ = nullptr;
+    return 0;
+  }
+  long tell() const override { return static_cast<long>(pos_); }
+  size_t size() const override { return size_; }
+  bool isopen() const override { return open_; }
+  int error() const override { return 0; }
+  bool eof() const override { return eof_; }
+  std::string path() const override { return path_; }
+
+ private:
+  int fd_;
+  std::string path_;
+  size_t size_ = 0;
+  off_t pos_ = 0;
+  Exiv2::byte buffer_[4096];
+  off_t bufAt_ = 0;  // the file's bytes from here are in buffer_
+  size_t bufLen_ = 0;
+  bool eof_ = false;
+  bool open_ = false;
+  Exiv2::byte* map_ = nullptr;
+  size_t mapped_ = 0;
+};
+
 }  // namespace
 
 const uint32_t ThumbInfo::LARGE_ORIG_THRESHOLD;
@@ -88,7 +201,9 @@ std::string ThumbInfo::PinnedSource() const {
 
 ThumbInfo::~ThumbInfo() = default;
 
-void ThumbInfo::ExtractImgInfo(bool withPreview) {
+void ThumbInfo::ExtractImgInfo(bool withPreview) { Read(true, withPreview); }
+
+void ThumbInfo::Read(bool facts, bool preview) {
   if (IsSupportVideo(internal::BaseName(path_))) return;
 
   bool failed = false;
@@ -103,7 +218,9 @@ void ThumbInfo::ExtractImgInfo(bool withPreview) {
       if (!sourceFd_) {  // there, but not readable by us
         throw Exiv2::Error(Exiv2::kerDataSourceOpenFailed, path_, strerror(EACCES));
       }
-      auto image = Exiv2::ImageFactory::open(PinnedSource(), true);  // a std::auto_ptr in Exiv2 0.27
+      // A std::auto_ptr in Exiv2 0.27; null for a type it does not know.
+      auto image = Exiv2::ImageFactory::open(Exiv2::BasicIo::AutoPtr(new PinnedIo(*sourceFd_, PinnedSource())));
+      if (image.get() == nullptr) throw Exiv2::Error(Exiv2::kerFileContainsUnknownImageType, PinnedSource());
       try {
         image->readMetadata();
       } catch (const Exiv2::AnyError&) {
@@ -113,11 +230,13 @@ void ThumbInfo::ExtractImgInfo(bool withPreview) {
       if (IsVideoContainer(mimeType)) {
         throw Exiv2::Error(Exiv2::kerFileContainsUnknownImageType, path_);
       }
-      mimeType_ = mimeType;
-      width_ = static_cast<uint32_t>(image->pixelWidth());
-      height_ = static_cast<uint32_t>(image->pixelHeight());
-      if (withPreview) ExtractEXIFPreviewInfo(image);
-      index = ResolveOrientationIndex(*image);
+      if (facts) {
+        mimeType_ = mimeType;
+        width_ = static_cast<uint32_t>(image->pixelWidth());
+        height_ = static_cast<uint32_t>(image->pixelHeight());
+      }
+      if (preview) ExtractEXIFPreviewInfo(image);
+      if (facts) index = ResolveOrientationIndex(*image);
     } catch (const Exiv2::AnyError& e) {
       failed = true;
       code = e.code();
@@ -126,8 +245,10 @@ void ThumbInfo::ExtractImgInfo(bool withPreview) {
   }
 
   if (failed) {
+    if (!facts) good_ = false;  // as when the preview was read with the facts
     if (code != kExivCannotOpen && code != kExivUnknownType) {
-      KT_LOG("Exiv2 exception: E%d %s", code, text.c_str());
+      // Named as the member the caller called.
+      internal::LogError(__FILE_NAME__, __LINE__, "ExtractImgInfo", "Exiv2 exception: E%d %s", code, text.c_str());
     }
     if (code == kExivCannotOpen) throw Error(kErrorCannotOpen, text);
     if (code != kExivUnknownType) throw Error(kErrorCannotExamine, text);
@@ -139,6 +260,7 @@ void ThumbInfo::ExtractImgInfo(bool withPreview) {
     throw Error(kErrorUnknownType, text);
   }
 
+  if (!facts) return;
   rotate_ = rotateFlopMappingList_[static_cast<size_t>(index)].first;
   flop_ = rotateFlopMappingList_[static_cast<size_t>(index)].second;
   good_ = true;

@@ -8,6 +8,7 @@
 #define KOVATHUMB_THUMB_INFO_THUMB_INFO_ACCESS_H_
 
 #include <sys/types.h>
+#include <unistd.h>
 
 #include <cstdint>
 #include <string>
@@ -50,6 +51,18 @@ class ThumbInfoAccess {
   // The opened source as this process reads it ("/proc/self/fd/N"); the path
   // when it could not be opened.
   static std::string PinnedSource(const ThumbInfo& info) { return info.PinnedSource(); }
+
+  // The embedded preview of a source the probe read, read only when a
+  // conversion needs it: an answer from the store forks no reader.
+  static void ReadPreview(ThumbInfo* info) {
+    DropPreview(info);
+    if (info->good_) info->Read(false, true);
+  }
+  // Removes the preview file an earlier request left unused.
+  static void DropPreview(ThumbInfo* info) {
+    if (!info->exifPreviewTmpPath_.empty()) unlink(info->exifPreviewTmpPath_.c_str());
+    info->exifPreviewTmpPath_.clear();
+  }
 
   // The source's modification time when the record was made: the stamp of
   // the thumbnails made from what was probed.

@@ -95,6 +95,11 @@ TEST_F(QualityTest, ThumbnailsAreTheirTypeFitTheBoxUprightAndSrgb) {
       continue;
     }
     EXPECT_EQ(ContentType(out), type);
+    // Asked again, the stored file is the answer: nothing is run or made.
+    const ino_t made = test::Stat(out).st_ino;
+    fake::Reset();
+    thumb.SetOption(kThumbOptQuality | kThumbOptDossivaEA | c.options);
+    EXPECT_TRUE(thumb.CalcOutputFile(c.size) == out && test::Stat(out).st_ino == made && fake::State().exec_calls.empty());
     // Still animated; no orientation tag left to turn it again.
     EXPECT_EQ(Capture("/usr/bin/identify -format '%w %h %[colorspace] %[orientation]\\n' " + Quote(out) + " | head -1"),
               std::to_string(c.w) + " " + std::to_string(c.h) + " sRGB Undefined\n");

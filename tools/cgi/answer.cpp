@@ -121,7 +121,13 @@ bool Check(const Params& params, Checked* checked) {
     return AnswerText(params, 405, "only GET and HEAD", "Allow: GET, HEAD\r\n"), false;
   }
   const std::string root = Get(params, "KOVATHUMB_ROOT");
-  checked->root = root.empty() ? std::string() : tool::RealPath(root);
+  // The administrator's path, not the users': resolved once per process.
+  static std::string given, resolved;
+  if (root != given || resolved.empty()) {
+    given = root;
+    resolved = root.empty() ? std::string() : tool::RealPath(root);
+  }
+  checked->root = resolved;
   if (checked->root.empty()) {
     syslog(LOG_ERR, "%s: KOVATHUMB_ROOT is not set or not a directory", program_invocation_short_name);
     return AnswerText(params, 500, "server misconfigured"), false;

@@ -48,16 +48,57 @@ cgi::Params ParamsOf(FCGX_ParamArray envp) {
   return params;
 }
 
+// A worker that crashes or hangs (its alarm) before any of its answer was
+// sent still answers, 503, with FastCGI records made beforehand: the web
+// server would say 500 for a connection closed without a response.
+struct CrashAnswer {
+  pid_t worker = 0;              // not the children it forks
+  volatile sig_atomic_t fd = -1;  // the request's connection while nothing was sent
+  std::string records;
+} crash;
+
+void AddRecord(std::string* out, unsigned char type, int id, const std::string& content) {
+  const unsigned char head[8] = {1, type, static_cast<unsigned char>(id >> 8), static_cast<unsigned char>(id),
+                                 static_cast<unsigned char>(content.size() >> 8),
+                                 static_cast<unsigned char>(content.size()), 0, 0};
+  out->append(reinterpret_cast<const char*>(head), sizeof head).append(content);
+}
+
+void OnCrash(int sig) {
+  const int fd = crash.fd;
+  if (fd >= 0 && getpid() == crash.worker) {
+    for (size_t at = 0; at < crash.records.size();) {
+      const ssize_t n = write(fd, crash.records.data() + at, crash.records.size() - at);
+      if (n <= 0) break;
+      at += static_cast<size_t>(n);
+    }
+  }
+  signal(sig, SIG_DFL);
+  raise(sig);
+}
+
 int Work(int listenfd, Handover* handover) {
   tool::LimitAddressSpace();
   Responder responder(handover);
   FCGX_Request req;
   if (FCGX_InitRequest(&req, listenfd, 0) != 0) return 1;
+  crash.worker = getpid();
+  for (int s : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT, SIGALRM}) signal(s, OnCrash);
   while (FCGX_Accept_r(&req) >= 0) {
+    const cgi::Params params = ParamsOf(req.envp);
+    crash.records.clear();
+    AddRecord(&crash.records, 6, req.requestId, cgi::BusyAnswer(params));  // FCGI_STDOUT
+    AddRecord(&crash.records, 6, req.requestId, "");
+    AddRecord(&crash.records, 3, req.requestId, std::string(8, '\0'));  // FCGI_END_REQUEST, complete
+    crash.fd = req.ipcFd;
     responder.Answer(
-        ParamsOf(req.envp),
-        [&req](const char* p, size_t n) { return FCGX_PutStr(p, static_cast<int>(n), req.out) == static_cast<int>(n); },
+        params,
+        [&req](const char* p, size_t n) {
+          crash.fd = -1;
+          return FCGX_PutStr(p, static_cast<int>(n), req.out) == static_cast<int>(n);
+        },
         {listenfd, req.ipcFd});
+    crash.fd = -1;
     FCGX_Finish_r(&req);
     if (Responder::Resident() > kMaxResident) return 0;
   }

@@ -11,18 +11,23 @@
 // lead elsewhere before the server opens it. So the web server is never
 // given a path in the tree: the bytes of the file the library checked, read
 // through the descriptor it checked, are copied into a private directory no
-// one else may write, and that copy's name is handed over. Names are
-// never reused, and a copy is removed sixteen of its worker's requests
-// later (the server opens it when it reads the headers): one gone too early
-// costs an error, never another file. Everything else, the sources themselves included, is
-// streamed through the socket.
+// one else may write, and that copy's name is handed over. The next request
+// for the very same file (device, inode, size, modification and change
+// times, read through the descriptor it checked) is handed the same copy.
+// Names are never reused for other bytes, and a copy is removed once
+// sixteen other copies of its worker were made after its last use (the
+// server opens it when it reads the headers): one gone too early costs an
+// error, never another file. Everything else, the sources themselves
+// included, is streamed through the socket.
 #ifndef KOVATHUMB_TOOLS_FCGI_RESPONDER_H_
 #define KOVATHUMB_TOOLS_FCGI_RESPONDER_H_
 
+#include <sys/stat.h>
 #include <sys/types.h>
 
 #include <functional>
 #include <initializer_list>
+#include <list>
 #include <string>
 #include <vector>
 
@@ -41,17 +46,24 @@ class Handover {
   // cannot be used.
   bool Open(const std::string& dir, std::string* error);
   bool IsOpen() const { return fd_ >= 0; }
-  // Copies `size` bytes of `from` at `offset` into a new file; its path, or
-  // "" on failure. Removes this process's copy of kKept copies ago.
-  std::string Copy(int from, off_t offset, size_t size);
+  // The path of a copy of `size` bytes of `from` at `offset`, which are the
+  // file `checked` describes: the copy made for it before when there is
+  // one, else a new one; "" on failure. Removes this process's copy least
+  // recently used when more than kKept are left.
+  std::string Copy(int from, off_t offset, size_t size, const struct stat& checked);
   // Removes the copies process `pid` left (all of them for 0).
   void Forget(pid_t pid);
 
  private:
-  static constexpr unsigned long kKept = 16;
+  static constexpr size_t kKept = 16;
+  struct Made {
+    struct stat checked;
+    std::string name;
+  };
   std::string dir_;
   int fd_ = -1;
   unsigned long made_ = 0;
+  std::list<Made> recent_;  // most recently used first
 };
 
 class Responder {
@@ -63,7 +75,7 @@ class Responder {
   // so that only this process answers there and a worker that dies ends
   // its request at once.
   void Answer(const cgi::Params& params, const Sink& sink, std::initializer_list<int> sockets = {});
-  // This process's resident memory in bytes.
+  // The most resident memory this process has had, in bytes.
   static size_t Resident();
 
  private:
