@@ -104,6 +104,10 @@ enum ThumbOption {
   // the original only where it already is all that; all sizes of a batch
   // from one decode of the source. Stored under the same names and times.
   kThumbOptQuality = 128,
+  // Ours: only a thumbnail already stored answers; nothing is extracted,
+  // converted or served in its place. A server's fast path, before it hands
+  // the rest to a bounded child.
+  kThumbOptStoredOnly = 256,
 };
 
 class KOVATHUMB_EXPORT Thumb {
@@ -217,6 +221,7 @@ class KOVATHUMB_EXPORT Thumb {
   ThumbInfo info_;
   std::string outputFile_;
   bool noOnline_;                 // never convert now (asked, or a video)
+  bool storedOnly_;               // only what is stored answers
   bool wantDossivaEA_;            // try the file manager's stored thumbnail
   bool wantPictavoEA_;            // try the photo gallery's stored thumbnails
   bool enableGIF_;                // animated thumbnails of animated GIFs

@@ -49,6 +49,7 @@ Thumb::~Thumb() {
 void Thumb::SetOption(int options) {
   const bool avatar = options & kThumbOptAvatar;
   noOnline_ = (options & kThumbOptNoOnline) || isVideo_;
+  storedOnly_ = options & kThumbOptStoredOnly;
   wantDossivaEA_ = (options & kThumbOptDossivaEA) && !avatar;
   wantPictavoEA_ = (options & kThumbOptPictavoEA) && !avatar;
   enableGIF_ = options & kThumbOptEnableGIF;
@@ -115,6 +116,10 @@ std::string Thumb::CalcOutputFile() {
   if (wantDossivaEA_ && SetOutDossivaEA()) return outputFile_;
   if (isVideo_ && SetOutCinevoEA()) return outputFile_;
   if (avatar_ && SetOutAvatar()) return outputFile_;
+  if (storedOnly_) {
+    Fail();
+    return outputFile_;
+  }
   if (SetOutFromEXIFPreview()) return outputFile_;
   if (allowHeicOriginal_ && !quality_ && info_.IsHeic() && SetOutOriginalImage()) return outputFile_;
   if (!noOnline_ && SetOutOnline()) return outputFile_;

@@ -166,6 +166,7 @@ TEST_F(ThumbTest, EmbeddedPreviewBecomesTheThumbnailTurnedAsAsked) {
   test::MakePhoto(src_);
   test::MakeImage(dir_ / "photo-thumb.jpg", 640, 480, "xc:green");
   test::MustSh("exiv2 -it " + Quote(src_) + " && cp " + Quote(src_) + " " + Quote(dir_ / "turn.jpg"));
+  EXPECT_TRUE(Thumb(src_, kThumbOptStoredOnly, false).CalcOutputFile("medium").empty() && !test::Exists(ea_));
   {
     Thumb thumb(src_, 0, false);
     EXPECT_EQ(thumb.CalcOutputFile("medium"), ea_ + "/KOVAFILE_THUMB_M.jpg");

@@ -166,7 +166,7 @@ bool Responder::AnswerStored(const cgi::Params& params, const cgi::Checked& chec
   struct stat file;  // the output file as it stands now that it was read
   bool held = false;
   try {
-    Thumb thumb(checked.pinned.Path(), req.options | kThumbOptNoOnline, false);
+    Thumb thumb(checked.pinned.Path(), req.options | kThumbOptNoOnline | kThumbOptStoredOnly, false);
     thumb.Rotate(req.rotate);
     tool::SendThumbnail(thumb, wanted, true);
     if (thumb.GetOutputFile().empty()) return false;
