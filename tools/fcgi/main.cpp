@@ -256,6 +256,12 @@ int main(int argc, char** argv) {
       return true;
     });
     return 0;
+  } else {
+    // Started by the web server on its socket: we serve nobody once it is
+    // gone (its next start brings its own workers).
+    const pid_t server = getppid();
+    prctl(PR_SET_PDEATHSIG, SIGTERM);
+    if (getppid() != server) return 0;
   }
   return fcgi::Supervise(workers, listenfd, &handover);
 }
