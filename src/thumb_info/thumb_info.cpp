@@ -218,8 +218,12 @@ void ThumbInfo::Read(bool facts, bool preview) {
       if (!sourceFd_) {  // there, but not readable by us
         throw Exiv2::Error(Exiv2::kerDataSourceOpenFailed, path_, strerror(EACCES));
       }
-      // A std::auto_ptr in Exiv2 0.27; null for a type it does not know.
+      // Exiv2 0.27 takes and gives std::auto_ptr, which clang flags when
+      // named; null for a type it does not know.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wdeprecated-declarations"
       auto image = Exiv2::ImageFactory::open(Exiv2::BasicIo::AutoPtr(new PinnedIo(*sourceFd_, PinnedSource())));
+#pragma GCC diagnostic pop
       if (image.get() == nullptr) throw Exiv2::Error(Exiv2::kerFileContainsUnknownImageType, PinnedSource());
       try {
         image->readMetadata();
