@@ -32,8 +32,6 @@ namespace {
 // A worker that grew past this (the library leaking, say) leaves after its
 // request and is replaced, so no growth lasts.
 constexpr size_t kMaxResident = 64u << 20;
-// How long a copy handed to the web server is kept after its worker ended.
-constexpr int kCopyGraceSeconds = 30;
 
 cgi::Params ParamsOf(FCGX_ParamArray envp) {
   cgi::Params params;
@@ -112,7 +110,7 @@ int Supervise(int count, int listenfd, Handover* handover) {
   for (int s : {SIGCHLD, SIGTERM, SIGINT, SIGHUP}) sigaddset(&signals, s);
   sigprocmask(SIG_BLOCK, &signals, &old);
   const pid_t self = getpid();
-  handover->Forget(0);  // what an earlier run left
+  handover->Sweep(0);  // what an earlier run left
   std::map<pid_t, time_t> workers;
   auto start = [&] {
     const pid_t pid = fork();
@@ -125,20 +123,15 @@ int Supervise(int count, int listenfd, Handover* handover) {
     if (pid > 0) workers[pid] = time(nullptr);
   };
   for (int i = 0; i < count; ++i) start();
-  // The web server may still be sending a worker's last copies when it
-  // ends (a worker that grew leaves right after answering): they go later.
-  std::map<pid_t, time_t> ended;
+  const time_t every = Handover::kKeptSeconds / 4;
+  time_t swept = time(nullptr);
   for (bool stop = false; !stop;) {
     siginfo_t info;
-    const struct timespec tick = {kCopyGraceSeconds, 0};
+    const struct timespec tick = {every, 0};
     const int s = sigtimedwait(&signals, &info, &tick);
-    for (auto e = ended.begin(); e != ended.end();) {
-      if (time(nullptr) - e->second < kCopyGraceSeconds) {
-        ++e;
-        continue;
-      }
-      handover->Forget(e->first);
-      e = ended.erase(e);
+    if (time(nullptr) - swept >= every) {
+      handover->Sweep(Handover::kKeptSeconds);
+      swept = time(nullptr);
     }
     if (s != SIGCHLD) {
       stop = s > 0;
@@ -148,7 +141,6 @@ int Supervise(int count, int listenfd, Handover* handover) {
     for (pid_t pid; (pid = waitpid(-1, &status, WNOHANG)) > 0;) {
       const time_t began = workers[pid];
       workers.erase(pid);
-      ended[pid] = time(nullptr);
       if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) {
         syslog(LOG_WARNING, "kovathumb-fcgi: worker %d ended (status %d); starting another", pid, status);
       }
@@ -160,7 +152,7 @@ int Supervise(int count, int listenfd, Handover* handover) {
   for (const auto& w : workers) kill(w.first, SIGTERM);
   while (wait(nullptr) > 0 || errno == EINTR) {
   }
-  handover->Forget(0);
+  handover->Sweep(0);
   return 0;
 }
 

@@ -10,9 +10,8 @@
 #include <sys/resource.h>
 #include <sys/sendfile.h>
 #include <sys/stat.h>
+#include <time.h>
 #include <unistd.h>
-
-#include <algorithm>
 
 #include "front_end/send.h"
 #include "front_end/watchdog.h"
@@ -22,8 +21,14 @@ namespace kovathumb {
 namespace fcgi {
 namespace {
 
-std::string CopyName(pid_t pid, unsigned long n) {
-  return std::to_string(pid) + "-" + std::to_string(n);
+// The name of the copy of the file `st` describes.
+std::string CopyName(const struct stat& st) {
+  char name[128];
+  snprintf(name, sizeof name, "%lx-%lx-%lx-%lx.%lx-%lx.%lx", static_cast<unsigned long>(st.st_dev),
+           static_cast<unsigned long>(st.st_ino), static_cast<unsigned long>(st.st_size),
+           static_cast<unsigned long>(st.st_mtim.tv_sec), static_cast<unsigned long>(st.st_mtim.tv_nsec),
+           static_cast<unsigned long>(st.st_ctim.tv_sec), static_cast<unsigned long>(st.st_ctim.tv_nsec));
+  return name;
 }
 
 // The header block's end (the empty line) of a response, or npos.
@@ -51,21 +56,25 @@ bool Handover::Open(const std::string& dir, std::string* error) {
 }
 
 std::string Handover::Copy(int from, off_t offset, size_t size, const struct stat& checked) {
-  const auto same = [&checked](const Made& m) {
-    const struct stat& s = m.checked;
-    return s.st_dev == checked.st_dev && s.st_ino == checked.st_ino && s.st_size == checked.st_size &&
-           s.st_mtim.tv_sec == checked.st_mtim.tv_sec && s.st_mtim.tv_nsec == checked.st_mtim.tv_nsec &&
-           s.st_ctim.tv_sec == checked.st_ctim.tv_sec && s.st_ctim.tv_nsec == checked.st_ctim.tv_nsec;
-  };
-  const auto hit = std::find_if(recent_.begin(), recent_.end(), same);
-  if (hit != recent_.end() && static_cast<size_t>(checked.st_size) == size) {
-    recent_.splice(recent_.begin(), recent_, hit);
-    return dir_ + "/" + hit->name;
+  // Bytes of another length than the file has now are not the file: a name
+  // of their own, never handed out again.
+  const bool whole = static_cast<size_t>(checked.st_size) == size;
+  const std::string name = whole ? CopyName(checked) : "once-" + std::to_string(getpid()) + "-" + std::to_string(++made_);
+  if (whole) {
+    const int fd = openat(fd_, name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+    struct stat st;
+    if (fd >= 0 && fstat(fd, &st) == 0 && S_ISREG(st.st_mode) && static_cast<size_t>(st.st_size) == size) {
+      // Handed over again: kept from the sweep for another while.
+      if (time(nullptr) - st.st_mtime > kKeptSeconds / 4) futimens(fd, nullptr);
+      close(fd);
+      return dir_ + "/" + name;
+    }
+    if (fd >= 0) close(fd);
   }
-  const std::string name = CopyName(getpid(), ++made_);
-  const int to = openat(fd_, name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
+  // Made whole under a name of this process's, then put in place at once.
+  const std::string temp = "." + std::to_string(getpid()) + "-" + std::to_string(++made_);
+  const int to = openat(fd_, temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
   if (to < 0) return std::string();
-  const size_t whole = size;
   while (size > 0) {
     const ssize_t n = sendfile(to, from, &offset, size);
     if (n < 0 && errno == EINTR) continue;
@@ -73,30 +82,27 @@ std::string Handover::Copy(int from, off_t offset, size_t size, const struct sta
     size -= static_cast<size_t>(n);
   }
   close(to);
-  if (size != 0) {
-    unlinkat(fd_, name.c_str(), 0);
+  if (size != 0 || renameat(fd_, temp.c_str(), fd_, name.c_str()) != 0) {
+    unlinkat(fd_, temp.c_str(), 0);
     return std::string();
-  }
-  recent_.push_front(Made{checked, name});
-  // Bytes of another length than the file has now are not handed out again.
-  if (static_cast<size_t>(checked.st_size) != whole) recent_.front().checked.st_size = -1;
-  if (recent_.size() > kKept) {
-    unlinkat(fd_, recent_.back().name.c_str(), 0);
-    recent_.pop_back();
   }
   return dir_ + "/" + name;
 }
 
-void Handover::Forget(pid_t pid) {
+void Handover::Sweep(int seconds) {
   const int fd = dup(fd_);
   DIR* d = fd < 0 ? nullptr : fdopendir(fd);
   if (d == nullptr) {
     if (fd >= 0) close(fd);
     return;
   }
-  const std::string prefix = pid == 0 ? std::string() : std::to_string(pid) + "-";
+  const time_t now = time(nullptr);
   while (const struct dirent* e = readdir(d)) {
-    if (e->d_name[0] != '.' && strncmp(e->d_name, prefix.c_str(), prefix.size()) == 0) unlinkat(fd_, e->d_name, 0);
+    struct stat st;
+    if (strcmp(e->d_name, ".") != 0 && strcmp(e->d_name, "..") != 0 &&
+        fstatat(fd_, e->d_name, &st, AT_SYMLINK_NOFOLLOW) == 0 && now - st.st_mtime >= seconds) {
+      unlinkat(fd_, e->d_name, 0);
+    }
   }
   closedir(d);
 }

@@ -27,7 +27,6 @@
 
 #include <functional>
 #include <initializer_list>
-#include <list>
 #include <string>
 #include <vector>
 
@@ -39,7 +38,11 @@ namespace fcgi {
 // Receives a response's bytes; false once nobody reads any more.
 using Sink = std::function<bool(const char*, size_t)>;
 
-// The private directory copies are handed over from.
+// The private directory copies are handed over from, shared by the
+// workers. A copy is named after the file it was made from (device, inode,
+// size, modification and change times), so every worker hands the same
+// file over under the same name and the web server sees few names come and
+// go; copies nobody handed over for a while are removed by Sweep.
 class Handover {
  public:
   // Opens `dir`, which must be ours and writable by nobody else. False, with `error` set, if it
@@ -47,23 +50,18 @@ class Handover {
   bool Open(const std::string& dir, std::string* error);
   bool IsOpen() const { return fd_ >= 0; }
   // The path of a copy of `size` bytes of `from` at `offset`, which are the
-  // file `checked` describes: the copy made for it before when there is
-  // one, else a new one; "" on failure. Removes this process's copy least
-  // recently used when more than kKept are left.
+  // file `checked` describes; "" on failure.
   std::string Copy(int from, off_t offset, size_t size, const struct stat& checked);
-  // Removes the copies process `pid` left (all of them for 0).
-  void Forget(pid_t pid);
+  // Removes the copies not handed over for `seconds`.
+  void Sweep(int seconds);
+
+  // A copy handed over stays at least this long.
+  static constexpr int kKeptSeconds = 120;
 
  private:
-  static constexpr size_t kKept = 16;
-  struct Made {
-    struct stat checked;
-    std::string name;
-  };
   std::string dir_;
   int fd_ = -1;
   unsigned long made_ = 0;
-  std::list<Made> recent_;  // most recently used first
 };
 
 class Responder {
