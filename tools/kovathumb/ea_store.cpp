@@ -8,7 +8,6 @@
 
 #include <vector>
 
-#include "front_end/pin.h"
 
 namespace kovathumb {
 namespace tool {
@@ -82,6 +81,22 @@ int OpenEADirOf(int dir, const std::string& base) {
   const int ea = openat(top, base.c_str(), kPathFlags);
   close(top);
   return ea;
+}
+
+StoredOf::StoredOf(const PinnedFile& pinned) {
+  if (fstatat(pinned.Dir(), pinned.Base().c_str(), &src_, AT_SYMLINK_NOFOLLOW) == 0) {
+    ea_ = OpenEADirOf(pinned.Dir(), pinned.Base());
+  }
+}
+
+StoredOf::~StoredOf() {
+  if (ea_ >= 0) close(ea_);
+}
+
+bool StoredOf::Fresh(const std::string& name) const {
+  struct stat st;
+  return ea_ >= 0 && fstatat(ea_, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0 && S_ISREG(st.st_mode) &&
+         st.st_size > 0 && st.st_mtime >= src_.st_mtime;
 }
 
 void RemoveStored(int ea, const Pick& pick, bool dryRun, Freed* freed) {
