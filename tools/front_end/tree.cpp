@@ -24,11 +24,7 @@ void Walk(int fd, const std::string& prefix, std::vector<TreeFile>* files) {
     close(fd);
     return;
   }
-  std::vector<std::string> names;
-  while (struct dirent* e = readdir(d)) {
-    const std::string name = e->d_name;
-    if (name != "." && name != ".." && !IsEADirName(name)) names.push_back(name);
-  }
+  std::vector<std::string> names = ReadNames(d);
   std::sort(names.begin(), names.end());
   for (const std::string& name : names) {
     struct stat st;
@@ -45,6 +41,15 @@ void Walk(int fd, const std::string& prefix, std::vector<TreeFile>* files) {
 }
 
 }  // namespace
+
+std::vector<std::string> ReadNames(DIR* d) {
+  std::vector<std::string> names;
+  while (struct dirent* e = readdir(d)) {
+    const std::string name = e->d_name;
+    if (name != "." && name != ".." && !IsEADirName(name)) names.push_back(name);
+  }
+  return names;
+}
 
 std::string RealPath(const std::string& path) {
   char buf[PATH_MAX];

@@ -2,6 +2,7 @@
 #ifndef KOVATHUMB_TOOLS_COMMON_TREE_H_
 #define KOVATHUMB_TOOLS_COMMON_TREE_H_
 
+#include <dirent.h>
 #include <sys/types.h>
 
 #include <string>
@@ -14,6 +15,10 @@ namespace tool {
 std::string RealPath(const std::string& path);
 // Whether `path` is `root` or below it (both canonical).
 bool Inside(const std::string& path, const std::string& root);
+
+// The names read from `d`, but for "." and ".." and the EA directory, which
+// walks never enter: anyone may plant one.
+std::vector<std::string> ReadNames(DIR* d);
 
 struct TreeFile {
   std::string rel;  // relative to the walked directory

@@ -8,6 +8,8 @@
 
 #include <vector>
 
+#include "front_end/tree.h"
+
 
 namespace kovathumb {
 namespace tool {
@@ -68,6 +70,19 @@ Stored ClassifyStored(const std::string& name) {
     return ext == ".jpg" || ext == ".png" || ext == ".gif" ? Stored::kThumb : Stored::kNotOurs;
   }
   return Stored::kNotOurs;
+}
+
+std::vector<std::string> EADirsIn(int dir) {
+  const int top =
+      EADirName().empty() ? -1 : openat(dir, EADirName().c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+  DIR* d = top < 0 ? nullptr : fdopendir(top);
+  if (d == nullptr) {
+    if (top >= 0) close(top);
+    return {};
+  }
+  std::vector<std::string> names = ReadNames(d);
+  closedir(d);
+  return names;
 }
 
 int OpenEADirOf(int dir, const std::string& base) {

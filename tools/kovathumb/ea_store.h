@@ -10,6 +10,7 @@
 
 #include <functional>
 #include <string>
+#include <vector>
 
 #include "front_end/pin.h"
 
@@ -23,6 +24,10 @@ enum class Stored {
 };
 // Pure: what the store name `name` is.
 Stored ClassifyStored(const std::string& name);
+
+// The sources' EA directories kept in the directory open at `dir`, by the
+// names of their sources (present or gone).
+std::vector<std::string> EADirsIn(int dir);
 
 // The EA directory of `base` in the directory open at `dir` (O_PATH will
 // do), opened O_PATH without following a link; -1 when there is none.
