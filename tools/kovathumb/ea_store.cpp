@@ -75,11 +75,8 @@ Stored ClassifyStored(const std::string& name) {
 std::vector<std::string> EADirsIn(int dir) {
   const int top =
       EADirName().empty() ? -1 : openat(dir, EADirName().c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
-  DIR* d = top < 0 ? nullptr : fdopendir(top);
-  if (d == nullptr) {
-    if (top >= 0) close(top);
-    return {};
-  }
+  DIR* d = TakeDir(top);
+  if (d == nullptr) return {};
   std::vector<std::string> names = ReadNames(d);
   closedir(d);
   return names;
@@ -115,12 +112,8 @@ bool StoredOf::Fresh(const std::string& name) const {
 }
 
 void RemoveStored(int ea, const Pick& pick, bool dryRun, Freed* freed) {
-  const int fd = openat(ea, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  DIR* d = fd < 0 ? nullptr : fdopendir(fd);
-  if (d == nullptr) {
-    if (fd >= 0) close(fd);
-    return;
-  }
+  DIR* d = TakeDir(openat(ea, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (d == nullptr) return;
   std::vector<std::string> names;
   while (struct dirent* e = readdir(d)) {
     if (ClassifyStored(e->d_name) != Stored::kNotOurs) names.push_back(e->d_name);

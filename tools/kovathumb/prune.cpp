@@ -36,20 +36,13 @@ struct Pruned {
 
 // Takes `fd`, a directory opened without following a link.
 void PruneTree(int fd, const PruneArgs& args, time_t now, Pruned* out) {
-  DIR* d = fdopendir(fd);
-  if (d == nullptr) {
-    close(fd);
-    return;
-  }
+  DIR* d = TakeDir(fd);
+  if (d == nullptr) return;
   std::set<std::string> files;
-  for (const std::string& n : ReadNames(d)) {
-    struct stat st;
-    if (fstatat(dirfd(d), n.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) continue;
+  ForEachEntry(d, [&](const std::string& n, const struct stat& st, int sub) {
     if (S_ISREG(st.st_mode)) files.insert(n);
-    if (!S_ISDIR(st.st_mode)) continue;
-    const int sub = openat(dirfd(d), n.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
     if (sub >= 0) PruneTree(sub, args, now, out);
-  }
+  });
   const long retention = static_cast<long>(args.retentionDays * 86400);
   for (const std::string& n : EADirsIn(dirfd(d))) {
     const bool gone = files.count(n) == 0;

@@ -80,30 +80,22 @@ void Watcher::AddTree(size_t root, int parent, const std::string& name, int fd, 
       roots_[root].limited = true;
     }
   }
-  DIR* d = fdopendir(fd);
-  if (d == nullptr) {
-    close(fd);
-    return;
-  }
+  DIR* d = TakeDir(fd);
+  if (d == nullptr) return;
   std::set<std::string> files;
-  for (const std::string& n : ReadNames(d)) {
-    struct stat st;
-    if (fstatat(dirfd(d), n.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) continue;
-    if (S_ISDIR(st.st_mode)) {
-      const int sub = openat(dirfd(d), n.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
-      if (sub >= 0) AddTree(root, wd, n, sub, rel + n + "/", catchUp);
-    } else if (S_ISREG(st.st_mode)) {
-      files.insert(n);
-      if (!IsPhoto(n)) continue;
-      if (!catchUp && wd >= 0) {
-        settler_.Arm(Settler::Key(wd, n), Now());  // maybe still being copied
-        continue;
-      }
-      const int ea = OpenEADirOf(dirfd(d), n);
-      if (ea < 0 || NeedsWork(ea, st)) Queue(root, rel + n, false);
-      if (ea >= 0) close(ea);
+  ForEachEntry(d, [&](const std::string& n, const struct stat& st, int sub) {
+    if (sub >= 0) AddTree(root, wd, n, sub, rel + n + "/", catchUp);
+    if (!S_ISREG(st.st_mode)) return;
+    files.insert(n);
+    if (!IsPhoto(n)) return;
+    if (!catchUp && wd >= 0) {
+      settler_.Arm(Settler::Key(wd, n), Now());  // maybe still being copied
+      return;
     }
-  }
+    const int ea = OpenEADirOf(dirfd(d), n);
+    if (ea < 0 || NeedsWork(ea, st)) Queue(root, rel + n, false);
+    if (ea >= 0) close(ea);
+  });
   if (catchUp) {
     Freed freed;
     for (const std::string& n : EADirsIn(dirfd(d))) {
@@ -117,15 +109,14 @@ void Watcher::AddTree(size_t root, int parent, const std::string& name, int fd, 
 // Sizes served by the source itself store nothing: such a photo goes to a
 // worker, which finds that out again cheaply.
 bool Watcher::NeedsWork(int ea, const struct stat& src) const {
-  const int fd = openat(ea, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  DIR* d = fd < 0 ? nullptr : fdopendir(fd);
+  DIR* d = TakeDir(openat(ea, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   if (d == nullptr) return true;
   std::set<std::string> fresh;
   const std::string prefix = "KOVAFILE_THUMB_";
   while (struct dirent* e = readdir(d)) {
     const std::string n = e->d_name;
     struct stat st;
-    if (ClassifyStored(n) != Stored::kThumb || fstatat(fd, n.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0 ||
+    if (ClassifyStored(n) != Stored::kThumb || fstatat(dirfd(d), n.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0 ||
         st.st_mtime < src.st_mtime) {
       continue;
     }
