@@ -212,7 +212,6 @@ class KOVATHUMB_EXPORT Thumb {
   KOVATHUMB_LOCAL bool PrepareWork(bool inEADir, std::string* work);
   KOVATHUMB_LOCAL std::string ToolSource() const;
   KOVATHUMB_LOCAL std::string ServePath() const;
-  KOVATHUMB_LOCAL void BoundBoxThumbs(const std::string& kept);
 
   int outputType_;
   std::string path_;

@@ -5,7 +5,6 @@
 
 #include <string>
 #include <utility>
-#include <vector>
 
 #include "kovathumb/convert_cmd.h"
 #include "kovathumb/file.h"
@@ -202,7 +201,6 @@ bool Thumb::SetOutOnline() {
 
   if (eaWritable) {
     if (!SaveTmpThumbToEA(work)) return Fail();
-    BoundBoxThumbs(BaseName(outputFile_));
     outputType_ = kThumbOutputDossiva;
     return true;
   }
@@ -215,25 +213,6 @@ bool Thumb::SetOutOnline() {
   outputType_ = kThumbOutputDossivaVarTmp;
   cleanup.keep = true;
   return true;
-}
-
-// Requests for arbitrary boxes must not fill the disk: keep the newest few.
-void Thumb::BoundBoxThumbs(const std::string& kept) {
-  if (!internal::IsBoxThumbName(kept)) return;
-  const int ea = EADir(false);
-  if (ea < 0) return;
-  const std::vector<safe_fs::Entry> entries = safe_fs::ListRegular(ea);
-  std::vector<internal::StoredThumb> stored;
-  for (const safe_fs::Entry& e : entries) stored.push_back({e.name, e.size, e.changed});
-  for (const std::string& name : internal::BoxThumbsToRemove(stored, kept)) {
-    for (const safe_fs::Entry& e : entries) {
-      if (e.name != name) continue;
-      struct stat64 st;
-      st.st_dev = e.dev;
-      st.st_ino = e.ino;
-      safe_fs::UnlinkIfSame(ea, name, st);
-    }
-  }
 }
 
 }  // namespace kovathumb

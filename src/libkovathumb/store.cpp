@@ -41,6 +41,29 @@ bool IsStorable(int fd, const struct stat64& st, const std::string& mime) {
 
 }  // namespace internal
 
+namespace {
+
+// Requests for arbitrary boxes must not fill the disk: keep the newest few
+// in `dir`, `kept` (just stored) among them. Every store trims, whichever
+// path made the file, so concurrent requests end within the bound too.
+void BoundBoxThumbs(int dir, const std::string& kept) {
+  if (!internal::IsBoxThumbName(kept)) return;
+  const std::vector<safe_fs::Entry> entries = safe_fs::ListRegular(dir);
+  std::vector<internal::StoredThumb> stored;
+  for (const safe_fs::Entry& e : entries) stored.push_back({e.name, e.size, e.changed});
+  for (const std::string& name : internal::BoxThumbsToRemove(stored, kept)) {
+    for (const safe_fs::Entry& e : entries) {
+      if (e.name != name) continue;
+      struct stat64 st;
+      st.st_dev = e.dev;
+      st.st_ino = e.ino;
+      safe_fs::UnlinkIfSame(dir, name, st);
+    }
+  }
+}
+
+}  // namespace
+
 using internal::BaseName;
 using internal::IsStorable;
 namespace site = internal::site;
@@ -106,6 +129,7 @@ bool Thumb::SaveThumbToEA(const std::string& src, const std::string& dst, long m
   }
   fstat64(file.get(), &now);
   pinned_->SetOutput(dst, std::move(file), now);
+  BoundBoxThumbs(dir.get(), name);
   return true;
 }
 

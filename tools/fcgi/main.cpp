@@ -237,16 +237,8 @@ int main(int argc, char** argv) {
     kovathumb::tool::LimitAddressSpace();
     const int out = dup(1);
     fcgi::Responder responder(&handover);
-    responder.Answer(kovathumb::cgi::ParamsFromEnvironment(), [out](const char* p, size_t n) {
-      while (n > 0) {
-        const ssize_t w = write(out, p, n);
-        if (w < 0 && errno == EINTR) continue;
-        if (w <= 0) return false;
-        p += w;
-        n -= static_cast<size_t>(w);
-      }
-      return true;
-    });
+    responder.Answer(kovathumb::cgi::ParamsFromEnvironment(),
+                     [out](const char* p, size_t n) { return kovathumb::tool::WriteAll(out, p, n); });
     return 0;
   } else {
     // Started by the web server on its socket: we serve nobody once it is

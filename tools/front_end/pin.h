@@ -39,6 +39,8 @@ class PinnedFile {
   // The path to hand the library.
   std::string Path() const;
   const std::string& Base() const { return base_; }
+  // The source's directory, opened O_PATH.
+  int Dir() const { return dirfd_; }
   // `text` with Path() replaced by `shown`, for messages a user reads.
   std::string Unpinned(const std::string& text, const std::string& shown) const;
 

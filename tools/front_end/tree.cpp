@@ -19,32 +19,45 @@ namespace {
 
 // Takes `fd`, a directory opened without following a link.
 void Walk(int fd, const std::string& prefix, std::vector<TreeFile>* files) {
-  DIR* d = fdopendir(fd);
-  if (d == nullptr) {
-    close(fd);
-    return;
-  }
+  DIR* d = TakeDir(fd);
+  if (d == nullptr) return;
+  ForEachEntry(d, [&](const std::string& name, const struct stat& st, int sub) {
+    if (sub >= 0) Walk(sub, prefix + name + "/", files);
+    if (S_ISREG(st.st_mode) && (IsSupportImage(name) || IsSupportVideo(name))) {
+      files->push_back(TreeFile{prefix + name, st.st_size, st.st_mtime});
+    }
+  });
+  closedir(d);
+}
+
+}  // namespace
+
+DIR* TakeDir(int fd) {
+  DIR* d = fd < 0 ? nullptr : fdopendir(fd);
+  if (d == nullptr && fd >= 0) close(fd);
+  return d;
+}
+
+std::vector<std::string> ReadNames(DIR* d) {
   std::vector<std::string> names;
   while (struct dirent* e = readdir(d)) {
     const std::string name = e->d_name;
     if (name != "." && name != ".." && !IsEADirName(name)) names.push_back(name);
   }
+  return names;
+}
+
+void ForEachEntry(DIR* d, const Visit& visit) {
+  std::vector<std::string> names = ReadNames(d);
   std::sort(names.begin(), names.end());
   for (const std::string& name : names) {
     struct stat st;
     if (fstatat(dirfd(d), name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) continue;
-    if (S_ISDIR(st.st_mode)) {
-      // Swapped for a link since the look-up: O_NOFOLLOW refuses it.
-      const int sub = openat(dirfd(d), name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
-      if (sub >= 0) Walk(sub, prefix + name + "/", files);
-    } else if (S_ISREG(st.st_mode) && (IsSupportImage(name) || IsSupportVideo(name))) {
-      files->push_back(TreeFile{prefix + name, st.st_size, st.st_mtime});
-    }
+    const int sub =
+        S_ISDIR(st.st_mode) ? openat(dirfd(d), name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC) : -1;
+    visit(name, st, sub);
   }
-  closedir(d);
 }
-
-}  // namespace
 
 std::string RealPath(const std::string& path) {
   char buf[PATH_MAX];

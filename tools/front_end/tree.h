@@ -2,8 +2,12 @@
 #ifndef KOVATHUMB_TOOLS_COMMON_TREE_H_
 #define KOVATHUMB_TOOLS_COMMON_TREE_H_
 
+#include <dirent.h>
 #include <sys/types.h>
 
+#include <sys/stat.h>
+
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -14,6 +18,18 @@ namespace tool {
 std::string RealPath(const std::string& path);
 // Whether `path` is `root` or below it (both canonical).
 bool Inside(const std::string& path, const std::string& root);
+
+// A stream over the directory open at `fd` (taken; -1 is none), or nullptr
+// with `fd` closed.
+DIR* TakeDir(int fd);
+// The names read from `d`, but for "." and ".." and the EA directory, which
+// walks never enter: anyone may plant one.
+std::vector<std::string> ReadNames(DIR* d);
+// Those entries in name order, each with its status read without following
+// a link; a directory comes opened for `visit` to take, -1 when it was
+// swapped for a link since (O_NOFOLLOW refuses it) or cannot be opened.
+using Visit = std::function<void(const std::string& name, const struct stat& st, int sub)>;
+void ForEachEntry(DIR* d, const Visit& visit);
 
 struct TreeFile {
   std::string rel;  // relative to the walked directory

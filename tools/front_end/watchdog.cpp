@@ -15,8 +15,6 @@
 namespace kovathumb {
 namespace tool {
 
-namespace {
-
 bool WriteAll(int fd, const char* p, size_t n) {
   while (n > 0) {
     const ssize_t w = write(fd, p, n);
@@ -27,8 +25,6 @@ bool WriteAll(int fd, const char* p, size_t n) {
   }
   return true;
 }
-
-}  // namespace
 
 int WallSeconds() {
   const char* v = getenv("KOVAPLATFORM_CHILD_WALL_SECONDS");  // tests shorten it

@@ -22,6 +22,10 @@ int RunBounded(const std::function<int()>& request, const std::string& timedOut,
 int RunBounded(const std::function<int()>& request, const std::string& timedOut,
                const std::string& failed, const std::function<bool(const char*, size_t)>& sink);
 
+// Writes all `n` bytes, going on after interruptions and short writes;
+// false once a write fails (the reader is gone).
+bool WriteAll(int fd, const char* p, size_t n);
+
 // The wall time, in seconds, a request may take.
 int WallSeconds();
 

@@ -8,7 +8,8 @@
 
 #include <vector>
 
-#include "front_end/pin.h"
+#include "front_end/tree.h"
+
 
 namespace kovathumb {
 namespace tool {
@@ -71,6 +72,16 @@ Stored ClassifyStored(const std::string& name) {
   return Stored::kNotOurs;
 }
 
+std::vector<std::string> EADirsIn(int dir) {
+  const int top =
+      EADirName().empty() ? -1 : openat(dir, EADirName().c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+  DIR* d = TakeDir(top);
+  if (d == nullptr) return {};
+  std::vector<std::string> names = ReadNames(d);
+  closedir(d);
+  return names;
+}
+
 int OpenEADirOf(int dir, const std::string& base) {
   if (EADirName().empty() || base.empty() || base.find('/') != std::string::npos || base == "." ||
       base == "..") {
@@ -84,13 +95,25 @@ int OpenEADirOf(int dir, const std::string& base) {
   return ea;
 }
 
-void RemoveStored(int ea, const Pick& pick, bool dryRun, Freed* freed) {
-  const int fd = openat(ea, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  DIR* d = fd < 0 ? nullptr : fdopendir(fd);
-  if (d == nullptr) {
-    if (fd >= 0) close(fd);
-    return;
+StoredOf::StoredOf(const PinnedFile& pinned) {
+  if (fstatat(pinned.Dir(), pinned.Base().c_str(), &src_, AT_SYMLINK_NOFOLLOW) == 0) {
+    ea_ = OpenEADirOf(pinned.Dir(), pinned.Base());
   }
+}
+
+StoredOf::~StoredOf() {
+  if (ea_ >= 0) close(ea_);
+}
+
+bool StoredOf::Fresh(const std::string& name) const {
+  struct stat st;
+  return ea_ >= 0 && fstatat(ea_, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0 && S_ISREG(st.st_mode) &&
+         st.st_size > 0 && st.st_mtime >= src_.st_mtime;
+}
+
+void RemoveStored(int ea, const Pick& pick, bool dryRun, Freed* freed) {
+  DIR* d = TakeDir(openat(ea, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (d == nullptr) return;
   std::vector<std::string> names;
   while (struct dirent* e = readdir(d)) {
     if (ClassifyStored(e->d_name) != Stored::kNotOurs) names.push_back(e->d_name);

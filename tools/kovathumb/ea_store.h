@@ -10,6 +10,9 @@
 
 #include <functional>
 #include <string>
+#include <vector>
+
+#include "front_end/pin.h"
 
 namespace kovathumb {
 namespace tool {
@@ -22,9 +25,32 @@ enum class Stored {
 // Pure: what the store name `name` is.
 Stored ClassifyStored(const std::string& name);
 
+// The sources' EA directories kept in the directory open at `dir`, by the
+// names of their sources (present or gone).
+std::vector<std::string> EADirsIn(int dir);
+
 // The EA directory of `base` in the directory open at `dir` (O_PATH will
 // do), opened O_PATH without following a link; -1 when there is none.
 int OpenEADirOf(int dir, const std::string& base);
+
+// A pinned source's EA directory and the source's status, taken once: its
+// stored thumbnails are judged through that descriptor, never through a
+// path, so a link planted on the way is not followed.
+class StoredOf {
+ public:
+  explicit StoredOf(const PinnedFile& pinned);
+  ~StoredOf();
+  StoredOf(const StoredOf&) = delete;
+  StoredOf& operator=(const StoredOf&) = delete;
+  int ea() const { return ea_; }
+  const struct stat& source() const { return src_; }
+  // Whether `name` is a regular, non-empty file as new as the source.
+  bool Fresh(const std::string& name) const;
+
+ private:
+  int ea_ = -1;
+  struct stat src_ = {};
+};
 
 struct Freed {
   long files = 0;

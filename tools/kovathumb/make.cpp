@@ -9,6 +9,7 @@
 #include <sstream>
 
 #include "subcommands.h"
+#include "ea_store.h"
 #include "front_end/pin.h"
 #include "kovathumb/error.h"
 #include "kovathumb/file.h"
@@ -58,7 +59,7 @@ int RunMake(const MakeArgs& args) {
     if (IsSupportVideo(path)) {
       // As index does: a video's one thumbnail is its screenshot.
       Outcome o;
-      MakeScreenshot(pinned.Path(), &o);
+      MakeScreenshot(pinned, StoredOf(pinned), &o);
       Json j = {{"path", path}, {"made", o.made}, {"up_to_date", o.upToDate}, {"failed", o.failed}};
       if (o.skipped) j["skipped"] = "no ffmpeg";
       if (!o.error.empty()) j["error"] = o.error;

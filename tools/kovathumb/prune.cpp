@@ -13,6 +13,7 @@
 
 #include "ea_store.h"
 #include "front_end/pin.h"
+#include "front_end/tree.h"
 #include "subcommands.h"
 #include "upkeep_rules.h"
 
@@ -33,39 +34,17 @@ struct Pruned {
   long eaDirs = 0;
 };
 
-std::vector<std::string> Names(DIR* d) {
-  std::vector<std::string> names;
-  while (struct dirent* e = readdir(d)) {
-    const std::string n = e->d_name;
-    if (n != "." && n != "..") names.push_back(n);
-  }
-  return names;
-}
-
 // Takes `fd`, a directory opened without following a link.
 void PruneTree(int fd, const PruneArgs& args, time_t now, Pruned* out) {
-  DIR* d = fdopendir(fd);
-  if (d == nullptr) {
-    close(fd);
-    return;
-  }
+  DIR* d = TakeDir(fd);
+  if (d == nullptr) return;
   std::set<std::string> files;
-  for (const std::string& n : Names(d)) {
-    struct stat st;
-    if (IsEADirName(n) || fstatat(dirfd(d), n.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) continue;
+  ForEachEntry(d, [&](const std::string& n, const struct stat& st, int sub) {
     if (S_ISREG(st.st_mode)) files.insert(n);
-    if (!S_ISDIR(st.st_mode)) continue;
-    const int sub = openat(dirfd(d), n.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
     if (sub >= 0) PruneTree(sub, args, now, out);
-  }
-  const int top = EADirName().empty()
-                      ? -1
-                      : openat(dirfd(d), EADirName().c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
-  DIR* eas = top < 0 ? nullptr : fdopendir(top);
-  const std::vector<std::string> eaNames = eas != nullptr ? Names(eas) : std::vector<std::string>();
-  if (eas != nullptr) closedir(eas);
+  });
   const long retention = static_cast<long>(args.retentionDays * 86400);
-  for (const std::string& n : eaNames) {
+  for (const std::string& n : EADirsIn(dirfd(d))) {
     const bool gone = files.count(n) == 0;
     if (gone) {
       if (RemoveEADir(dirfd(d), n, args.dryRun, &out->freed)) ++out->eaDirs;

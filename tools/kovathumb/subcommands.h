@@ -68,7 +68,9 @@ struct Outcome {
   std::string error;  // the reason for the last failure
 };
 // The video application's screenshot: one frame, stored like a thumbnail.
-void MakeScreenshot(const std::string& path, Outcome* out);
+class PinnedFile;
+class StoredOf;
+void MakeScreenshot(const PinnedFile& pinned, const StoredOf& stored, Outcome* out);
 
 // The canonical path of the directory argument `dir`; throws
 // CLI::ValidationError when it is not a directory.

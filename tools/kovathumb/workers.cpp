@@ -40,14 +40,15 @@ void OnStopWorker(int) { g_stopWorker = 1; }
 
 // `shared`, when given, makes every size of the file: in quality mode it
 // makes smaller sizes from larger ones.
-void MakeSize(const std::string& path, const std::string& size, int options, Thumb* shared, Outcome* out) {
+void MakeSize(const std::string& path, const StoredOf& stored, const std::string& size, int options, Thumb* shared,
+              Outcome* out) {
   ThumbInfo info(path, size, Thumb::strThumbSizeMap_.at(size));
   try {
     info.ExtractImgInfo(false);
   } catch (const Error& e) {
     if (e.Code() != kErrorUnknownType) throw;
   }
-  if (info.IsThumbUptoDate(file::GetEAPath(path, info.GetDossivaThumbEAName()))) {
+  if (stored.Fresh(info.GetDossivaThumbEAName())) {
     ++out->upToDate;
     return;
   }
@@ -68,19 +69,12 @@ void MakeSize(const std::string& path, const std::string& size, int options, Thu
 }
 
 // Stored thumbnails carry the time of the source they were made from.
-void DropStale(const PinnedFile& pinned) {
-  struct stat src;
-  const std::string path = pinned.Path();
-  if (lstat(path.c_str(), &src) != 0) return;
-  const int dir = open(file::Dirname(path).c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
-  const int ea = dir < 0 ? -1 : OpenEADirOf(dir, pinned.Base());
-  if (ea >= 0) {
-    Freed freed;
-    RemoveStored(ea, [&](const std::string&, Stored, const struct stat& st) { return st.st_mtime != src.st_mtime; },
-                 false, &freed);
-    close(ea);
-  }
-  if (dir >= 0) close(dir);
+void DropStale(const StoredOf& stored) {
+  if (stored.ea() < 0) return;
+  const time_t mtime = stored.source().st_mtime;
+  Freed freed;
+  RemoveStored(stored.ea(), [&](const std::string&, Stored, const struct stat& st) { return st.st_mtime != mtime; },
+               false, &freed);
 }
 
 Outcome WorkOn(const FileJob& job, const std::vector<std::string>& sizes, int options) {
@@ -93,9 +87,10 @@ Outcome WorkOn(const FileJob& job, const std::vector<std::string>& sizes, int op
   }
   const std::string path = pinned.Path();
   try {
-    if (job.restamp) DropStale(pinned);
+    const StoredOf stored(pinned);
+    if (job.restamp) DropStale(stored);
     if (IsSupportVideo(path)) {
-      MakeScreenshot(path, &out);
+      MakeScreenshot(pinned, stored, &out);
       return out;
     }
     std::unique_ptr<Thumb> shared;
@@ -111,7 +106,7 @@ Outcome WorkOn(const FileJob& job, const std::vector<std::string>& sizes, int op
         out.interrupted = true;
         break;
       }
-      MakeSize(path, size, options, shared.get(), &out);
+      MakeSize(path, stored, size, options, shared.get(), &out);
     }
   } catch (const Error& e) {
     out.error = pinned.Unpinned(e.what(), job.rel);
@@ -127,15 +122,16 @@ Outcome WorkOn(const FileJob& job, const std::vector<std::string>& sizes, int op
 
 // ffmpeg reads the very file we opened and writes into a directory only we
 // can write, so no name in the tree can redirect either.
-void MakeScreenshot(const std::string& path, Outcome* out) {
+void MakeScreenshot(const PinnedFile& pinned, const StoredOf& stored, Outcome* out) {
   if (access(kFfmpeg, X_OK) != 0) {
     out->skipped = true;
     return;
   }
+  const std::string path = pinned.Path();
   ThumbInfo info(path, kSizeOriginal, Thumb::strThumbSizeMap_.at(kSizeOriginal));
   const std::string name = info.GetCinevoThumbEAName();
   const std::string dst = file::GetEAPath(path, name);
-  if (info.IsThumbUptoDate(dst)) {
+  if (stored.Fresh(name)) {
     ++out->upToDate;
     return;
   }

@@ -1,0 +1,210 @@
+// kovathumb watch's walks: adding the watches of a tree and finding what
+// needs work in it, and naming a watched directory again by its watch.
+#include <dirent.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <sys/inotify.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <iostream>
+#include <sstream>
+
+#include "ea_store.h"
+#include "front_end/pin.h"
+#include "front_end/tree.h"
+#include "kovathumb/file.h"
+#include "kovathumb/thumb_const.h"
+#include "watcher.h"
+
+namespace kovathumb {
+namespace tool {
+
+namespace {
+
+constexpr uint32_t kDirMask = IN_CLOSE_WRITE | IN_MOVED_FROM | IN_MOVED_TO | IN_CREATE | IN_DELETE | IN_MODIFY |
+                              IN_ATTRIB | IN_ONLYDIR | IN_EXCL_UNLINK;
+
+std::string FdPath(int fd) { return "/proc/self/fd/" + std::to_string(fd); }
+
+}  // namespace
+
+double Watcher::Now() {
+  return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
+}
+
+bool Watcher::IsPhoto(const std::string& name) { return IsSupportImage(name) || IsSupportVideo(name); }
+
+void Watcher::SayOnce(bool* said, const std::string& what) {
+  if (*said) return;
+  *said = true;
+  std::cerr << "kovathumb watch: " << what << std::endl;
+}
+
+// One walk adds the watches and then looks at what is there, so nothing
+// that happens meanwhile goes unseen. A catch-up queues what is not up to
+// date and removes the EA directories of photos that are gone.
+void Watcher::Rescan(size_t root) {
+  const int fd = openat(roots_[root].fd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (fd < 0) return;
+  ++scan_;
+  roots_[root].limited = false;
+  AddTree(root, -1, std::string(), fd, std::string(), true);
+  if (roots_[root].limited) roots_[root].nextRescan = Now() + args_.rescanMinutes * 60;
+  // Directories that were not met again left the tree while we did not look.
+  std::vector<int> gone;
+  for (const auto& n : nodes_) {
+    if (n.second.root == root && n.second.seen != scan_) gone.push_back(n.first);
+  }
+  for (int wd : gone) {
+    if (nodes_.count(wd) != 0) ForgetTree(wd);
+  }
+}
+
+// Takes `fd`, the directory `rel` opened without following a link.
+void Watcher::AddTree(size_t root, int parent, const std::string& name, int fd, const std::string& rel,
+                      bool catchUp) {
+  int wd = -1;
+  // A directory below one we cannot watch is rescanned with it.
+  if (parent >= 0 || rel.empty()) {
+    wd = inotify_add_watch(ifd_, FdPath(fd).c_str(), kDirMask);
+    if (wd >= 0) {
+      nodes_[wd] = Node{parent, name, root, scan_};  // met again: where it is now
+    } else if (errno == ENOSPC) {
+      std::ostringstream what;
+      what << "the limit on inotify watches (fs.inotify.max_user_watches) is reached: trees that are not "
+           << "watched whole are rescanned every " << args_.rescanMinutes << " minutes";
+      SayOnce(&saidLimit_, what.str());
+      if (!roots_[root].limited && !catchUp) roots_[root].nextRescan = Now() + args_.rescanMinutes * 60;
+      roots_[root].limited = true;
+    }
+  }
+  DIR* d = TakeDir(fd);
+  if (d == nullptr) return;
+  std::set<std::string> files;
+  ForEachEntry(d, [&](const std::string& n, const struct stat& st, int sub) {
+    if (sub >= 0) AddTree(root, wd, n, sub, rel + n + "/", catchUp);
+    if (!S_ISREG(st.st_mode)) return;
+    files.insert(n);
+    if (!IsPhoto(n)) return;
+    if (!catchUp && wd >= 0) {
+      settler_.Arm(Settler::Key(wd, n), Now());  // maybe still being copied
+      return;
+    }
+    const int ea = OpenEADirOf(dirfd(d), n);
+    if (ea < 0 || NeedsWork(ea, st)) Queue(root, rel + n, false);
+    if (ea >= 0) close(ea);
+  });
+  if (catchUp) {
+    Freed freed;
+    for (const std::string& n : EADirsIn(dirfd(d))) {
+      if (files.count(n) == 0) RemoveEADir(dirfd(d), n, false, &freed);
+    }
+  }
+  closedir(d);
+}
+
+// Whether a photo lacks a stored thumbnail of a size, or has a stale one.
+// Sizes served by the source itself store nothing: such a photo goes to a
+// worker, which finds that out again cheaply.
+bool Watcher::NeedsWork(int ea, const struct stat& src) const {
+  DIR* d = TakeDir(openat(ea, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (d == nullptr) return true;
+  std::set<std::string> fresh;
+  const std::string prefix = "KOVAFILE_THUMB_";
+  while (struct dirent* e = readdir(d)) {
+    const std::string n = e->d_name;
+    struct stat st;
+    if (ClassifyStored(n) != Stored::kThumb || fstatat(dirfd(d), n.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0 ||
+        st.st_mtime < src.st_mtime) {
+      continue;
+    }
+    if (n == "KOVAVIDEO_VIDEO_SCREENSHOT.jpg") {
+      closedir(d);
+      return false;
+    }
+    if (n.compare(0, prefix.size(), prefix) == 0) {
+      fresh.insert(n.compare(prefix.size(), 2, kLetterXLarge) == 0 ? kLetterXLarge : n.substr(prefix.size(), 1));
+    }
+  }
+  closedir(d);
+  for (const std::string& l : letters_) {
+    if (fresh.count(l) == 0) return true;
+  }
+  return false;
+}
+
+bool Watcher::RelOf(int wd, std::string* rel) const {
+  rel->clear();
+  for (int at = wd, depth = 0; depth < 4096; ++depth) {
+    auto it = nodes_.find(at);
+    if (it == nodes_.end()) return false;
+    if (it->second.parent < 0) return true;
+    *rel = it->second.name + "/" + *rel;
+    at = it->second.parent;
+  }
+  return false;
+}
+
+// The directory of watch `wd`, O_PATH, opened beneath its root without
+// following a link; -1 when it is gone.
+int Watcher::DirFd(int wd) const {
+  std::string rel;
+  if (!RelOf(wd, &rel)) return -1;
+  return OpenDirBeneath(roots_[nodes_.at(wd).root].fd, rel);
+}
+
+int Watcher::FindChild(int parent, const std::string& name) const {
+  for (const auto& n : nodes_) {
+    if (n.second.parent == parent && n.second.name == name) return n.first;
+  }
+  return -1;
+}
+
+void Watcher::NewDir(int parent, const std::string& name) {
+  std::string rel;
+  const int dir = DirFd(parent);
+  if (dir < 0 || !RelOf(parent, &rel)) return;
+  const int sub = openat(dir, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+  close(dir);
+  if (sub >= 0) AddTree(nodes_.at(parent).root, parent, name, sub, rel + name + "/", false);
+}
+
+void Watcher::ForgetTree(int wd) {
+  std::set<int> tree = {wd};
+  for (bool grew = true; grew;) {
+    grew = false;
+    for (const auto& n : nodes_) {
+      if (tree.count(n.first) == 0 && tree.count(n.second.parent) != 0) grew = tree.insert(n.first).second;
+    }
+  }
+  for (int w : tree) {
+    inotify_rm_watch(ifd_, w);
+    nodes_.erase(w);
+    settler_.ForgetDir(w);
+  }
+}
+
+void Watcher::RemoveEA(int wd, const std::string& name) {
+  settler_.Forget(Settler::Key(wd, name));
+  const int dir = DirFd(wd);
+  if (dir < 0) return;
+  Freed freed;
+  RemoveEADir(dir, name, false, &freed);
+  close(dir);
+}
+
+void Watcher::Queue(size_t root, const std::string& rel, bool restamp) {
+  const Root& r = roots_[root];
+  FileJob job{r.real, rel, r.shown + "/" + rel, restamp};
+  if (readyPaths_.insert(job.path).second) ready_.push_back(job);
+}
+
+void Watcher::Settled(const Settler::Key& key) {
+  std::string rel;
+  if (RelOf(key.first, &rel)) Queue(nodes_.at(key.first).root, rel + key.second, true);
+}
+
+}  // namespace tool
+}  // namespace kovathumb
