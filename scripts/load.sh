@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # A bounded load run on 127.0.0.1, in one lighttpd: a stored thumbnail from
 # kovathumb-fcgi, from kovathumb-cgi and, for scale, the same file served
-# statically; then thumbnails made on every request by both endpoints.
+# statically, and 200 stored thumbnails in turn (a gallery) both ways; then
+# thumbnails made on every request by both endpoints.
 # Prints the figures side by side: rate, latency, and the server's CPU time
 # per request (lighttpd and everything under it), which the other loads on
 # a shared machine disturb least; then the load average and the FastCGI
@@ -19,6 +20,21 @@ build/tools/kovathumb index --no-progress "$samples" >/dev/null
 photo=photo.jpg
 stored=$(cd "$samples" && find . -path "*/$photo/*_M.jpg" | head -1)
 [ -n "$stored" ] || { echo "no stored medium thumbnail of $photo"; exit 1; }
+# A gallery: 200 photos with their thumbnails stored (copies of the one
+# above, its stored files along), asked for in turn.
+ea=$(dirname "$stored")
+mkdir -p "$samples/gallery/$(dirname "$ea")"
+for i in $(seq 1 200); do
+  cp -p "$samples/$photo" "$samples/gallery/p$i.jpg"
+  cp -a "$samples/$ea" "$samples/gallery/$(dirname "$ea")/p$i.jpg"
+done
+cat > "$out/gallery.lua" <<'LUA'
+counter = 0
+request = function()
+  counter = counter + 1
+  return wrk.format("GET", (string.gsub(wrk.path, "@", tostring(counter % 200 + 1))))
+end
+LUA
 export SERVE_DIR=$out/server SERVE_LOAD=1 KOVATHUMB_FCGI_WORKERS=${KOVATHUMB_FCGI_WORKERS:-4}
 url=$(scripts/serve.sh start "$samples" 0)
 trap 'scripts/serve.sh stop' EXIT
@@ -40,6 +56,7 @@ request = function()
 end
 LUA
 cat "$out/uncached.lua" "$out/report.lua" > "$out/uncached-report.lua"
+cat "$out/gallery.lua" "$out/report.lua" > "$out/gallery-report.lua"
 
 # CPU clock ticks of the server: lighttpd and every process under it, with
 # the children each has reaped (the CGI processes, the tools).
@@ -76,6 +93,8 @@ run "stored, static file (8 conn.)" 8 "$out/report.lua" "/static/${stored#./}"
 run "stored, kovathumb-fcgi (8 conn.)" 8 "$out/report.lua" "/fcgi-thumb?$query"
 run "quality stored, kovathumb-fcgi (8 conn.)" 8 "$out/report.lua" "/fcgi-thumb?path=$photo&size=medium"
 run "stored, kovathumb-cgi (8 conn.)" 8 "$out/report.lua" "/cgi-thumb?$query"
+run "gallery of 200, static (8 conn.)" 8 "$out/gallery-report.lua" "/static/gallery/$(dirname "${ea#./}")/p@.jpg/$(basename "$stored")"
+run "gallery of 200, kovathumb-fcgi (8 conn.)" 8 "$out/gallery-report.lua" "/fcgi-thumb?path=gallery/p@.jpg&size=medium"
 run "uncached, kovathumb-fcgi (4 conn.)" 4 "$out/uncached-report.lua" "/fcgi-thumb?path=$photo"
 run "uncached, kovathumb-cgi (4 conn.)" 4 "$out/uncached-report.lua" "/cgi-thumb?path=$photo"
 echo "load average after: $(cut -d' ' -f1-3 /proc/loadavg)"
