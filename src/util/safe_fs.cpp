@@ -67,22 +67,43 @@ std::string RandomSuffix() {
   return s;
 }
 
-void EmptyDir(int dir) {
-  const int copy = openat(dir, ".", kDirFlags);
-  if (copy < 0) return;
-  DIR* d = fdopendir(copy);
-  if (d == nullptr) {
-    close(copy);
-    return;
-  }
+// The names in the directory open at `dir`, but "." and "..".
+std::vector<std::string> Names(int dir) {
   std::vector<std::string> names;
+  const int copy = openat(dir, ".", kDirFlags);
+  DIR* d = copy < 0 ? nullptr : fdopendir(copy);
+  if (d == nullptr) {
+    if (copy >= 0) close(copy);
+    return names;
+  }
   while (struct dirent* e = readdir(d)) {
     const std::string name = e->d_name;
     if (name != "." && name != "..") names.push_back(name);
   }
   closedir(d);
+  return names;
+}
+
+void EmptyDir(int dir) {
   // Nothing but our tools writes here; they make files only.
-  for (const std::string& name : names) unlinkat(dir, name.c_str(), 0);
+  for (const std::string& name : Names(dir)) unlinkat(dir, name.c_str(), 0);
+}
+
+// Directories `prefix` + pid + "." + random in `parent` whose process is
+// gone: killed or crashed, it could not remove its own.
+void SweepAbandoned(int parent, const std::string& prefix) {
+  for (const std::string& name : Names(parent)) {
+    if (name.compare(0, prefix.size(), prefix) != 0) continue;
+    char* end = nullptr;
+    const long pid = strtol(name.c_str() + prefix.size(), &end, 10);
+    if (pid <= 0 || *end != '.' || kill(static_cast<pid_t>(pid), 0) == 0 || errno != ESRCH) continue;
+    Fd dir(openat(parent, name.c_str(), kDirFlags));
+    struct stat64 st;
+    // Only what we made: a user may plant look-alikes.
+    if (!dir.valid() || fstat64(dir.get(), &st) != 0 || st.st_uid != geteuid() || (st.st_mode & 077) != 0) continue;
+    EmptyDir(dir.get());
+    unlinkat(parent, name.c_str(), AT_REMOVEDIR);
+  }
 }
 
 }  // namespace
@@ -158,40 +179,6 @@ Fd OpenDirBeneath(const std::string& trusted, const std::string& target) {
 }
 
 PrivateDir::~PrivateDir() { Remove(); }
-
-namespace {
-
-// Directories `prefix` + pid + "." + random in `parent` whose process is
-// gone: killed or crashed, it could not remove its own.
-void SweepAbandoned(int parent, const std::string& prefix) {
-  const int copy = openat(parent, ".", kDirFlags);
-  DIR* d = copy < 0 ? nullptr : fdopendir(copy);
-  if (d == nullptr) {
-    if (copy >= 0) close(copy);
-    return;
-  }
-  std::vector<std::string> abandoned;
-  while (struct dirent* e = readdir(d)) {
-    const std::string name = e->d_name;
-    if (name.compare(0, prefix.size(), prefix) != 0) continue;
-    char* end = nullptr;
-    const long pid = strtol(name.c_str() + prefix.size(), &end, 10);
-    if (pid > 0 && *end == '.' && kill(static_cast<pid_t>(pid), 0) != 0 && errno == ESRCH) {
-      abandoned.push_back(name);
-    }
-  }
-  closedir(d);
-  for (const std::string& name : abandoned) {
-    Fd dir(openat(parent, name.c_str(), kDirFlags));
-    struct stat64 st;
-    // Only what we made: a user may plant look-alikes.
-    if (!dir.valid() || fstat64(dir.get(), &st) != 0 || st.st_uid != geteuid() || (st.st_mode & 077) != 0) continue;
-    EmptyDir(dir.get());
-    unlinkat(parent, name.c_str(), AT_REMOVEDIR);
-  }
-}
-
-}  // namespace
 
 bool PrivateDir::Create(int parent, const std::string& prefix) {
   Remove();
@@ -275,19 +262,11 @@ bool UnlinkIfSame(int dir, const std::string& name, const struct stat64& st) {
 
 std::vector<Entry> ListRegular(int dir) {
   std::vector<Entry> entries;
-  const int copy = openat(dir, ".", kDirFlags);
-  if (copy < 0) return entries;
-  DIR* d = fdopendir(copy);
-  if (d == nullptr) {
-    close(copy);
-    return entries;
-  }
-  while (struct dirent* e = readdir(d)) {
+  for (const std::string& name : Names(dir)) {
     struct stat64 st;
-    if (fstatat64(dir, e->d_name, &st, AT_SYMLINK_NOFOLLOW) != 0 || !S_ISREG(st.st_mode)) continue;
-    entries.push_back({e->d_name, st.st_size, st.st_ctim, st.st_dev, st.st_ino});
+    if (fstatat64(dir, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0 || !S_ISREG(st.st_mode)) continue;
+    entries.push_back({name, st.st_size, st.st_ctim, st.st_dev, st.st_ino});
   }
-  closedir(d);
   return entries;
 }
 
