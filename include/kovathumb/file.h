@@ -39,6 +39,11 @@ KOVATHUMB_EXPORT std::string GetEATmpPath(const std::string& path, const std::st
 // "/var/tmp/kovathumb_<name>_<pid>_<seconds>".
 KOVATHUMB_EXPORT std::string GetVarTmpPath(const std::string& name);
 
+// Removes from the open EA directory `eaDir` the work directories left there
+// by a process of ours that was killed, so that the directory can be removed
+// once nothing else is in it. A user's look-alikes stay.
+KOVATHUMB_EXPORT void SweepAbandonedWork(int eaDir);
+
 // Lower-cased text after the last '.' of `path`; the whole lower-cased
 // argument when it has no dot ("MP4" gives "mp4").
 KOVATHUMB_EXPORT std::string GetFileExt(const std::string& path);

@@ -140,7 +140,7 @@ bool Thumb::PrepareWork(bool inEADir, std::string* work) {
   safe_fs::PrivateDir& dir = pinned_->work;
   if (inEADir) {
     const int ea = EADir(true);
-    if (ea < 0 || !dir.Create(ea, internal::kPrivatePrefix)) return false;
+    if (ea < 0 || !dir.Create(ea, safe_fs::kPrivatePrefix)) return false;
     *work = dir.ToolPath(info_.GetDossivaTmpThumbEAName());
   } else {
     if (!dir.CreateAt(internal::kVarTmpTemplate)) return false;

@@ -26,7 +26,7 @@ class QualityWorkDir {
   // In the EA directory open at `ea`, else (-1) under /var/tmp.
   explicit QualityWorkDir(int ea) {
     if (ea >= 0) {
-      dir_.Create(ea, kPrivatePrefix);
+      dir_.Create(ea, safe_fs::kPrivatePrefix);
     } else {
       dir_.CreateAt(kVarTmpTemplate);
     }

@@ -87,7 +87,7 @@ bool Thumb::SaveThumbToEA(const std::string& src, const std::string& dst, long m
   safe_fs::Fd dir = safe_fs::OpenDirBeneath(file::Dirname(path_), file::Dirname(dst));
   if (!dir.valid() && errno == EXDEV) dir = safe_fs::OpenDir(file::Dirname(dst));
   safe_fs::PrivateDir stage;
-  bool staged = dir.valid() && stage.Create(dir.get(), internal::kPrivatePrefix);
+  bool staged = dir.valid() && stage.Create(dir.get(), safe_fs::kPrivatePrefix);
   if (staged && !safe_fs::RenameInto(src, stage.fd(), name)) {
     staged = errno == EXDEV && KLIBCExecl("/bin/mv", 0, "/bin/mv", src.c_str(), stage.ToolPath(name).c_str(),
                                           static_cast<char*>(nullptr)) == 0;

@@ -15,9 +15,9 @@ namespace internal {
 
 constexpr uint32_t kUnlimited = 2147483647;
 
-// Private directories (ours, 0700) that we make inside EA directories and
-// /var/tmp for the tools' work and for staging a file before it goes live.
-constexpr char kPrivatePrefix[] = ".kovathumb-";
+// Private directories for the tools' work and for staging a file before it
+// goes live: in EA directories named safe_fs::kPrivatePrefix + ..., in
+// /var/tmp after this template.
 constexpr char kVarTmpTemplate[] = "/var/tmp/kovathumb_XXXXXX";
 
 // Whether the open file is a whole image of a type we send as `mime`.

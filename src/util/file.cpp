@@ -93,5 +93,7 @@ std::string GetVarTmpPath(const std::string& name) {
   return tmp;
 }
 
+void SweepAbandonedWork(int eaDir) { safe_fs::SweepAbandoned(eaDir, safe_fs::kPrivatePrefix); }
+
 }  // namespace file
 }  // namespace kovathumb

@@ -89,23 +89,6 @@ void EmptyDir(int dir) {
   for (const std::string& name : Names(dir)) unlinkat(dir, name.c_str(), 0);
 }
 
-// Directories `prefix` + pid + "." + random in `parent` whose process is
-// gone: killed or crashed, it could not remove its own.
-void SweepAbandoned(int parent, const std::string& prefix) {
-  for (const std::string& name : Names(parent)) {
-    if (name.compare(0, prefix.size(), prefix) != 0) continue;
-    char* end = nullptr;
-    const long pid = strtol(name.c_str() + prefix.size(), &end, 10);
-    if (pid <= 0 || *end != '.' || kill(static_cast<pid_t>(pid), 0) == 0 || errno != ESRCH) continue;
-    Fd dir(openat(parent, name.c_str(), kDirFlags));
-    struct stat64 st;
-    // Only what we made: a user may plant look-alikes.
-    if (!dir.valid() || fstat64(dir.get(), &st) != 0 || st.st_uid != geteuid() || (st.st_mode & 077) != 0) continue;
-    EmptyDir(dir.get());
-    unlinkat(parent, name.c_str(), AT_REMOVEDIR);
-  }
-}
-
 }  // namespace
 
 Fd& Fd::operator=(Fd&& other) noexcept {
@@ -176,6 +159,21 @@ Fd OpenDirBeneath(const std::string& trusted, const std::string& target) {
     dir = Fd(openat(dir.get(), part.c_str(), kDirFlags));
   }
   return dir;
+}
+
+void SweepAbandoned(int parent, const std::string& prefix) {
+  for (const std::string& name : Names(parent)) {
+    if (name.compare(0, prefix.size(), prefix) != 0) continue;
+    char* end = nullptr;
+    const long pid = strtol(name.c_str() + prefix.size(), &end, 10);
+    if (pid <= 0 || *end != '.' || kill(static_cast<pid_t>(pid), 0) == 0 || errno != ESRCH) continue;
+    Fd dir(openat(parent, name.c_str(), kDirFlags));
+    struct stat64 st;
+    // Only what we made: a user may plant look-alikes.
+    if (!dir.valid() || fstat64(dir.get(), &st) != 0 || st.st_uid != geteuid() || (st.st_mode & 077) != 0) continue;
+    EmptyDir(dir.get());
+    unlinkat(parent, name.c_str(), AT_REMOVEDIR);
+  }
 }
 
 PrivateDir::~PrivateDir() { Remove(); }

@@ -61,6 +61,9 @@ Fd OpenDirBeneath(const std::string& trusted, const std::string& target);
 // Opens the directory `path` (trusted as a whole).
 Fd OpenDir(const std::string& path);
 
+// The start of the names of our private directories inside EA directories.
+constexpr char kPrivatePrefix[] = ".kovathumb-";
+
 // A directory only we can write (0700, made exclusively), removed with
 // everything in it when destroyed.
 class PrivateDir {
@@ -90,6 +93,11 @@ class PrivateDir {
   dev_t dev_ = 0;
   ino_t ino_ = 0;
 };
+
+// Removes from the directory open at `parent` the private directories named
+// `prefix` + pid + "." + ... whose process is gone (killed or crashed, it
+// could not remove its own). Only ours go: a user may plant look-alikes.
+void SweepAbandoned(int parent, const std::string& prefix);
 
 // Moves `path` (whose directory is trusted) to `name` in the directory open
 // at `dir`; errno is set on failure.

@@ -177,6 +177,8 @@ TEST(PruneTest, RemovesOrphansAndUnwantedBoxesOnly) {
       {"sub/.kovaea/x.jpg/KOVAPHOTO_THUMB_S.jpg", false},
       {"../outside/.kovaea/o.jpg/KOVAFILE_THUMB_S.jpg", true}};  // behind a link
   for (const auto& f : files) test::MustSh("f=" + Quote(t + "/" + f.path) + " && mkdir -p \"${f%/*}\" && printf 12345 >\"$f\"");
+  // Work a killed process of ours left in an orphan's EA folder goes with it.
+  test::MustSh("cd " + Quote(t) + " && w=.kovaea/gone.jpg/.kovathumb-$(sh -c 'echo $$').x && mkdir -m 700 $w && touch $w/t");
   test::MustSh("cd " + Quote(t) + " && ln -s ../outside ln && ln -s " +
                Quote(dir / "outside/.kovaea/o.jpg/KOVAFILE_THUMB_S.jpg") + " .kovaea/live.jpg/KOVAFILE_THUMB_B.jpg && sleep 1");
   const std::string cmd = std::string(KOVATHUMB_CLI) + " prune --retention 0 " + Quote(t);

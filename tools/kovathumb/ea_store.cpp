@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "front_end/tree.h"
+#include "kovathumb/file.h"
 
 
 namespace kovathumb {
@@ -133,6 +134,7 @@ bool RemoveEADir(int dir, const std::string& base, bool dryRun, Freed* freed) {
   const int ea = OpenEADirOf(dir, base);
   if (ea < 0) return errno == ENOENT;
   RemoveStored(ea, [](const std::string&, Stored, const struct stat&) { return true; }, dryRun, freed);
+  if (!dryRun) file::SweepAbandonedWork(ea);
   close(ea);
   if (dryRun) return true;
   const int top = openat(dir, EADirName().c_str(), kPathFlags);
