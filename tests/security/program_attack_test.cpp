@@ -131,11 +131,18 @@ TEST_F(ProgramAttackRootTest, SwappingLinksIntoPlaceDuringRequestsNeverReachesOu
 }
 
 TEST_F(ProgramAttackRootTest, IndexWithLinksAndSwappedFoldersStaysInTheTree) {
-  const std::string m = t_.mine;
+  const std::string m = t_.mine, secret = t_.secret, sibling = sibling_;
+  // Planted in EA folders: a stored name linked to the secret, an EA folder linked outside.
+  ASSERT_TRUE(test::AsAttacker([=] {
+    return test::Sh("cd " + Quote(m) + " && mkdir -p .kovaea/keep.jpg && ln -s " + Quote(secret) +
+                    " .kovaea/keep.jpg/KOVAFILE_THUMB_B.jpg && ln -s " + Quote(sibling) + " .kovaea/p.jpg") == 0;
+  }));
   test::AttackerLoop swapper([m] { Exchange(m + "/d", m + "/x"); });
   test::Sh(KOVATHUMB_CLI " index --no-progress -j 2 --sizes small,big " + Quote(t_.tree) + " >/dev/null");
   EXPECT_GT(swapper.Rounds(), 0);
   ExpectOutsideUntouched();
+  EXPECT_EQ(test::ListDir(sibling_).size(), 1u);
+  EXPECT_TRUE(S_ISREG(test::Stat(m + "/.kovaea/keep.jpg/KOVAFILE_THUMB_B.jpg").st_mode));
   std::istringstream stored(test::Capture("find " + Quote(t_.tree) + " -path '*/.kovaea/*' -type f"));
   int count = 0;
   for (std::string f; std::getline(stored, f); ++count) EXPECT_FALSE(t_.Leaks(test::ReadFile(f))) << f;
