@@ -1,8 +1,10 @@
 // The programs as root against a user who owns one folder of the served
 // tree: links in request paths, names swapped during requests and during
-// indexing never lead outside the tree.
+// indexing and videos that name other files never lead outside the tree.
 #include <errno.h>
 #include <fcntl.h>
+#include <signal.h>
+#include <sys/wait.h>
 
 #include <gtest/gtest.h>
 
@@ -29,6 +31,22 @@ test::Response Cgi(const std::string& root, const std::string& query, const char
 // Swaps two names atomically, as the attacker's loop does.
 void Exchange(const std::string& a, const std::string& b) {
   (void)!renameat2(AT_FDCWD, a.c_str(), AT_FDCWD, b.c_str(), RENAME_EXCHANGE);
+}
+
+// Lines of `kovathumb ARGS` run as root; its exit status.
+int RunCli(const std::string& args, std::string* out, std::string* err = nullptr) {
+  test::TempDir tmp;
+  const int status = test::Sh("ulimit -n 64 && " KOVATHUMB_CLI " " + args + " >" + Quote(tmp / "out") + " 2>" +
+                              Quote(tmp / "err"));
+  *out = test::ReadFile(tmp / "out");
+  if (err != nullptr) *err = test::ReadFile(tmp / "err");
+  return status;
+}
+
+int Count(const std::string& text, const std::string& what) {
+  int n = 0;
+  for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) ++n;
+  return n;
 }
 
 class ProgramAttackRootTest : public ::testing::Test {
@@ -147,6 +165,61 @@ TEST_F(ProgramAttackRootTest, IndexWithLinksAndSwappedFoldersStaysInTheTree) {
   int count = 0;
   for (std::string f; std::getline(stored, f); ++count) EXPECT_FALSE(t_.Leaks(test::ReadFile(f))) << f;
   EXPECT_GT(count, 0);
+}
+
+// A text file named as a video that lists a root-only video outside the
+// tree, by every way of naming it, is refused by index, watch and the CGI
+// alike; a real video beside it still gets its screenshot.
+TEST_F(ProgramAttackRootTest, VideosThatNameOtherFilesAreRefused) {
+  const std::string video = t_.top / "secret.ts", m = t_.mine;
+  test::MustSh("ffmpeg -nostdin -v error -f lavfi -i color=c=magenta:size=160x120:rate=10:duration=1 -pix_fmt yuv420p " +
+               Quote(video) + " && chmod 600 " + Quote(video));
+  test::MustSh("ffmpeg -nostdin -v error -f lavfi -i testsrc=duration=1:size=160x120:rate=10 -pix_fmt yuv420p " +
+               Quote(t_.top / "real.mp4"));
+  const auto playlist = [](const std::string& segment) {
+    return "#EXTM3U\n#EXT-X-TARGETDURATION:1\n#EXTINF:1,\n" + segment + "\n#EXT-X-ENDLIST\n";
+  };
+  const std::pair<std::string, std::string> planted[] = {
+      {"rel.mp4", playlist("../../secret.ts")},         // from the playlist's folder
+      {"proc.mov", playlist("../../.." + video)},       // from ffmpeg's name for it, /proc/<pid>/fd/
+      {"abs.mp4", playlist(video)},
+      {"url.m4v", playlist("file:" + video)},
+      {"list.mkv", "ffconcat version 1.0\nfile '" + video + "'\n"}};
+  const std::string real = test::ReadFile(t_.top / "real.mp4");
+  // watch sees them arrive, index finds them after, the CGI is asked for them.
+  const std::string out = t_.top / "watch.json", err = t_.top / "watch.err";
+  const pid_t watch = test::StartCli("watch --json --settle 0.3 " + Quote(t_.tree), out, err);
+  ASSERT_TRUE(test::WaitFor([&] { return test::Exists(m + "/.kovaea/keep.jpg"); }, 120)) << test::ReadFile(err);
+  ASSERT_TRUE(test::AsAttacker([=] {
+    for (const auto& p : planted) test::WriteFile(m + "/" + p.first, p.second);
+    test::WriteFile(m + "/real.mp4", real);
+    return true;
+  }));
+  const auto reported = [&] {
+    const std::string lines = test::ReadFile(out);
+    for (const auto& p : planted) {
+      if (lines.find("/alice/" + p.first + "\"") == std::string::npos) return false;
+    }
+    return lines.find("/alice/real.mp4\"") != std::string::npos;
+  };
+  EXPECT_TRUE(test::WaitFor(reported, 120)) << test::ReadFile(out);
+  kill(watch, SIGTERM);
+  EXPECT_EQ(test::WaitExit(watch), 0) << test::ReadFile(err);
+  std::string index;
+  EXPECT_EQ(RunCli("index --no-progress --json -j 2 " + Quote(t_.tree), &index), 1);
+  const std::string shot = "/KOVAVIDEO_VIDEO_SCREENSHOT.jpg";
+  EXPECT_EQ(Count(index, "not a video container we read: refused"), 5) << index;
+  EXPECT_GE(Count(test::ReadFile(out), "not a video container we read: refused"), 5);
+  for (const auto& p : planted) {
+    EXPECT_FALSE(test::Exists(m + "/.kovaea/" + p.first)) << p.first;  // nothing stored, nothing left
+    const test::Response r = Cgi(t_.tree, "path=alice/" + p.first + "&size=small");
+    EXPECT_NE(r.status, 200) << p.first;
+    EXPECT_FALSE(t_.Leaks(r.raw)) << p.first;
+  }
+  EXPECT_EQ(test::ImageSize(m + "/.kovaea/real.mp4" + shot), std::make_pair(160u, 120u));
+  EXPECT_EQ(Cgi(t_.tree, "path=alice/real.mp4&size=small").status, 200);
+  EXPECT_EQ(test::EALeftovers(t_.tree), "");
+  ExpectOutsideUntouched();
 }
 
 }  // namespace

@@ -15,6 +15,7 @@
 
 #include "ea_store.h"
 #include "front_end/pin.h"
+#include "front_end/video.h"
 #include "kovaplatform/kovaplatform.h"
 #include "kovathumb/error.h"
 #include "kovathumb/file.h"
@@ -120,8 +121,10 @@ Outcome WorkOn(const FileJob& job, const std::vector<std::string>& sizes, int op
 
 }  // namespace
 
-// ffmpeg reads the very file we opened and writes into a directory only we
-// can write, so no name in the tree can redirect either.
+// ffmpeg reads the very file we opened, as the container its bytes say it
+// is and nothing else, and writes into a directory only we can write, so no
+// name in the tree and no reference inside the file can redirect either.
+// The launcher bounds its time and memory as it does every tool's.
 void MakeScreenshot(const PinnedFile& pinned, const StoredOf& stored, Outcome* out) {
   if (access(kFfmpeg, X_OK) != 0) {
     out->skipped = true;
@@ -137,8 +140,18 @@ void MakeScreenshot(const PinnedFile& pinned, const StoredOf& stored, Outcome* o
   }
   const int src = open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
   struct stat st;
-  if (src < 0 || fstat(src, &st) != 0 || !S_ISREG(st.st_mode) || dst.empty() || !file::MakeEADir(path)) {
+  std::string head(kVideoHeadBytes, '\0');
+  const ssize_t got = src < 0 ? -1 : pread(src, &head[0], head.size(), 0);
+  head.resize(got > 0 ? static_cast<size_t>(got) : 0);
+  const std::string demuxer = VideoDemuxer(head);
+  if (src < 0 || fstat(src, &st) != 0 || !S_ISREG(st.st_mode) || demuxer.empty()) {
     if (src >= 0) close(src);
+    ++out->failed;
+    out->error = demuxer.empty() && src >= 0 ? "not a video container we read: refused" : "cannot read the video";
+    return;
+  }
+  if (dst.empty() || !file::MakeEADir(path)) {
+    close(src);
     ++out->failed;
     out->error = "cannot make the EA directory";
     return;
@@ -151,11 +164,12 @@ void MakeScreenshot(const PinnedFile& pinned, const StoredOf& stored, Outcome* o
   }
   const std::string input = "/proc/" + std::to_string(getpid()) + "/fd/" + std::to_string(src);
   const std::string tmp = std::string(work) + "/" + name + ".jpg";
-  const char* argv[] = {kFfmpeg, "-nostdin", "-v", "error", "-y", "-i", input.c_str(),
-                        "-vf", "thumbnail=25,scale='min(1280,iw)':-2", "-frames:v", "1",
-                        "-q:v", "3", tmp.c_str(), nullptr};
+  const std::vector<std::string> args = ScreenshotArgs(demuxer, input, tmp);
+  std::vector<const char*> argv = {kFfmpeg};
+  for (const std::string& a : args) argv.push_back(a.c_str());
+  argv.push_back(nullptr);
   Thumb thumb(path, 0, false);
-  if (KLIBCExecv(kFfmpeg, argv, 1) == 0 && stat(tmp.c_str(), &st) == 0 && st.st_size > 0 &&
+  if (KLIBCExecv(kFfmpeg, argv.data(), 1) == 0 && stat(tmp.c_str(), &st) == 0 && st.st_size > 0 &&
       thumb.SaveThumbToEA(tmp, dst, 0)) {
     ++out->made;
   } else {
