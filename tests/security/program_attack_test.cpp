@@ -1,9 +1,11 @@
 // The programs as root against a user who owns one folder of the served
 // tree: links in request paths, names swapped during requests and during
-// indexing and videos that name other files never lead outside the tree.
+// indexing, videos that name other files and folder chains thousands deep
+// never lead outside the tree.
 #include <errno.h>
 #include <fcntl.h>
 #include <signal.h>
+#include <sys/mount.h>
 #include <sys/wait.h>
 
 #include <gtest/gtest.h>
@@ -219,6 +221,69 @@ TEST_F(ProgramAttackRootTest, VideosThatNameOtherFilesAreRefused) {
   EXPECT_EQ(test::ImageSize(m + "/.kovaea/real.mp4" + shot), std::make_pair(160u, 120u));
   EXPECT_EQ(Cgi(t_.tree, "path=alice/real.mp4&size=small").status, 200);
   EXPECT_EQ(test::EALeftovers(t_.tree), "");
+  ExpectOutsideUntouched();
+}
+
+// 20 000 nested folders made in a loop: index, prune, watch and the CGI's
+// list walk them to the depth limit, say so once, and find a photo 500
+// levels down with 64 descriptors to spare. The chain lives on a tmpfs of
+// the attacker's, which goes at once when unmounted.
+TEST_F(ProgramAttackRootTest, AChainOfFoldersThousandsDeepIsWalkedToItsLimit) {
+  const std::string chain = t_.mine + "/chain";
+  ASSERT_EQ(mkdir(chain.c_str(), 0755), 0);
+  if (mount("tmpfs", chain.c_str(), "tmpfs", 0, "size=64m,mode=0755,uid=65534,gid=65534") != 0) {
+    GTEST_SKIP() << "needs a tmpfs";
+  }
+  struct Unmount {
+    std::string at;
+    ~Unmount() { umount2(at.c_str(), MNT_DETACH); }
+  } unmount{chain};
+  const std::string photo = test::ReadFile(t_.mine + "/keep.jpg");
+  ASSERT_TRUE(test::AsAttacker([=] {
+    int fd = open(chain.c_str(), O_RDONLY | O_DIRECTORY);
+    for (int level = 1; fd >= 0 && level <= 20000; ++level) {
+      if (mkdirat(fd, "d", 0755) != 0) return false;
+      const int next = openat(fd, "d", O_RDONLY | O_DIRECTORY);
+      close(fd);
+      fd = next;
+      if (level == 500 || level == 1500) {
+        const int f = openat(fd, level == 500 ? "deep.jpg" : "beyond.jpg", O_WRONLY | O_CREAT | O_EXCL, 0644);
+        if (f < 0 || write(f, photo.data(), photo.size()) != static_cast<ssize_t>(photo.size())) return false;
+        close(f);
+      }
+    }
+    return fd >= 0 && close(fd) == 0;
+  }));
+  std::string levels;
+  for (int i = 0; i < 500; ++i) levels += "d/";
+  const std::string deep = "alice/chain/" + levels + "deep.jpg";
+  const std::string stored = t_.tree + "/alice/chain/" + levels + ".kovaea/deep.jpg/KOVAFILE_THUMB_S.jpg";
+  const std::string said = "1 folder deeper than 1024 levels not entered, the first: ";
+  std::string out, err;
+  EXPECT_EQ(RunCli("index --no-progress --json --sizes small " + Quote(t_.tree), &out, &err), 0) << err;
+  EXPECT_EQ(Count(err, said), 1) << err;
+  EXPECT_NE(err.find(t_.tree + "/alice/chain/d/d/"), std::string::npos) << err;
+  EXPECT_NE(out.find("\"too_deep\":1"), std::string::npos) << out;
+  EXPECT_TRUE(test::Exists(stored));
+  std::string beyond = chain;
+  for (int i = 0; i < 1500; ++i) beyond += "/d";
+  EXPECT_TRUE(test::Exists(beyond + "/beyond.jpg") && !test::Exists(beyond + "/.kovaea"));
+  EXPECT_EQ(RunCli("prune " + Quote(t_.tree), &out, &err), 0);
+  EXPECT_EQ(Count(err, said), 1) << err;
+  EXPECT_TRUE(test::Exists(stored));
+  const test::Response list = Cgi(t_.tree, "list=1");
+  EXPECT_EQ(list.status, 200);
+  EXPECT_TRUE(list.body.find(deep) != std::string::npos && list.body.find("beyond.jpg") == std::string::npos);
+  EXPECT_EQ(Cgi(t_.tree, "path=" + deep + "&size=small").status, 200);
+  // watch, made to store it again at its first look.
+  ASSERT_EQ(unlink(stored.c_str()), 0);
+  const std::string wout = t_.top / "watch.json", werr = t_.top / "watch.err";
+  const pid_t watch = test::StartCli("watch --json --sizes small " + Quote(t_.tree), wout, werr);
+  EXPECT_TRUE(test::WaitFor([&] { return test::Exists(stored) && Count(test::ReadFile(werr), said) == 1; }, 120))
+      << test::ReadFile(werr);
+  kill(watch, SIGTERM);
+  EXPECT_EQ(test::WaitExit(watch), 0);
+  EXPECT_EQ(Count(test::ReadFile(werr), "deeper than"), 1);
   ExpectOutsideUntouched();
 }
 

@@ -17,17 +17,44 @@ namespace tool {
 
 namespace {
 
-// Takes `fd`, a directory opened without following a link.
-void Walk(int fd, const std::string& prefix, std::vector<TreeFile>* files) {
-  DIR* d = TakeDir(fd);
-  if (d == nullptr) return;
-  ForEachEntry(d, [&](const std::string& name, const struct stat& st, int sub) {
-    if (sub >= 0) Walk(sub, prefix + name + "/", files);
-    if (S_ISREG(st.st_mode) && (IsSupportImage(name) || IsSupportVideo(name))) {
-      files->push_back(TreeFile{prefix + name, st.st_size, st.st_mtime});
-    }
-  });
+constexpr int kReadDir = O_RDONLY | O_DIRECTORY | O_CLOEXEC;
+
+std::vector<Entry> ReadEntries(int fd) {
+  std::vector<Entry> entries;
+  DIR* d = TakeDir(openat(fd, ".", kReadDir));
+  if (d == nullptr) return entries;
+  std::vector<std::string> names = ReadNames(d);
   closedir(d);
+  std::sort(names.begin(), names.end());
+  for (std::string& name : names) {
+    Entry e;
+    if (fstatat(fd, name.c_str(), &e.st, AT_SYMLINK_NOFOLLOW) != 0) continue;
+    e.name = std::move(name);
+    entries.push_back(std::move(e));
+  }
+  return entries;
+}
+
+// The listed folder `rel` beneath `start`, opened for reading; -1 when it
+// is no longer that folder.
+int Reopen(int start, const std::string& rel, const struct stat& listed) {
+  const int at = OpenDirBeneath(start, rel, rel.size() >= PATH_MAX);
+  const int fd = at < 0 ? -1 : openat(at, ".", kReadDir);
+  if (at >= 0) close(at);
+  struct stat st;
+  if (fd >= 0 && (fstat(fd, &st) != 0 || st.st_dev != listed.st_dev || st.st_ino != listed.st_ino)) {
+    close(fd);
+    return -1;
+  }
+  return fd;
+}
+
+// Path order: component by component, as a walk that entered each folder
+// where its name sorts would list them.
+bool PathLess(const std::string& a, const std::string& b) {
+  const auto key = [](char c) { return c == '/' ? 0 : static_cast<unsigned char>(c) + 1; };
+  return std::lexicographical_compare(a.begin(), a.end(), b.begin(), b.end(),
+                                      [&](char x, char y) { return key(x) < key(y); });
 }
 
 }  // namespace
@@ -47,16 +74,67 @@ std::vector<std::string> ReadNames(DIR* d) {
   return names;
 }
 
-void ForEachEntry(DIR* d, const Visit& visit) {
-  std::vector<std::string> names = ReadNames(d);
-  std::sort(names.begin(), names.end());
-  for (const std::string& name : names) {
+size_t WalkFolders(int start, size_t maxDepth, const FolderVisit& visit, std::string* firstTooDeep) {
+  if (start < 0) return 0;
+  // Every folder entered, as its parent and name: names are rebuilt from
+  // these, so memory grows with the folders, not with depth times folders.
+  struct Met {
+    size_t parent;
+    std::string name;
+  };
+  struct Pending {
+    size_t parent, depth;
+    std::string name;
     struct stat st;
-    if (fstatat(dirfd(d), name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) continue;
-    const int sub =
-        S_ISDIR(st.st_mode) ? openat(dirfd(d), name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC) : -1;
-    visit(name, st, sub);
+  };
+  std::vector<Met> met;
+  std::vector<Pending> pending;
+  size_t tooDeep = 0;
+  const auto relOf = [&](size_t parent, const std::string& name) {
+    std::vector<const std::string*> parts = {&name};
+    for (size_t at = parent; at != kNoFolder && at != 0; at = met[at].parent) parts.push_back(&met[at].name);
+    std::string rel;
+    for (size_t i = parts.size(); i-- > 0;) rel += *parts[i] + "/";
+    return rel;
+  };
+  Folder folder{start, std::string(), std::string(), 0, kNoFolder, 0};
+  for (;;) {
+    met.push_back(Met{folder.parent, folder.name});
+    const std::vector<Entry> entries = ReadEntries(folder.fd);
+    visit(folder, entries);
+    if (folder.fd != start) close(folder.fd);
+    // Pushed last to first, so folders are entered in name order.
+    for (size_t i = entries.size(); i-- > 0;) {
+      if (!S_ISDIR(entries[i].st.st_mode)) continue;
+      if (folder.depth + 1 > maxDepth) {
+        if (tooDeep++ == 0 && firstTooDeep != nullptr) *firstTooDeep = relOf(folder.id, entries[i].name);
+        continue;
+      }
+      pending.push_back(Pending{folder.id, folder.depth + 1, entries[i].name, entries[i].st});
+    }
+    int fd = -1;
+    while (fd < 0 && !pending.empty()) {
+      Pending next = std::move(pending.back());
+      pending.pop_back();
+      folder.rel = relOf(next.parent, next.name);
+      fd = Reopen(start, folder.rel, next.st);
+      folder.name = std::move(next.name);
+      folder.parent = next.parent;
+      folder.depth = next.depth;
+    }
+    if (fd < 0) break;
+    folder.fd = fd;
+    folder.id = met.size();
   }
+  close(start);
+  return tooDeep;
+}
+
+std::string TooDeepMessage(size_t count, const std::string& first) {
+  const size_t shown = 120;
+  return std::to_string(count) + (count == 1 ? " folder" : " folders") + " deeper than " +
+         std::to_string(kMaxTreeDepth) + " levels not entered, the first: " +
+         (first.size() > shown ? first.substr(0, shown) + "..." : first);
 }
 
 std::string RealPath(const std::string& path) {
@@ -70,9 +148,17 @@ bool Inside(const std::string& path, const std::string& root) {
   return path == root || (path.compare(0, root.size(), root) == 0 && path[root.size()] == '/');
 }
 
-void WalkTree(const std::string& root, std::vector<TreeFile>* files) {
+size_t WalkTree(const std::string& root, std::vector<TreeFile>* files, std::string* firstTooDeep) {
   const int fd = open(root.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  if (fd >= 0) Walk(fd, std::string(), files);
+  const size_t tooDeep = WalkFolders(fd, kMaxTreeDepth, [&](const Folder& folder, const std::vector<Entry>& entries) {
+    for (const Entry& e : entries) {
+      if (S_ISREG(e.st.st_mode) && (IsSupportImage(e.name) || IsSupportVideo(e.name))) {
+        files->push_back(TreeFile{folder.rel + e.name, e.st.st_size, e.st.st_mtime});
+      }
+    }
+  }, firstTooDeep);
+  std::sort(files->begin(), files->end(), [](const TreeFile& a, const TreeFile& b) { return PathLess(a.rel, b.rel); });
+  return tooDeep;
 }
 
 }  // namespace tool

@@ -3,9 +3,9 @@
 #define KOVATHUMB_TOOLS_COMMON_TREE_H_
 
 #include <dirent.h>
-#include <sys/types.h>
-
+#include <stdint.h>
 #include <sys/stat.h>
+#include <sys/types.h>
 
 #include <functional>
 #include <string>
@@ -25,11 +25,42 @@ DIR* TakeDir(int fd);
 // The names read from `d`, but for "." and ".." and the EA directory, which
 // walks never enter: anyone may plant one.
 std::vector<std::string> ReadNames(DIR* d);
-// Those entries in name order, each with its status read without following
-// a link; a directory comes opened for `visit` to take, -1 when it was
-// swapped for a link since (O_NOFOLLOW refuses it) or cannot be opened.
-using Visit = std::function<void(const std::string& name, const struct stat& st, int sub)>;
-void ForEachEntry(DIR* d, const Visit& visit);
+
+// Folders deeper than this below a tree's root are not entered. Anyone may
+// make a chain of thousands in a second; nobody files photos that deep,
+// and the relative name of a file this deep still fits a path.
+constexpr size_t kMaxTreeDepth = 1024;
+
+struct Entry {
+  std::string name;
+  struct stat st;  // of the name itself: a link is a link
+};
+
+// A folder met on a walk, open for reading while it is visited.
+struct Folder {
+  int fd;
+  std::string name;    // its own name; "" for the walk's start
+  std::string rel;     // beneath the start: "" or "a/b/"
+  size_t id, parent;   // numbered in visiting order from 0; the start's parent is kNoFolder
+  size_t depth;        // below the start
+};
+constexpr size_t kNoFolder = SIZE_MAX;
+// Called with each folder's entries in name order.
+using FolderVisit = std::function<void(const Folder& folder, const std::vector<Entry>& entries)>;
+
+// Visits the folder open at `start` (taken) and the folders beneath it,
+// each before those inside it, down to `maxDepth` levels below the start.
+// No link is followed and no EA directory entered. Nothing recurses, and
+// only the start and the folder being visited are held open: each folder is
+// opened again beneath the start, following no link, and entered only if it
+// is still the folder that was listed (device and inode), so a folder
+// swapped for a link or another folder meanwhile is passed over. Returns
+// how many folders were not entered for their depth; `firstTooDeep` gets
+// the first one's name beneath the start.
+size_t WalkFolders(int start, size_t maxDepth, const FolderVisit& visit, std::string* firstTooDeep = nullptr);
+
+// What a walk says, once, of the folders it did not enter for their depth.
+std::string TooDeepMessage(size_t count, const std::string& first);
 
 struct TreeFile {
   std::string rel;  // relative to the walked directory
@@ -38,9 +69,10 @@ struct TreeFile {
 };
 
 // Supported photos and videos beneath the trusted directory `root`, in name
-// order. Links are never followed, nor EA directories entered: anyone may
-// plant either, and nothing outside the tree is ever listed.
-void WalkTree(const std::string& root, std::vector<TreeFile>* files);
+// order (a folder's files where its name sorts among its siblings), as
+// WalkFolders finds them from there. Returns the count of folders too deep
+// to enter, as WalkFolders does.
+size_t WalkTree(const std::string& root, std::vector<TreeFile>* files, std::string* firstTooDeep = nullptr);
 
 }  // namespace tool
 }  // namespace kovathumb

@@ -56,13 +56,19 @@ int RunIndex(const IndexArgs& args) {
   if (sizes.empty()) sizes = {kSizeSmall, kSizeMedium, kSizeBig, kSizeLarge, kSizeXLarge};
   CheckSizes(sizes);
   std::vector<FileJob> files;
+  size_t tooDeep = 0;
+  std::string firstTooDeep;
   for (std::string dir : args.dirs) {
     while (dir.size() > 1 && dir.back() == '/') dir.pop_back();
     const std::string real = TreeRoot(dir);
     std::vector<TreeFile> found;
-    WalkTree(real, &found);
+    std::string deep;
+    const size_t n = WalkTree(real, &found, &deep);
+    if (n > 0 && tooDeep == 0) firstTooDeep = dir + "/" + deep;
+    tooDeep += n;
     for (const TreeFile& f : found) files.push_back(FileJob{real, f.rel, dir + "/" + f.rel});
   }
+  if (tooDeep > 0) fprintf(stderr, "kovathumb index: %s\n", TooDeepMessage(tooDeep, firstTooDeep).c_str());
 
   const bool progress = !args.noProgress && isatty(2);
   struct sigaction sa;
@@ -115,6 +121,7 @@ int RunIndex(const IndexArgs& args) {
                   {"failed_files", Json::array()},
                   {"interrupted", stopped},
                   {"interrupted_files", interruptedFiles},
+                  {"too_deep", tooDeep},
                   {"seconds", std::round(elapsed() * 1000) / 1000}};
   for (const auto& f : failedFiles) summary["failed_files"].push_back(f.first);
   if (args.json) {

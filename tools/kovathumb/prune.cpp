@@ -8,6 +8,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <cstdio>
 #include <memory>
 #include <set>
 
@@ -32,34 +33,37 @@ struct PruneArgs {
 struct Pruned {
   Freed freed;
   long eaDirs = 0;
+  size_t tooDeep = 0;
+  std::string firstTooDeep;
 };
 
 // Takes `fd`, a directory opened without following a link.
 void PruneTree(int fd, const PruneArgs& args, time_t now, Pruned* out) {
-  DIR* d = TakeDir(fd);
-  if (d == nullptr) return;
-  std::set<std::string> files;
-  ForEachEntry(d, [&](const std::string& n, const struct stat& st, int sub) {
-    if (S_ISREG(st.st_mode)) files.insert(n);
-    if (sub >= 0) PruneTree(sub, args, now, out);
-  });
   const long retention = static_cast<long>(args.retentionDays * 86400);
-  for (const std::string& n : EADirsIn(dirfd(d))) {
-    const bool gone = files.count(n) == 0;
-    if (gone) {
-      if (RemoveEADir(dirfd(d), n, args.dryRun, &out->freed)) ++out->eaDirs;
-      continue;
+  std::string deep;
+  const size_t tooDeep = WalkFolders(fd, kMaxTreeDepth, [&](const Folder& folder, const std::vector<Entry>& entries) {
+    std::set<std::string> files;
+    for (const Entry& e : entries) {
+      if (S_ISREG(e.st.st_mode)) files.insert(e.name);
     }
-    const int ea = OpenEADirOf(dirfd(d), n);
-    if (ea < 0) continue;
-    RemoveStored(ea,
-                 [&](const std::string&, Stored kind, const struct stat& st) {
-                   return PruneRemoves(kind, false, LastWanted(st.st_atime, st.st_ctime), now, retention);
-                 },
-                 args.dryRun, &out->freed);
-    close(ea);
-  }
-  closedir(d);
+    for (const std::string& n : EADirsIn(folder.fd)) {
+      const bool gone = files.count(n) == 0;
+      if (gone) {
+        if (RemoveEADir(folder.fd, n, args.dryRun, &out->freed)) ++out->eaDirs;
+        continue;
+      }
+      const int ea = OpenEADirOf(folder.fd, n);
+      if (ea < 0) continue;
+      RemoveStored(ea,
+                   [&](const std::string&, Stored kind, const struct stat& st) {
+                     return PruneRemoves(kind, false, LastWanted(st.st_atime, st.st_ctime), now, retention);
+                   },
+                   args.dryRun, &out->freed);
+      close(ea);
+    }
+  }, &deep);
+  if (tooDeep > 0 && out->tooDeep == 0) out->firstTooDeep = deep;
+  out->tooDeep += tooDeep;
 }
 
 int RunPrune(const PruneArgs& args) {
@@ -68,15 +72,21 @@ int RunPrune(const PruneArgs& args) {
   ApplyPriority(args.priority);
   Pruned pruned;
   const time_t now = time(nullptr);
-  for (const std::string& root : roots) {
-    const int fd = open(root.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  for (size_t i = 0; i < roots.size(); ++i) {
+    const int fd = open(roots[i].c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    const size_t before = pruned.tooDeep;
     if (fd >= 0) PruneTree(fd, args, now, &pruned);
+    if (before == 0 && pruned.tooDeep > 0) pruned.firstTooDeep = args.dirs[i] + "/" + pruned.firstTooDeep;
+  }
+  if (pruned.tooDeep > 0) {
+    fprintf(stderr, "kovathumb prune: %s\n", TooDeepMessage(pruned.tooDeep, pruned.firstTooDeep).c_str());
   }
   PrintLine(Json{{"dry_run", args.dryRun},
                  {"ea_dirs", pruned.eaDirs},
                  {"files", pruned.freed.files},
                  {"bytes", pruned.freed.bytes},
-                 {"retention_days", args.retentionDays}});
+                 {"retention_days", args.retentionDays},
+                 {"too_deep", pruned.tooDeep}});
   return kExitOk;
 }
 

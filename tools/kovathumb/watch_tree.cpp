@@ -7,6 +7,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <iostream>
 #include <sstream>
@@ -65,44 +66,56 @@ void Watcher::Rescan(size_t root) {
 // Takes `fd`, the directory `rel` opened without following a link.
 void Watcher::AddTree(size_t root, int parent, const std::string& name, int fd, const std::string& rel,
                       bool catchUp) {
-  int wd = -1;
-  // A directory below one we cannot watch is rescanned with it.
-  if (parent >= 0 || rel.empty()) {
-    wd = inotify_add_watch(ifd_, FdPath(fd).c_str(), kDirMask);
-    if (wd >= 0) {
-      nodes_[wd] = Node{parent, name, root, scan_};  // met again: where it is now
-    } else if (errno == ENOSPC) {
-      std::ostringstream what;
-      what << "the limit on inotify watches (fs.inotify.max_user_watches) is reached: trees that are not "
-           << "watched whole are rescanned every " << args_.rescanMinutes << " minutes";
-      SayOnce(&saidLimit_, what.str());
-      if (!roots_[root].limited && !catchUp) roots_[root].nextRescan = Now() + args_.rescanMinutes * 60;
-      roots_[root].limited = true;
-    }
+  std::vector<int> wds;  // of the folders met, by their number on the walk
+  const size_t depth = static_cast<size_t>(std::count(rel.begin(), rel.end(), '/'));
+  std::string deep;
+  if (depth > kMaxTreeDepth) {  // made in a folder at the limit
+    close(fd);
+    SayOnce(&saidDeep_, TooDeepMessage(1, rel));
+    return;
   }
-  DIR* d = TakeDir(fd);
-  if (d == nullptr) return;
-  std::set<std::string> files;
-  ForEachEntry(d, [&](const std::string& n, const struct stat& st, int sub) {
-    if (sub >= 0) AddTree(root, wd, n, sub, rel + n + "/", catchUp);
-    if (!S_ISREG(st.st_mode)) return;
-    files.insert(n);
-    if (!IsPhoto(n)) return;
-    if (!catchUp && wd >= 0) {
-      settler_.Arm(Settler::Key(wd, n), Now());  // maybe still being copied
-      return;
+  const size_t tooDeep = WalkFolders(fd, kMaxTreeDepth - depth, [&](
+      const Folder& folder, const std::vector<Entry>& entries) {
+    const int up = folder.parent == kNoFolder ? parent : wds[folder.parent];
+    const std::string dirRel = rel + folder.rel;
+    int wd = -1;
+    // A directory below one we cannot watch is rescanned with it.
+    if (up >= 0 || dirRel.empty()) {
+      wd = inotify_add_watch(ifd_, FdPath(folder.fd).c_str(), kDirMask);
+      if (wd >= 0) {
+        nodes_[wd] = Node{up, folder.parent == kNoFolder ? name : folder.name, root, scan_};  // met again: where it is now
+      } else if (errno == ENOSPC) {
+        std::ostringstream what;
+        what << "the limit on inotify watches (fs.inotify.max_user_watches) is reached: trees that are not "
+             << "watched whole are rescanned every " << args_.rescanMinutes << " minutes";
+        SayOnce(&saidLimit_, what.str());
+        if (!roots_[root].limited && !catchUp) roots_[root].nextRescan = Now() + args_.rescanMinutes * 60;
+        roots_[root].limited = true;
+      }
     }
-    const int ea = OpenEADirOf(dirfd(d), n);
-    if (ea < 0 || NeedsWork(ea, st)) Queue(root, rel + n, false);
-    if (ea >= 0) close(ea);
-  });
-  if (catchUp) {
-    Freed freed;
-    for (const std::string& n : EADirsIn(dirfd(d))) {
-      if (files.count(n) == 0) RemoveEADir(dirfd(d), n, false, &freed);
+    wds.push_back(wd);
+    std::set<std::string> files;
+    for (const Entry& e : entries) {
+      const std::string& n = e.name;
+      if (!S_ISREG(e.st.st_mode)) continue;
+      files.insert(n);
+      if (!IsPhoto(n)) continue;
+      if (!catchUp && wd >= 0) {
+        settler_.Arm(Settler::Key(wd, n), Now());  // maybe still being copied
+        continue;
+      }
+      const int ea = OpenEADirOf(folder.fd, n);
+      if (ea < 0 || NeedsWork(ea, e.st)) Queue(root, dirRel + n, false);
+      if (ea >= 0) close(ea);
     }
-  }
-  closedir(d);
+    if (catchUp) {
+      Freed freed;
+      for (const std::string& n : EADirsIn(folder.fd)) {
+        if (files.count(n) == 0) RemoveEADir(folder.fd, n, false, &freed);
+      }
+    }
+  }, &deep);
+  if (tooDeep > 0) SayOnce(&saidDeep_, TooDeepMessage(tooDeep, rel + deep));
 }
 
 // Whether a photo lacks a stored thumbnail of a size, or has a stale one.

@@ -86,7 +86,7 @@ class Watcher {
   WorkerPool pool_;
   bool moving_ = false;
   Move move_;
-  bool saidOverflow_ = false, saidLimit_ = false;
+  bool saidOverflow_ = false, saidLimit_ = false, saidDeep_ = false;
 };
 
 }  // namespace tool
