@@ -1,9 +1,10 @@
 // The programs as root against a user who owns one folder of the served
 // tree: links in request paths, names swapped during requests and during
-// indexing, videos that name other files and folder chains thousands deep
-// never lead outside the tree.
+// indexing, hard links, videos that name other files and folder chains
+// thousands deep never lead outside the tree.
 #include <errno.h>
 #include <fcntl.h>
+#include <sched.h>
 #include <signal.h>
 #include <sys/mount.h>
 #include <sys/wait.h>
@@ -33,6 +34,22 @@ test::Response Cgi(const std::string& root, const std::string& query, const char
 // Swaps two names atomically, as the attacker's loop does.
 void Exchange(const std::string& a, const std::string& b) {
   (void)!renameat2(AT_FDCWD, a.c_str(), AT_FDCWD, b.c_str(), RENAME_EXCHANGE);
+}
+
+// Runs `fn` in a child that sees /proc/sys/fs/protected_hardlinks as 0, as
+// on a system where anyone may hard-link anyone's files: its exit status,
+// kNoNamespace where no private mount namespace can be had.
+int WithoutLinkProtection(const std::string& scratch, const std::function<int()>& fn) {
+  test::WriteFile(scratch, "0\n");
+  const pid_t pid = fork();
+  if (pid == 0) {
+    if (unshare(CLONE_NEWNS) != 0 || mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+        mount(scratch.c_str(), "/proc/sys/fs/protected_hardlinks", nullptr, MS_BIND, nullptr) != 0) {
+      _exit(test::kNoNamespace);
+    }
+    _exit(fn());
+  }
+  return test::WaitExit(pid);
 }
 
 // Lines of `kovathumb ARGS` run as root; its exit status.
@@ -221,6 +238,37 @@ TEST_F(ProgramAttackRootTest, VideosThatNameOtherFilesAreRefused) {
   EXPECT_EQ(test::ImageSize(m + "/.kovaea/real.mp4" + shot), std::make_pair(160u, 120u));
   EXPECT_EQ(Cgi(t_.tree, "path=alice/real.mp4&size=small").status, 200);
   EXPECT_EQ(test::EALeftovers(t_.tree), "");
+  ExpectOutsideUntouched();
+}
+
+// Where the kernel does not stop users hard-linking others' files, a file
+// with links elsewhere is not read: by the CGI or by index.
+TEST_F(ProgramAttackRootTest, HardLinkedSourcesAreRefusedWithoutTheKernelsProtection) {
+  // With it, the kernel refuses the link itself.
+  const std::string m = t_.mine, secret = t_.secret;
+  if (test::ReadFile("/proc/sys/fs/protected_hardlinks") == "1\n") {
+    EXPECT_FALSE(test::AsAttacker([=] { return link(secret.c_str(), (m + "/s.jpg").c_str()) == 0; }));
+  }
+  test::MakePhoto(m + "/single.jpg", 1200, 900);
+  const std::string sendfile = t_.top / "sendfile";
+  ASSERT_EQ(mkdir(sendfile.c_str(), 0700), 0);
+  const int status = WithoutLinkProtection(t_.top / "off", [&] {
+    int failures = 0;
+    const std::pair<const char*, int> paths[] = {{"alice/p.jpg", 403}, {"alice/keep.jpg", 403}, {"alice/single.jpg", 200}};
+    for (const char* bin : {KOVATHUMB_CGI_BIN, KOVATHUMB_FCGI_BIN}) {
+      for (const auto& c : paths) {
+        const test::Response r = Cgi(t_.tree, std::string("path=") + c.first + "&size=small", bin, sendfile);
+        failures += !r.complete || r.status != c.second;
+      }
+    }
+    std::string out;
+    failures += RunCli("index --no-progress --json --sizes small " + Quote(t_.tree), &out) != 1;
+    failures += Count(out, "hard-linked elsewhere: refused") != 3;  // keep.jpg, p.jpg, d/p.jpg
+    return failures;
+  });
+  if (status == test::kNoNamespace) GTEST_SKIP() << "needs root for a private mount namespace";
+  EXPECT_EQ(status, 0);
+  EXPECT_TRUE(test::Exists(m + "/.kovaea/single.jpg") && !test::Exists(m + "/.kovaea/p.jpg"));
   ExpectOutsideUntouched();
 }
 

@@ -151,7 +151,7 @@ int Resolve(const std::string& root, const std::string& rel, tool::PinnedFile* p
   if (rel.empty() || rel[0] == '/') return 400;
   switch (tool::PinBeneath(root, rel, pinned)) {
     case 0: return 200;
-    case EXDEV: case EPERM: case ELOOP: case EACCES: return 403;
+    case EXDEV: case EPERM: case ELOOP: case EACCES: case EMLINK: return 403;
     default: return 404;
   }
 }

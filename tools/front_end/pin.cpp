@@ -52,6 +52,19 @@ int Walk(int rootfd, const std::string& rel) {
   return cur;
 }
 
+// Whether the kernel keeps users from hard-linking files they could not
+// read and write themselves; read once.
+bool HardLinksProtected() {
+  static const bool on = [] {
+    char c = '0';
+    const int fd = open("/proc/sys/fs/protected_hardlinks", O_RDONLY | O_CLOEXEC);
+    if (fd >= 0 && read(fd, &c, 1) != 1) c = '0';
+    if (fd >= 0) close(fd);
+    return c != '0';
+  }();
+  return on;
+}
+
 }  // namespace
 
 const std::string& EADirName() {
@@ -123,6 +136,10 @@ int PinBeneath(const std::string& root, const std::string& rel, PinnedFile* out)
     status = errno;
   } else if (!S_ISREG(st.st_mode)) {
     status = S_ISLNK(st.st_mode) ? ELOOP : S_ISDIR(st.st_mode) ? EISDIR : EINVAL;
+  } else if (st.st_nlink > 1 && !HardLinksProtected()) {
+    // Without the kernel's protection a user may link here any file of
+    // root's on the same file system, and root would show it.
+    status = EMLINK;
   }
   if (status != 0) {
     close(dirfd);

@@ -55,7 +55,8 @@ class PinnedFile {
 // Pins `rel`, relative to the trusted directory `root`: 0, or an errno.
 // Refused: ".." (EXDEV), an EA directory (EPERM), a link anywhere (ELOOP),
 // anything but a regular file at the end (EISDIR for a directory, EINVAL
-// otherwise); ENOENT, ENOTDIR, EACCES as the system says.
+// otherwise), a file with other hard links where fs.protected_hardlinks is
+// off (EMLINK); ENOENT, ENOTDIR, EACCES as the system says.
 int PinBeneath(const std::string& root, const std::string& rel, PinnedFile* out);
 
 // Pins a path given on a command line: its directory is trusted as given

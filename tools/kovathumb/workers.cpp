@@ -82,7 +82,7 @@ Outcome WorkOn(const FileJob& job, const std::vector<std::string>& sizes, int op
   Outcome out;
   PinnedFile pinned;
   if (const int err = PinBeneath(job.root, job.rel, &pinned)) {
-    out.error = err == ELOOP ? "a symbolic link: refused" : strerror(err);
+    out.error = err == ELOOP ? "a symbolic link: refused" : err == EMLINK ? "hard-linked elsewhere: refused" : strerror(err);
     out.failed = 1;
     return out;
   }
