@@ -102,14 +102,22 @@ TEST(IndexTest, SecondRunConvertsNothingAndFailuresCostOneFile) {
   test::MakeImage(tree + "/c.png", 900, 600);
   test::WriteFile(tree + "/garbage.jpg", std::string(5000, 'z'));
   test::MakePhoto(dir / "outside/o.jpg");
-  test::MustSh("ffmpeg -nostdin -v error -f lavfi -i testsrc=duration=1:size=320x240:rate=10 -pix_fmt yuv420p " +
-               Quote(tree + "/clip.mp4"));
+  // A clip in each container a video's name may stand for (H.263 in 3GP wants a CIF size).
+  const char* clips[] = {"clip.mp4", "clip.mov", "clip.3gp", "clip.mkv", "clip.webm", "clip.avi", "clip.wmv",
+                         "clip.flv", "clip.ogv", "clip.ts", "clip.m2ts", "clip.mpg", "clip.rm", "clip.m2v"};
+  for (const std::string clip : clips) {
+    const std::string rate = clip == "clip.mpg" || clip == "clip.m2v" ? "25" : "10";
+    test::MustSh("ffmpeg -nostdin -v error -f lavfi -i testsrc=duration=1:size=352x288:rate=" + rate +
+                 " -pix_fmt yuv420p " + Quote(tree + "/" + clip));
+  }
   ASSERT_EQ(symlink((dir / "outside/o.jpg").c_str(), (tree + "/out.jpg").c_str()), 0);
   ASSERT_EQ(symlink((dir / "outside").c_str(), (tree + "/outdir").c_str()), 0);
   EXPECT_EQ(test::WaitExit(StartIndex("-j 2 " + Quote(tree), out)), 1);
   const json first = Summary(out);
-  EXPECT_EQ(first["files"], 5);  // the links out of the tree are not followed
-  EXPECT_EQ(test::ImageSize(tree + "/.kovaea/clip.mp4/KOVAVIDEO_VIDEO_SCREENSHOT.jpg"), std::make_pair(320u, 240u));
+  EXPECT_EQ(first["files"], 18);  // the links out of the tree are not followed
+  for (const std::string clip : clips) {
+    EXPECT_EQ(test::ImageSize(tree + "/.kovaea/" + clip + "/KOVAVIDEO_VIDEO_SCREENSHOT.jpg"), std::make_pair(352u, 288u)) << clip;
+  }
   EXPECT_GT(first["made"].get<int>(), 8);
   EXPECT_EQ(first["failed_files"], json({tree + "/garbage.jpg"}));
   EXPECT_TRUE(test::Exists(tree + "/sub/.kovaea/b.jpg/KOVAFILE_THUMB_B.jpg") && !test::Exists(dir / "outside/.kovaea"));
