@@ -319,9 +319,12 @@ TEST_F(ProgramAttackRootTest, AChainOfFoldersThousandsDeepIsWalkedToItsLimit) {
   EXPECT_EQ(RunCli("prune " + Quote(t_.tree), &out, &err), 0);
   EXPECT_EQ(Count(err, said), 1) << err;
   EXPECT_TRUE(test::Exists(stored));
+  // Listed in path order: a folder's files where its name sorts ("chain" before "chain-0.jpg").
+  test::MustSh("cp " + Quote(t_.mine + "/keep.jpg") + " " + Quote(t_.mine + "/chain-0.jpg"));
   const test::Response list = Cgi(t_.tree, "list=1");
   EXPECT_EQ(list.status, 200);
-  EXPECT_TRUE(list.body.find(deep) != std::string::npos && list.body.find("beyond.jpg") == std::string::npos);
+  EXPECT_LT(list.body.find(deep), list.body.find("alice/chain-0.jpg"));
+  EXPECT_TRUE(list.body.find("alice/chain-0.jpg") != std::string::npos && list.body.find("beyond.jpg") == std::string::npos);
   EXPECT_EQ(Cgi(t_.tree, "path=" + deep + "&size=small").status, 200);
   // watch, made to store it again at its first look.
   ASSERT_EQ(unlink(stored.c_str()), 0);
