@@ -274,7 +274,8 @@ TEST_F(ProgramAttackRootTest, HardLinkedSourcesAreRefusedWithoutTheKernelsProtec
 
 // 20 000 nested folders made in a loop: index, prune, watch and the CGI's
 // list walk them to the depth limit, say so once, and find a photo 500
-// levels down with 64 descriptors to spare. The chain lives on a tmpfs of
+// levels down with 64 descriptors to spare; watch follows a chain made
+// while it runs as far. The chain lives on a tmpfs of
 // the attacker's, which goes at once when unmounted.
 TEST_F(ProgramAttackRootTest, AChainOfFoldersThousandsDeepIsWalkedToItsLimit) {
   const std::string chain = t_.mine + "/chain";
@@ -287,21 +288,22 @@ TEST_F(ProgramAttackRootTest, AChainOfFoldersThousandsDeepIsWalkedToItsLimit) {
     ~Unmount() { umount2(at.c_str(), MNT_DETACH); }
   } unmount{chain};
   const std::string photo = test::ReadFile(t_.mine + "/keep.jpg");
-  ASSERT_TRUE(test::AsAttacker([=] {
-    int fd = open(chain.c_str(), O_RDONLY | O_DIRECTORY);
-    for (int level = 1; fd >= 0 && level <= 20000; ++level) {
+  const auto makeChain = [&](const std::string& top, int depth, int photoAt) { return test::AsAttacker([=] {
+    int fd = open(top.c_str(), O_RDONLY | O_DIRECTORY);
+    for (int level = 1; fd >= 0 && level <= depth; ++level) {
       if (mkdirat(fd, "d", 0755) != 0) return false;
       const int next = openat(fd, "d", O_RDONLY | O_DIRECTORY);
       close(fd);
       fd = next;
-      if (level == 500 || level == 1500) {
-        const int f = openat(fd, level == 500 ? "deep.jpg" : "beyond.jpg", O_WRONLY | O_CREAT | O_EXCL, 0644);
+      if (level == photoAt || level == 1500) {
+        const int f = openat(fd, level == photoAt ? "deep.jpg" : "beyond.jpg", O_WRONLY | O_CREAT | O_EXCL, 0644);
         if (f < 0 || write(f, photo.data(), photo.size()) != static_cast<ssize_t>(photo.size())) return false;
         close(f);
       }
     }
     return fd >= 0 && close(fd) == 0;
-  }));
+  }); };
+  ASSERT_TRUE(makeChain(chain, 20000, 500));
   std::string levels;
   for (int i = 0; i < 500; ++i) levels += "d/";
   const std::string deep = "alice/chain/" + levels + "deep.jpg";
@@ -331,6 +333,13 @@ TEST_F(ProgramAttackRootTest, AChainOfFoldersThousandsDeepIsWalkedToItsLimit) {
   const std::string wout = t_.top / "watch.json", werr = t_.top / "watch.err";
   const pid_t watch = test::StartCli("watch --json --sizes small " + Quote(t_.tree), wout, werr);
   EXPECT_TRUE(test::WaitFor([&] { return test::Exists(stored) && Count(test::ReadFile(werr), said) == 1; }, 120))
+      << test::ReadFile(werr);
+  // And a chain made while it watches, a photo 600 levels into it.
+  ASSERT_TRUE(test::AsAttacker([=] { return mkdir((chain + "/live").c_str(), 0755) == 0; }));
+  ASSERT_TRUE(makeChain(chain + "/live", 2000, 600));
+  std::string live = chain + "/live";
+  for (int i = 0; i < 600; ++i) live += "/d";
+  EXPECT_TRUE(test::WaitFor([&] { return test::Exists(live + "/.kovaea/deep.jpg/KOVAFILE_THUMB_S.jpg"); }, 120))
       << test::ReadFile(werr);
   kill(watch, SIGTERM);
   EXPECT_EQ(test::WaitExit(watch), 0);
