@@ -151,7 +151,12 @@ class FcgiAttackRootTest : public ServerTest {
     chmod(dir_.path().c_str(), 0755);
     test::MustSh("mkdir -m 0755 " + Quote(mine_) + " && chown 65534:65534 " + Quote(mine_));
   }
-  long long Bytes(const std::string& dir) { return std::atoll(test::Capture("du -sb " + Quote(dir)).c_str()); }
+  // The bytes of the files in `dir`.
+  static long long Bytes(const std::string& dir) {
+    long long bytes = 0;
+    for (const std::string& name : test::ListDir(dir)) bytes += test::Stat(dir + "/" + name).st_size;
+    return bytes;
+  }
   std::string mine_ = root_ + "/alice";
 };
 
@@ -180,6 +185,25 @@ TEST_P(FcgiAttackRootTest, StoredFilesLargerThanAThumbnailAreNeitherSentNorCopie
     EXPECT_LT(ResidentKiB(pid), 16 * 1024) << "worker " << pid;
   }
   std::cout << std::endl;
+  // The copies handed over take at most four thumbnails' bound together,
+  // the oldest going first: eight stored files of 12 KiB, thumbnails
+  // bounded at 16 KiB.
+  const std::string handover = dir_ / "handover";
+  ASSERT_EQ(mkdir(handover.c_str(), 0700), 0);
+  ASSERT_TRUE(test::AsAttacker([m] {
+    return test::Sh("cd " + Quote(m) + " && for i in 0 1 2 3; do for s in M B; do head -c 12288 /dev/urandom > "
+                    ".kovaea/a$i.jpg/KOVAFILE_THUMB_$s.jpg; done; done") == 0;
+  }));
+  for (int i = 0; i < 8; ++i) {
+    const std::string name = "a" + std::to_string(i / 2) + ".jpg";
+    test::Response r = test::ParseResponse(test::Capture(
+        "REQUEST_METHOD=GET KOVATHUMB_ROOT=" + Quote(root_) + " QUERY_STRING=" + Quote("path=alice/" + name + "&quality=0&size=" +
+        (i % 2 ? "big" : "medium")) + " KOVATHUMB_SENDFILE_DIR=" + Quote(handover) + " KOVATHUMB_MAX_THUMB_BYTES=16384 " KOVATHUMB_FCGI_BIN));
+    EXPECT_TRUE(test::ReadFile(r.headers["x-sendfile"]) ==
+                test::ReadFile(m + "/.kovaea/" + name + "/KOVAFILE_THUMB_" + (i % 2 ? "B" : "M") + ".jpg")) << i;
+    EXPECT_LE(Bytes(handover), 4 * 16384) << i;
+  }
+  EXPECT_EQ(test::ListDir(handover).size(), 5u);
   // A stored thumbnail rewritten in place is handed over as it is now, not
   // as a copy of what it was.
   const std::string stored = m + "/.kovaea/a0.jpg/KOVAFILE_THUMB_S.jpg";
