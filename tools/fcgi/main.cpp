@@ -4,8 +4,9 @@
 // A supervisor forks workers that accept on one listening socket (the one
 // the web server passes as standard input, or --socket) and starts a new
 // worker for each that dies, so a crash costs one request. Each worker
-// answers one request at a time; see responder.h for how, and for what the
-// web server is handed with X-Sendfile.
+// answers one request at a time, or hands it to a process of its own; see
+// responder.h for how, and for what the web server is handed with
+// X-Sendfile.
 #include <errno.h>
 #include <pwd.h>
 #include <fcgiapp.h>
@@ -81,22 +82,33 @@ int Work(int listenfd, const std::string& root, Handover* handover, Slots* slots
   if (FCGX_InitRequest(&req, listenfd, 0) != 0) return 1;
   crash.worker = getpid();
   for (int s : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT, SIGALRM}) signal(s, OnCrash);
-  while (FCGX_Accept_r(&req) >= 0) {
+  for (;;) {
+    // The processes that took requests over and have ended.
+    while (waitpid(-1, nullptr, WNOHANG) > 0) {
+    }
+    if (FCGX_Accept_r(&req) < 0) break;
     const cgi::Params params = ParamsOf(req.envp);
     crash.records.clear();
     AddRecord(&crash.records, 6, req.requestId, cgi::BusyAnswer(params));  // FCGI_STDOUT
     AddRecord(&crash.records, 6, req.requestId, "");
     AddRecord(&crash.records, 3, req.requestId, std::string(8, '\0'));  // FCGI_END_REQUEST, complete
     crash.fd = req.ipcFd;
-    responder.Answer(
+    const bool handed = responder.Answer(
         params,
         [&req](const char* p, size_t n) {
           crash.fd = -1;
           return FCGX_PutStr(p, static_cast<int>(n), req.out) == static_cast<int>(n);
         },
-        {listenfd, req.ipcFd});
+        {listenfd, req.ipcFd}, [&req] { FCGX_Finish_r(&req); });
     crash.fd = -1;
-    FCGX_Finish_r(&req);
+    if (handed) {
+      // Its own process answers it and ends it: let go without a word.
+      FCGX_Free(&req, 0);
+      close(req.ipcFd);
+      req.ipcFd = -1;
+    } else {
+      FCGX_Finish_r(&req);
+    }
     if (Responder::Resident() > kMaxResident) return 0;
   }
   return 0;
@@ -104,9 +116,10 @@ int Work(int listenfd, const std::string& root, Handover* handover, Slots* slots
 
 // Keeps `count` workers running until told to stop.
 int Supervise(int count, int listenfd, const std::string& root, Handover* handover) {
-  // Conversions may take every worker but one.
+  // As many conversions at once as workers but one; four times the workers
+  // waiting for them.
   Slots slots;
-  slots.Open(count - 1);
+  slots.Open(count - 1, 4 * count);
   sigset_t signals, old;
   sigemptyset(&signals);
   for (int s : {SIGCHLD, SIGTERM, SIGINT, SIGHUP}) sigaddset(&signals, s);

@@ -8,6 +8,7 @@
 #include <sys/mman.h>
 #include <sys/random.h>
 #include <sys/sendfile.h>
+#include <signal.h>
 #include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
@@ -160,35 +161,35 @@ void Handover::Sweep(int seconds) {
   closedir(d);
 }
 
-bool Slots::Open(int count) {
+bool Slots::Open(int running, int waiting) {
   fd_ = memfd_create("kovathumb-fcgi-conversions", MFD_CLOEXEC);
-  count_ = std::max(1, count);
+  running_ = std::max(1, running);
+  waiting_ = std::max(1, waiting);
   return fd_ >= 0;
 }
 
-bool Slots::Take() {
-  // Record locks are each process's own, gone with it: a worker that dies
-  // converting frees its slot.
-  for (int i = 0; fd_ >= 0 && i < count_; ++i) {
-    struct flock lock = {};
-    lock.l_type = F_WRLCK;
-    lock.l_whence = SEEK_SET;
-    lock.l_start = i;
-    lock.l_len = 1;
-    if (fcntl(fd_, F_SETLK, &lock) == 0) return held_ = i, true;
-  }
-  return fd_ < 0;  // no slots kept: every conversion goes
+bool Slots::Lock(int at, bool wait) {
+  struct flock lock = {};
+  lock.l_type = F_WRLCK;
+  lock.l_whence = SEEK_SET;
+  lock.l_start = at;
+  lock.l_len = 1;
+  return fcntl(fd_, wait ? F_SETLKW : F_SETLK, &lock) == 0;
 }
 
-void Slots::Give() {
-  if (held_ < 0) return;
-  struct flock lock = {};
-  lock.l_type = F_UNLCK;
-  lock.l_whence = SEEK_SET;
-  lock.l_start = held_;
-  lock.l_len = 1;
-  fcntl(fd_, F_SETLK, &lock);
-  held_ = -1;
+bool Slots::Queue() {
+  for (int i = 0; fd_ >= 0 && i < waiting_; ++i) {
+    if (Lock(running_ + i, false)) return true;
+  }
+  return fd_ < 0;
+}
+
+bool Slots::Take() {
+  for (int i = 0; fd_ >= 0 && i < running_; ++i) {
+    if (Lock(i, false)) return true;
+  }
+  // All taken: wait for one of them.
+  return fd_ < 0 || Lock(static_cast<int>(getpid() % running_), true);
 }
 
 Responder::Responder(const std::string& root, Handover* handover, Slots* slots)
@@ -238,7 +239,19 @@ bool Responder::AnswerStored(const cgi::Params& params, const cgi::Checked& chec
   }
 }
 
-void Responder::Answer(const cgi::Params& params, const Sink& sink, std::initializer_list<int> sockets) {
+void Responder::Convert(const cgi::Params& params, const cgi::Checked& checked, const Sink& sink,
+                        std::initializer_list<int> sockets) {
+  tool::RunBounded(
+      [&](int out) {
+        for (int fd : sockets) close(fd);
+        const Sink pipe = [out](const char* p, size_t n) { return tool::WriteAll(out, p, n); };
+        return cgi::Serve(params, checked, pipe, [&](Thumb& thumb) { return Send(thumb, params, pipe, false); });
+      },
+      cgi::BusyAnswer(params), cgi::FailedAnswer(params), sink);
+}
+
+bool Responder::Answer(const cgi::Params& params, const Sink& sink, std::initializer_list<int> sockets,
+                       const std::function<void()>& finish) {
   // A hang in this process ends it, and with it this request only: the
   // supervisor starts another worker.
   alarm(static_cast<unsigned>(OwnSeconds()));
@@ -247,19 +260,34 @@ void Responder::Answer(const cgi::Params& params, const Sink& sink, std::initial
   const bool serve = cgi::Check(params, root_, &checked, &text);
   const bool answered = !serve || (!checked.request.list && AnswerStored(params, checked, sink));
   alarm(0);
-  if (!answered && !slots_->Take()) {
-    text = cgi::BusyAnswer(params);
-  } else if (!answered) {
-    tool::RunBounded(
-        [&](int out) {
-          for (int fd : sockets) close(fd);
-          const Sink pipe = [out](const char* p, size_t n) { return tool::WriteAll(out, p, n); };
-          return cgi::Serve(params, checked, pipe, [&](Thumb& thumb) { return Send(thumb, params, pipe, false); });
-        },
-        cgi::BusyAnswer(params), cgi::FailedAnswer(params), sink);
-    slots_->Give();
+  if (answered) {
+    sink(text.data(), text.size());
+    return false;
   }
-  if (!text.empty()) sink(text.data(), text.size());
+  const pid_t pid = finish ? fork() : -1;
+  if (pid > 0) return true;
+  if (pid == 0) {
+    // This request's own process: it waits its turn, within a request's
+    // wall time (the alarm interrupts the wait), and never for long
+    // behind too many others.
+    if (sockets.size() > 0) close(*sockets.begin());
+    struct sigaction wake = {};
+    wake.sa_handler = [](int) {};
+    sigaction(SIGALRM, &wake, nullptr);
+    alarm(static_cast<unsigned>(tool::WallSeconds()));
+    const bool turn = slots_->Queue() && slots_->Take();
+    alarm(0);
+    if (turn) {
+      Convert(params, checked, sink, sockets);
+    } else {
+      text = cgi::BusyAnswer(params);
+      sink(text.data(), text.size());
+    }
+    finish();
+    _exit(0);
+  }
+  Convert(params, checked, sink, sockets);
+  return false;
 }
 
 }  // namespace fcgi

@@ -7,9 +7,12 @@
 // the supervisor starts another. A request never takes that step again in
 // a child, so no slow step runs twice for it.
 //
-// Conversions take at most all workers but one (Slots): a stored thumbnail
-// or an error is answered at once however many conversions are asked for;
-// one asked beyond that is told to come back (503).
+// A request the worker cannot answer from the store is handed to a process
+// of its own, which waits its turn for a conversion slot (Slots) and
+// answers it, while the worker goes on: a stored thumbnail or an error is
+// answered at once however many conversions are asked for. Conversions run
+// a few at a time, and only so many wait; one asked beyond that is told to
+// come back (503).
 //
 // Answers are the library's values (the file as a descriptor, its type and
 // validators): sent straight to the request's stream, or handed to the web
@@ -26,6 +29,7 @@
 
 #include <sys/types.h>
 
+#include <functional>
 #include <initializer_list>
 #include <string>
 
@@ -70,27 +74,34 @@ class Handover {
   int fd_ = -1;
 };
 
-// The conversions the workers run at once: one lock a slot, taken without
-// waiting, given back by the worker's end as well.
+// The conversions run at once, and the requests waiting for one: a record
+// lock a place, each the process's own and gone with it.
 class Slots {
  public:
-  bool Open(int count);
+  bool Open(int running, int waiting);
+  // A place to wait, taken without waiting; true without slots at all.
+  bool Queue();
+  // A conversion's slot, waited for until a signal interrupts.
   bool Take();
-  void Give();
 
  private:
-  int fd_ = -1, count_ = 0, held_ = -1;
+  bool Lock(int at, bool wait);
+  int fd_ = -1, running_ = 0, waiting_ = 0;
 };
 
 class Responder {
  public:
   // Serves `root` (the administrator's, never a request's).
   Responder(const std::string& root, Handover* handover, Slots* slots);
-  // Answers one request to `sink`, with a complete response. A child
-  // closes `sockets` (the listening socket and the request's connection),
-  // so that only this process answers there and a worker that dies ends
-  // its request at once.
-  void Answer(const cgi::Params& params, const Sink& sink, std::initializer_list<int> sockets = {});
+  // Answers one request to `sink`, with a complete response. `sockets` are
+  // the listening socket and the request's connection: a process that
+  // takes the request over closes the first, its bounded child both, so
+  // that only one process answers there. With `finish`, a request that
+  // needs a conversion or a list is taken over by a process of its own,
+  // which answers, calls `finish` and ends: true then, and the caller lets
+  // the request go. Without, it is answered here.
+  bool Answer(const cgi::Params& params, const Sink& sink, std::initializer_list<int> sockets = {},
+              const std::function<void()>& finish = nullptr);
   // The memory this process holds now, in bytes.
   static size_t Resident();
   // The seconds the worker's own part of a request may take.
@@ -98,6 +109,9 @@ class Responder {
 
  private:
   bool AnswerStored(const cgi::Params& params, const cgi::Checked& checked, const Sink& sink);
+  // Waits for a slot and answers in a bounded child.
+  void Convert(const cgi::Params& params, const cgi::Checked& checked, const Sink& sink,
+               std::initializer_list<int> sockets);
   // Sends the output `thumb` chose; with `handOver`, a stored thumbnail
   // by X-Sendfile where a hand-over directory is open.
   bool Send(Thumb& thumb, const cgi::Params& params, const Sink& sink, bool handOver);
