@@ -63,6 +63,8 @@
 #ifndef KOVATHUMB_THUMB_H_
 #define KOVATHUMB_THUMB_H_
 
+#include <sys/stat.h>
+
 #include <initializer_list>
 #include <map>
 #include <memory>
@@ -110,6 +112,21 @@ enum ThumbOption {
   kThumbOptStoredOnly = 256,
 };
 
+// A request's answer as a value, for a front end that sends it its own way
+// (Output and HttpOutputFile send it as a CGI response on standard output).
+struct ThumbAnswer {
+  // The bytes to send, open for reading (read them by position); the
+  // Thumb's, valid until its next request or its end.
+  int fd = -1;
+  std::string mime;      // their type
+  std::string name;      // the file name the client is offered
+  std::string cache;     // how long the client may keep it (a Cache-Control value)
+  struct stat st = {};   // the file's status through `fd`: its size and validators
+  bool source = false;   // the source itself, not a thumbnail
+  bool stored = false;   // a thumbnail as the store holds it, for more answers than this one
+  bool remove = false;   // a file to remove with DeleteOutputFile() once sent
+};
+
 class KOVATHUMB_EXPORT Thumb {
  public:
   // Size name to box: small 120, medium 360, big 640, large and xlarge
@@ -140,6 +157,12 @@ class KOVATHUMB_EXPORT Thumb {
   // The same for size name `size`, falling back to smaller sizes when the
   // fallback option is set.
   std::string CalcOutputFile(const std::string& size);
+  // The same for a box.
+  std::string CalcOutputFile(int width, int height);
+  // The output file chosen, as a value; false when there is none, or it
+  // cannot be read, or it is no thumbnail (larger than any can be). A user's
+  // turn of a gallery thumbnail is applied now, into a file of its own.
+  bool Answer(ThumbAnswer* answer);
   const std::string& GetOutputFile() const;
   // The descriptor of the output file as the last request checked and read
   // it, when it holds one (a stored or made thumbnail, not the source);

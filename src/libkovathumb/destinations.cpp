@@ -6,6 +6,7 @@
 #include <string>
 #include <utility>
 
+#include "kovaplatform/kovaplatform.h"
 #include "kovathumb/convert_cmd.h"
 #include "kovathumb/file.h"
 #include "kovathumb/thumb.h"
@@ -50,12 +51,13 @@ bool Thumb::SetOutStored(const std::string& name, bool needEAPath, bool conditio
   const std::string path = file::GetEAPath(path_, name);
   if (needEAPath && path.empty()) return Fail();
   if (path.empty() || !condition) return Fail();
-  // Anything but a regular file here (a link, FIFO, directory) is no
-  // thumbnail; the file checked is the one sent.
+  // Anything but a regular file here (a link, FIFO, directory), or a file
+  // larger than any thumbnail, is no thumbnail; the file checked is the one
+  // sent.
   const int ea = EADir(false);
   struct stat64 st;
   safe_fs::Fd fd = ea < 0 ? safe_fs::Fd() : safe_fs::OpenRegularAt(ea, name, &st);
-  if (!fd.valid() || !info_.IsThumbUptoDate(safe_fs::SelfPath(fd.get()))) return Fail();
+  if (!fd.valid() || st.st_size > KOVAMaxThumbBytes() || !info_.IsThumbUptoDate(safe_fs::SelfPath(fd.get()))) return Fail();
   if (quality_ && !isVideo_ && !QualityStoredOk(fd.get())) return Fail();
   outputFile_ = path;
   pinned_->SetOutput(path, std::move(fd), st);

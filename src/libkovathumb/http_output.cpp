@@ -1,24 +1,29 @@
 // Thumb's response: the cache header, then the chosen file through the
 // platform's relay.
+#include <sys/mman.h>
+#include <unistd.h>
+
 #include <cstdio>
 #include <string>
 
+#include "kovaplatform/kovaplatform.h"
 #include "kovaplatform/webfile_relay.h"
 #include "kovathumb/convert_cmd.h"
 #include "kovathumb/thumb.h"
 #include "libkovathumb/pinned.h"
 #include "libkovathumb/thumb_shared.h"
+#include "thumb_info/thumb_info_access.h"
 #include "util/safe_fs.h"
 
 namespace kovathumb {
 
 namespace {
-constexpr char kCacheControl[] = "Cache-Control: max-age=300, must-revalidate\r\n";
+constexpr char kCache[] = "max-age=300, must-revalidate";
 }  // namespace
 
 bool Thumb::HttpOutputFile(const std::string& mime) {
   // First and unconditionally, and flushed: the relay writes after it.
-  fputs(kCacheControl, stdout);
+  fprintf(stdout, "Cache-Control: %s\r\n", kCache);
   fflush(stdout);
   WebFileRelay relay;
   if (outputType_ == kThumbOutputPictavo && (info_.GetUserRotate() & 3) != 0) {
@@ -31,6 +36,51 @@ bool Thumb::HttpOutputFile(const std::string& mime) {
   }
   // Through the descriptor of the file that was checked.
   return relay.Output(ServePath().c_str(), mime.c_str()) == 0;
+}
+
+bool Thumb::Answer(ThumbAnswer* answer) {
+  *answer = ThumbAnswer();
+  if (outputFile_.empty()) return false;
+  Pinned& p = *pinned_;
+  answer->source = outputFile_ == path_;
+  answer->mime = info_.GetOutputMimeType();
+  answer->name = internal::BaseName(outputFile_);
+  answer->cache = kCache;
+  answer->remove = needDelete_;
+  if (answer->source) {
+    const int* fd = internal::ThumbInfoAccess::SourceFd(info_);
+    answer->fd = fd != nullptr ? *fd : -1;
+  } else {
+    if (!p.output.valid() || p.outputPath != outputFile_) {
+      // Made now and stored: the stored file, never a link in its place.
+      struct stat64 st;
+      const int ea = EADir(false);
+      safe_fs::Fd fd = ea < 0 ? safe_fs::Fd() : safe_fs::OpenRegularAt(ea, answer->name, &st);
+      if (!fd.valid()) return false;
+      p.SetOutput(outputFile_, std::move(fd), st);
+    }
+    answer->fd = p.output.get();
+    answer->stored = outputType_ == kThumbOutputPictavo || outputType_ == kThumbOutputDossiva ||
+                     outputType_ == kThumbOutputCinevo;
+    if (outputType_ == kThumbOutputPictavo && (info_.GetUserRotate() & 3) != 0) {
+      // Stored gallery thumbnails are upright: the user's turn, made now.
+      JpegTranCmd jpegtran(info_, safe_fs::ToolPath(p.output.get()), "", true);
+      FILE* stream = jpegtran.popen();
+      p.turned.reset(memfd_create("kovathumb-turned", MFD_CLOEXEC));
+      long long left = KOVAMaxThumbBytes();
+      char buf[65536];
+      bool ok = stream != nullptr && p.turned.valid();
+      for (size_t n; ok && (n = fread(buf, 1, sizeof buf, stream)) > 0; left -= static_cast<long long>(n)) {
+        ok = static_cast<long long>(n) <= left && safe_fs::WriteAll(p.turned.get(), buf, n);
+      }
+      if (stream != nullptr && KLIBCPclose(stream) != 0) ok = false;
+      if (!ok) return false;
+      answer->fd = p.turned.get();
+      answer->stored = false;
+    }
+  }
+  if (answer->fd < 0 || fstat(answer->fd, &answer->st) != 0 || !S_ISREG(answer->st.st_mode)) return false;
+  return answer->source || answer->st.st_size <= KOVAMaxThumbBytes();
 }
 
 bool Thumb::OutputOriginalImage() {

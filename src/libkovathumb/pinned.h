@@ -21,6 +21,7 @@ struct Thumb::Pinned {
   std::string outputPath;  // the output file this descriptor stands for
   struct stat64 outputStat;
   safe_fs::PrivateDir work;
+  safe_fs::Fd turned;  // a turned gallery thumbnail of Answer()
 
   void SetOutput(const std::string& path, safe_fs::Fd fd, const struct stat64& st) {
     output = std::move(fd);

@@ -129,6 +129,11 @@ std::string Thumb::CalcOutputFile() {
   return outputFile_;
 }
 
+std::string Thumb::CalcOutputFile(int width, int height) {
+  SetSize(kSizeCustom, {static_cast<uint32_t>(width), static_cast<uint32_t>(height)});
+  return CalcOutputFile();
+}
+
 std::string Thumb::CalcOutputFile(const std::string& size) {
   auto it = std::find(size_vec.begin(), size_vec.end(), size);
   for (; it != size_vec.end(); ++it) {

@@ -7,6 +7,8 @@
 #include <sched.h>
 #include <signal.h>
 #include <sys/mount.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 
 #include <gtest/gtest.h>
@@ -29,6 +31,35 @@ test::Response Cgi(const std::string& root, const std::string& query, const char
   return test::ParseResponse(test::Capture("REQUEST_METHOD=GET KOVATHUMB_ROOT=" + Quote(root) + " QUERY_STRING=" +
                                            Quote(query) + " KOVATHUMB_SENDFILE_DIR=" + Quote(sendfile) + " " +
                                            bin + " 2>/dev/null"));
+}
+
+// One FastCGI request with `params` on the Unix socket `path`: the
+// response's bytes; "" when no connection could be made.
+std::string Fcgi(const std::string& path, const std::map<std::string, std::string>& params) {
+  const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_un addr{};
+  addr.sun_family = AF_UNIX;
+  snprintf(addr.sun_path, sizeof addr.sun_path, "%s", path.c_str());
+  if (connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) return close(fd), "";
+  const auto record = [](int type, const std::string& body) {
+    const unsigned char head[8] = {1, static_cast<unsigned char>(type), 0, 1, static_cast<unsigned char>(body.size() >> 8),
+                                   static_cast<unsigned char>(body.size()), 0, 0};
+    return std::string(reinterpret_cast<const char*>(head), 8) + body;
+  };
+  std::string pairs;
+  for (const auto& p : params) pairs += std::string{char(p.first.size()), char(p.second.size())} + p.first + p.second;
+  const std::string out = record(1, std::string("\0\1\0\0\0\0\0\0", 8)) + record(4, pairs) + record(4, "") + record(5, "");
+  (void)!write(fd, out.data(), out.size());
+  std::string in, response;
+  char buf[65536];
+  for (ssize_t n; (n = read(fd, buf, sizeof buf)) > 0;) in.append(buf, static_cast<size_t>(n));
+  close(fd);
+  for (size_t at = 0; at + 8 <= in.size();) {  // the stdout records' bodies
+    const size_t length = (static_cast<unsigned char>(in[at + 4]) << 8) | static_cast<unsigned char>(in[at + 5]);
+    if (in[at + 1] == 6) response.append(in, at + 8, length);
+    at += 8 + length + static_cast<unsigned char>(in[at + 6]);
+  }
+  return response;
 }
 
 // Swaps two names atomically, as the attacker's loop does.
@@ -144,6 +175,33 @@ TEST_F(ProgramAttackRootTest, LinksInRequestPathsAndListsAreRefused) {
   EXPECT_NE(test::Sh(cd + "make --sizes small out.jpg >/dev/null"), 0);
   test::MustSh("cp " + Quote(t_.mine + "/keep.jpg") + " " + Quote(t_.mine + "/-dash.jpg"));
   EXPECT_EQ(test::Capture(cd + "get small -- -dash.jpg | head -c 5 | wc -c"), "5\n");
+  ExpectOutsideUntouched();
+}
+
+TEST_F(ProgramAttackRootTest, FastCgiServesOnlyTheAdministratorsRootToOnlyItsWebServer) {
+  // The socket is root's alone: the attacker cannot even connect. A request
+  // naming another root (the sibling, the top) is answered from the tree.
+  const std::string sock = t_.top / "fcgi.sock";
+  const pid_t server = fork();
+  if (server == 0) {
+    setenv("KOVATHUMB_ROOT", t_.tree.c_str(), 1);
+    execl(KOVATHUMB_FCGI_BIN, "kovathumb-fcgi", "--workers", "1", "--socket", sock.c_str(), static_cast<char*>(nullptr));
+    _exit(127);
+  }
+  const auto ask = [&](const std::string& root, const std::string& query) {
+    return test::ParseResponse(Fcgi(sock, {{"REQUEST_METHOD", "GET"}, {"KOVATHUMB_ROOT", root}, {"QUERY_STRING", query}}));
+  };
+  ASSERT_TRUE(test::WaitFor([&] { return ask(t_.tree, "path=alice/keep.jpg&size=small").complete; }, 30));
+  EXPECT_EQ(test::Stat(sock).st_mode & 0777, 0600u);
+  EXPECT_FALSE(test::AsAttacker([&] { return !Fcgi(sock, {{"REQUEST_METHOD", "GET"}, {"QUERY_STRING", "list=1"}}).empty(); }));
+  for (const std::string& root : {sibling_, t_.top.path(), std::string("/")}) {
+    const test::Response r = ask(root, "path=p.jpg&size=small");
+    EXPECT_TRUE(r.complete && r.status == 404) << root;
+    const test::Response list = ask(root, "list=1");
+    EXPECT_TRUE(list.body.find("alice/keep.jpg") != std::string::npos && !t_.Leaks(list.raw)) << root;
+  }
+  kill(server, SIGTERM);
+  EXPECT_EQ(test::WaitExit(server), 0);
   ExpectOutsideUntouched();
 }
 

@@ -5,11 +5,13 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <chrono>
+#include <iostream>
 #include <map>
 #include <sstream>
 #include <thread>
 
-#include "support/test_util.h"
+#include "support/attacker.h"
 
 namespace kovathumb {
 namespace {
@@ -104,6 +106,12 @@ TEST_P(FcgiTest, WorkersCrashingMidRequestAnswer503AreReplacedAndMemoryStaysFlat
   for (int pid : first) kill(pid, SIGSEGV);
   slow.join();
   EXPECT_TRUE(cut == 503 || cut == 200) << cut;  // the worker's last word or, had it finished first, the thumbnail
+  // Gone and replaced: a worker the signal has not reached yet may still
+  // take a connection and die with it.
+  EXPECT_TRUE(test::WaitFor([&] {
+    const std::vector<int> now = Workers();
+    return now.size() == 2 && std::none_of(now.begin(), now.end(), [&](int pid) { return std::count(first.begin(), first.end(), pid) > 0; });
+  }, 30));
   for (int i = 0; i < 4; ++i) EXPECT_EQ(Http(port_, "GET", "/thumb?path=album/p%201.jpg&size=small").status, 200);
   const std::vector<int> now = Workers();
   EXPECT_EQ(now.size(), 2u);
@@ -138,6 +146,127 @@ TEST_P(FcgiTest, WorkersCrashingMidRequestAnswer503AreReplacedAndMemoryStaysFlat
 }
 
 INSTANTIATE_TEST_SUITE_P(Endpoint, FcgiTest, ::testing::Values("fcgi"));
+
+// The attacker owns a folder of the served tree (alice) and asks for what
+// is in it.
+class FcgiAttackRootTest : public ServerTest {
+ protected:
+  void SetUp() override {
+    KT_SKIP_UNLESS_ROOT();
+    ServerTest::SetUp();
+    chmod(dir_.path().c_str(), 0755);
+    test::MustSh("mkdir -m 0755 " + Quote(mine_) + " && chown 65534:65534 " + Quote(mine_));
+  }
+  // The bytes of the files in `dir`.
+  static long long Bytes(const std::string& dir) {
+    long long bytes = 0;
+    for (const std::string& name : test::ListDir(dir)) bytes += test::Stat(dir + "/" + name).st_size;
+    return bytes;
+  }
+  std::string mine_ = root_ + "/alice";
+};
+
+TEST_P(FcgiAttackRootTest, StoredFilesLargerThanAThumbnailAreNeitherSentNorCopiedNorHeld) {
+  // Four photos of the attacker's, each with a sparse 96 MiB file (16 KiB
+  // of the user's quota) under its stored thumbnail's name, asked for twice.
+  const std::string m = mine_;
+  for (int i = 0; i < 4; ++i) test::MakePhoto(m + "/a" + std::to_string(i) + ".jpg", 800, 600);
+  test::MustSh("chown 65534:65534 " + Quote(m) + "/*.jpg");
+  ASSERT_TRUE(test::AsAttacker([m] {
+    return test::Sh("cd " + Quote(m) + " && for i in 0 1 2 3; do mkdir -p .kovaea/a$i.jpg && truncate -s 96M "
+                    ".kovaea/a$i.jpg/KOVAFILE_THUMB_S.jpg; done") == 0;
+  }));
+  std::string thumb;
+  for (int round = 0; round < 2; ++round) {
+    for (int i = 0; i < 4; ++i) {
+      const test::Response r = Http(port_, "GET", "/thumb?path=alice/a" + std::to_string(i) + ".jpg&size=small&quality=0");
+      EXPECT_TRUE(r.status == 200 && r.body.size() < (1u << 20) && test::BodySize(r.body).first > 0) << r.status << " " << r.raw.size();
+      thumb = r.body;
+    }
+  }
+  EXPECT_LT(Bytes(dir_ / "server/sendfile"), 1 << 20);
+  std::cout << "handed over after 8 requests: " << Bytes(dir_ / "server/sendfile") << " bytes; workers hold (KiB):";
+  for (int pid : Workers()) {
+    std::cout << " " << ResidentKiB(pid);
+    EXPECT_LT(ResidentKiB(pid), 16 * 1024) << "worker " << pid;
+  }
+  std::cout << std::endl;
+  // The copies handed over take at most four thumbnails' bound together,
+  // the oldest going first: eight stored files of 12 KiB, thumbnails
+  // bounded at 16 KiB.
+  const std::string handover = dir_ / "handover";
+  ASSERT_EQ(mkdir(handover.c_str(), 0700), 0);
+  ASSERT_TRUE(test::AsAttacker([m] {
+    return test::Sh("cd " + Quote(m) + " && for i in 0 1 2 3; do for s in M B; do head -c 12288 /dev/urandom > "
+                    ".kovaea/a$i.jpg/KOVAFILE_THUMB_$s.jpg; done; done") == 0;
+  }));
+  for (int i = 0; i < 8; ++i) {
+    const std::string name = "a" + std::to_string(i / 2) + ".jpg";
+    test::Response r = test::ParseResponse(test::Capture(
+        "REQUEST_METHOD=GET KOVATHUMB_ROOT=" + Quote(root_) + " QUERY_STRING=" + Quote("path=alice/" + name + "&quality=0&size=" +
+        (i % 2 ? "big" : "medium")) + " KOVATHUMB_SENDFILE_DIR=" + Quote(handover) + " KOVATHUMB_MAX_THUMB_BYTES=16384 " KOVATHUMB_FCGI_BIN));
+    EXPECT_TRUE(test::ReadFile(r.headers["x-sendfile"]) ==
+                test::ReadFile(m + "/.kovaea/" + name + "/KOVAFILE_THUMB_" + (i % 2 ? "B" : "M") + ".jpg")) << i;
+    EXPECT_LE(Bytes(handover), 4 * 16384) << i;
+  }
+  EXPECT_EQ(test::ListDir(handover).size(), 5u);
+  // A stored thumbnail rewritten in place is handed over as it is now, not
+  // as a copy of what it was.
+  const std::string stored = m + "/.kovaea/a0.jpg/KOVAFILE_THUMB_S.jpg";
+  test::WriteFile(dir_ / "thumb.jpg", thumb);
+  const std::string copy = dir_ / "thumb.jpg";
+  for (const char* change : {"cp %s %s", "printf changed | dd of=%2$s bs=1 seek=200 conv=notrunc status=none"}) {
+    ASSERT_TRUE(test::AsAttacker([&] {
+      char command[1024];
+      snprintf(command, sizeof command, change, Quote(copy).c_str(), Quote(stored).c_str());
+      return test::Sh(command) == 0;
+    }));
+    EXPECT_TRUE(Http(port_, "GET", "/thumb?path=alice/a0.jpg&size=small&quality=0").body == test::ReadFile(stored)) << change;
+  }
+}
+
+TEST_P(FcgiAttackRootTest, ConversionsLeaveAWorkerForStoredAnswersAndErrors) {
+  const std::string stored = "/thumb?path=album/p%201.jpg&size=medium&quality=0";
+  const test::Response before = Http(port_, "GET", stored);  // made now, stored from here on
+  ASSERT_EQ(before.status, 200);
+  test::Sh(Env() + " " KOVATHUMB_SOURCE_DIR "/scripts/serve.sh stop");
+  port_ = 0;
+  // Conversions wait at a gate the test opens once the other answers came.
+  const std::string gate = dir_ / "gate", entered = dir_ / "entered";
+  const std::string held = "touch " + Quote(entered) + "; while [ ! -e " + Quote(gate) + " ]; do sleep 0.05; done; exec \"$REAL\" \"$@\"\n";
+  const std::string env = Env(), photo = root_;
+  const int failed = test::WithStandIns({{"/usr/bin/djpeg", held}, {"/usr/bin/convert", held}}, [&] {
+    const std::string url = test::Capture(env + " " KOVATHUMB_SOURCE_DIR "/scripts/serve.sh start " + Quote(photo) + " 0");
+    const int port = std::atoi(url.c_str() + url.rfind(':') + 1);
+    int failures = 0;
+    {
+      // Twice the workers' conversions at once, again and again.
+      test::AttackerLoop attacker([port] {
+        std::vector<std::thread> clients;
+        for (int i = 0; i < 4; ++i) {
+          clients.emplace_back([port, i] { Http(port, "GET", "/thumb?path=album/p%201.jpg&quality=0&w=" + std::to_string(300 + i) + "&h=299"); });
+        }
+        for (std::thread& t : clients) t.join();
+      });
+      if (!test::WaitFor([&] { return test::Exists(entered); }, 20)) failures |= 1;
+      const auto start = std::chrono::steady_clock::now();
+      const test::Response again = Http(port, "GET", stored);
+      const test::Response missing = Http(port, "GET", "/thumb?path=album/none.jpg&size=small");
+      const auto took = std::chrono::steady_clock::now() - start;
+      // Answered while the conversions still wait at the gate.
+      if (again.status != 200 || again.body != before.body || missing.status != 404 || attacker.Rounds() != 0) failures |= 2;
+      std::cout << "stored answer and 404 while converting: "
+                << std::chrono::duration_cast<std::chrono::microseconds>(took).count() / 1000.0 << " ms" << std::endl;
+      test::WriteFile(gate, "");
+      if (!test::WaitFor([&] { return attacker.Rounds() > 0; }, 20)) failures |= 4;
+    }
+    test::Sh(env + " " KOVATHUMB_SOURCE_DIR "/scripts/serve.sh stop");
+    return failures;
+  });
+  EXPECT_EQ(failed, 0);
+}
+
+INSTANTIATE_TEST_SUITE_P(Endpoint, FcgiAttackRootTest, ::testing::Values("fcgi"));
 
 }  // namespace
 }  // namespace kovathumb

@@ -50,7 +50,7 @@ const char* TypeOf(const std::string& path) {
 
 // One page of the sorted list, so that a large tree comes in parts; "total"
 // tells the page how many there are.
-int List(const Params& params, const std::string& realRoot, size_t offset, size_t limit) {
+std::string List(const Params& params, const std::string& realRoot, size_t offset, size_t limit) {
   std::vector<tool::TreeFile> files;
   tool::WalkTree(realRoot, &files);
   const size_t begin = std::min(offset, files.size());
@@ -66,24 +66,8 @@ int List(const Params& params, const std::string& realRoot, size_t offset, size_
   }
   const std::string body =
       nlohmann::json{{"files", list}, {"total", files.size()}, {"offset", begin}}.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) + "\n";
-  printf("Content-Type: application/json\r\nContent-Length: %zu\r\nCache-Control: no-store\r\n\r\n", body.size());
-  if (!IsHead(params)) fwrite(body.data(), 1, body.size(), stdout);
-  fflush(stdout);
-  return 0;
-}
-
-int Thumbnail(const Params& params, const Request& req, const std::string& path) {
-  Thumb thumb(path, req.options, false);
-  thumb.Rotate(req.rotate);
-  tool::Wanted wanted;
-  wanted.size = req.size;
-  wanted.width = static_cast<int>(req.width);
-  wanted.height = static_cast<int>(req.height);
-  wanted.fallback = req.fallback;
-  tool::SendThumbnail(thumb, wanted, true);
-  // With an output file chosen, the response (perhaps an error one) is out.
-  if (thumb.GetOutputFile().empty()) return AnswerText(params, 404, "no thumbnail for this file");
-  return 0;
+  return "Content-Type: application/json\r\nContent-Length: " + std::to_string(body.size()) +
+         "\r\nCache-Control: no-store\r\n\r\n" + (IsHead(params) ? std::string() : body);
 }
 
 std::string Unavailable(const Params& params, const char* status, const char* extra, const char* text) {
@@ -96,8 +80,7 @@ std::string Unavailable(const Params& params, const char* status, const char* ex
 
 Params ParamsFromEnvironment() {
   Params params;
-  for (const char* name : {"REQUEST_METHOD", "QUERY_STRING", "KOVATHUMB_ROOT", "HTTP_IF_NONE_MATCH",
-                           "HTTP_IF_MODIFIED_SINCE"}) {
+  for (const char* name : {"REQUEST_METHOD", "QUERY_STRING", "HTTP_IF_NONE_MATCH", "HTTP_IF_MODIFIED_SINCE"}) {
     if (const char* v = getenv(name)) params[name] = v;
   }
   return params;
@@ -105,22 +88,27 @@ Params ParamsFromEnvironment() {
 
 bool IsHead(const Params& params) { return Get(params, "REQUEST_METHOD") == "HEAD"; }
 
-int AnswerText(const Params& params, int status, const std::string& text, const char* extra) {
-  const std::string body = text + "\n";
-  printf("Status: %d %s\r\nContent-Type: text/plain; charset=utf-8\r\nContent-Length: %zu\r\n"
-         "Cache-Control: no-store\r\n%s\r\n",
-         status, Reason(status), body.size(), extra);
-  if (!IsHead(params)) fwrite(body.data(), 1, body.size(), stdout);
-  fflush(stdout);
-  return 0;
+tool::Validators ValidatorsOf(const Params& params) {
+  tool::Validators v;
+  v.head = IsHead(params);
+  const auto inm = params.find("HTTP_IF_NONE_MATCH"), ims = params.find("HTTP_IF_MODIFIED_SINCE");
+  v.ifNoneMatch = inm == params.end() ? nullptr : inm->second.c_str();
+  v.ifModifiedSince = ims == params.end() ? nullptr : ims->second.c_str();
+  return v;
 }
 
-bool Check(const Params& params, Checked* checked) {
+std::string TextAnswer(const Params& params, int status, const std::string& text, const char* extra) {
+  const std::string body = text + "\n";
+  return "Status: " + std::to_string(status) + " " + Reason(status) +
+         "\r\nContent-Type: text/plain; charset=utf-8\r\nContent-Length: " + std::to_string(body.size()) +
+         "\r\nCache-Control: no-store\r\n" + extra + "\r\n" + (IsHead(params) ? std::string() : body);
+}
+
+bool Check(const Params& params, const std::string& root, Checked* checked, std::string* refusal) {
   const std::string method = Get(params, "REQUEST_METHOD");
   if (method != "GET" && method != "HEAD") {
-    return AnswerText(params, 405, "only GET and HEAD", "Allow: GET, HEAD\r\n"), false;
+    return *refusal = TextAnswer(params, 405, "only GET and HEAD", "Allow: GET, HEAD\r\n"), false;
   }
-  const std::string root = Get(params, "KOVATHUMB_ROOT");
   // The administrator's path, not the users': resolved once per process.
   static std::string given, resolved;
   if (root != given || resolved.empty()) {
@@ -130,35 +118,64 @@ bool Check(const Params& params, Checked* checked) {
   checked->root = resolved;
   if (checked->root.empty()) {
     syslog(LOG_ERR, "%s: KOVATHUMB_ROOT is not set or not a directory", program_invocation_short_name);
-    return AnswerText(params, 500, "server misconfigured"), false;
+    return *refusal = TextAnswer(params, 500, "server misconfigured"), false;
   }
   const std::string query = Get(params, "QUERY_STRING");
-  if (query.size() > kMaxQuery) return AnswerText(params, 414, "query too long"), false;
+  if (query.size() > kMaxQuery) return *refusal = TextAnswer(params, 414, "query too long"), false;
   Request& req = checked->request;
   std::string error;
-  if (!ParseRequest(query, &req, &error)) return AnswerText(params, 400, error), false;
+  if (!ParseRequest(query, &req, &error)) return *refusal = TextAnswer(params, 400, error), false;
   if (req.list) return true;
   const int status = Resolve(checked->root, req.path, &checked->pinned);
-  if (status != 200) return AnswerText(params, status, status == 404 ? "no such file" : "refused"), false;
+  if (status != 200) {
+    return *refusal = TextAnswer(params, status, status == 404 ? "no such file" : "refused"), false;
+  }
   if (!IsSupportImage(req.path) && !IsSupportVideo(req.path)) {
-    return AnswerText(params, 400, "not a photo or video"), false;
+    return *refusal = TextAnswer(params, 400, "not a photo or video"), false;
   }
   return true;
 }
 
-int Serve(const Params& params, const Checked& checked) {
+tool::Wanted WantedOf(const Request& req) {
+  tool::Wanted wanted;
+  wanted.size = req.size;
+  wanted.width = static_cast<int>(req.width);
+  wanted.height = static_cast<int>(req.height);
+  wanted.fallback = req.fallback;
+  return wanted;
+}
+
+int Serve(const Params& params, const Checked& checked, const tool::Sink& sink, const SendChosen& send) {
   const char* program = program_invocation_short_name;
   const Request& req = checked.request;
-  if (req.list) return List(params, checked.root, static_cast<size_t>(req.offset), static_cast<size_t>(req.limit));
+  const auto answer = [&sink](const std::string& text) {
+    if (sink) return sink(text.data(), text.size());
+    fwrite(text.data(), 1, text.size(), stdout);
+    return fflush(stdout) == 0;
+  };
+  if (req.list) {
+    answer(List(params, checked.root, static_cast<size_t>(req.offset), static_cast<size_t>(req.limit)));
+    return 0;
+  }
   try {
-    return Thumbnail(params, req, checked.pinned.Path());
+    Thumb thumb(checked.pinned.Path(), req.options, false);
+    thumb.Rotate(req.rotate);
+    if (!send) {
+      tool::SendThumbnail(thumb, WantedOf(req), true);
+    } else if (tool::ChooseThumbnail(thumb, WantedOf(req)) && !send(thumb)) {
+      answer(TextAnswer(params, 500, "cannot read this file"));
+    }
+    // With an output file chosen, the response (perhaps an error one) is out.
+    if (thumb.GetOutputFile().empty()) answer(TextAnswer(params, 404, "no thumbnail for this file"));
+    return 0;
   } catch (const Error& e) {
     syslog(LOG_ERR, "%s: %s: %s", program, req.path.c_str(), checked.pinned.Unpinned(e.what(), req.path).c_str());
-    return AnswerText(params, e.Code() == kErrorCannotOpen ? 403 : 500, "cannot read this file");
+    answer(TextAnswer(params, e.Code() == kErrorCannotOpen ? 403 : 500, "cannot read this file"));
   } catch (const std::exception& e) {
     syslog(LOG_ERR, "%s: %s: %s", program, req.path.c_str(), e.what());
-    return AnswerText(params, 500, "internal error");
+    answer(TextAnswer(params, 500, "internal error"));
   }
+  return 0;
 }
 
 std::string BusyAnswer(const Params& params) {

@@ -63,10 +63,14 @@ int main(int argc, char** argv) {
   // A request the library cannot finish in a tool's limits still gets an answer.
   namespace cgi = kovathumb::cgi;
   const cgi::Params params = cgi::ParamsFromEnvironment();
+  const char* root = getenv("KOVATHUMB_ROOT");  // the web server's configuration
   return kovathumb::tool::RunBounded(
-      [&params] {
+      [&params, root] {
         cgi::Checked checked;
-        return cgi::Check(params, &checked) ? cgi::Serve(params, checked) : 0;
+        std::string refusal;
+        if (cgi::Check(params, root != nullptr ? root : "", &checked, &refusal)) return cgi::Serve(params, checked);
+        fputs(refusal.c_str(), stdout);
+        return 0;
       },
       cgi::BusyAnswer(params), cgi::FailedAnswer(params));
 }

@@ -4,15 +4,18 @@
 // A supervisor forks workers that accept on one listening socket (the one
 // the web server passes as standard input, or --socket) and starts a new
 // worker for each that dies, so a crash costs one request. Each worker
-// answers one request at a time; see responder.h for how, and for what the
-// web server is handed with X-Sendfile.
+// answers one request at a time, or hands it to a process of its own; see
+// responder.h for how, and for what the web server is handed with
+// X-Sendfile.
 #include <errno.h>
+#include <pwd.h>
 #include <fcgiapp.h>
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/prctl.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <syslog.h>
 #include <time.h>
@@ -29,19 +32,16 @@ namespace kovathumb {
 namespace fcgi {
 namespace {
 
-// A worker that grew past this (the library leaking, say) leaves after its
-// request and is replaced, so no growth lasts.
+// A worker that holds more than this after a request (the library
+// leaking, say) leaves and is replaced, so no growth lasts.
 constexpr size_t kMaxResident = 64u << 20;
 
+// A request's variables; whatever else it sends (a KOVATHUMB_ROOT of its
+// own among them) is not read.
 cgi::Params ParamsOf(FCGX_ParamArray envp) {
   cgi::Params params;
-  for (const char* name : {"REQUEST_METHOD", "QUERY_STRING", "KOVATHUMB_ROOT", "HTTP_IF_NONE_MATCH",
-                           "HTTP_IF_MODIFIED_SINCE"}) {
+  for (const char* name : {"REQUEST_METHOD", "QUERY_STRING", "HTTP_IF_NONE_MATCH", "HTTP_IF_MODIFIED_SINCE"}) {
     if (const char* v = FCGX_GetParam(name, envp)) params[name] = v;
-  }
-  // The root may be set for the process rather than per request.
-  if (params.count("KOVATHUMB_ROOT") == 0) {
-    if (const char* root = getenv("KOVATHUMB_ROOT")) params["KOVATHUMB_ROOT"] = root;
   }
   return params;
 }
@@ -75,36 +75,51 @@ void OnCrash(int sig) {
   raise(sig);
 }
 
-int Work(int listenfd, Handover* handover) {
+int Work(int listenfd, const std::string& root, Handover* handover, Slots* slots) {
   tool::LimitAddressSpace();
-  Responder responder(handover);
+  Responder responder(root, handover, slots);
   FCGX_Request req;
   if (FCGX_InitRequest(&req, listenfd, 0) != 0) return 1;
   crash.worker = getpid();
   for (int s : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT, SIGALRM}) signal(s, OnCrash);
-  while (FCGX_Accept_r(&req) >= 0) {
+  for (;;) {
+    // The processes that took requests over and have ended.
+    while (waitpid(-1, nullptr, WNOHANG) > 0) {
+    }
+    if (FCGX_Accept_r(&req) < 0) break;
     const cgi::Params params = ParamsOf(req.envp);
     crash.records.clear();
     AddRecord(&crash.records, 6, req.requestId, cgi::BusyAnswer(params));  // FCGI_STDOUT
     AddRecord(&crash.records, 6, req.requestId, "");
     AddRecord(&crash.records, 3, req.requestId, std::string(8, '\0'));  // FCGI_END_REQUEST, complete
     crash.fd = req.ipcFd;
-    responder.Answer(
+    const bool handed = responder.Answer(
         params,
         [&req](const char* p, size_t n) {
           crash.fd = -1;
           return FCGX_PutStr(p, static_cast<int>(n), req.out) == static_cast<int>(n);
         },
-        {listenfd, req.ipcFd});
+        {listenfd, req.ipcFd}, [&req] { FCGX_Finish_r(&req); });
     crash.fd = -1;
-    FCGX_Finish_r(&req);
+    if (handed) {
+      // Its own process answers it and ends it: let go without a word.
+      FCGX_Free(&req, 0);
+      close(req.ipcFd);
+      req.ipcFd = -1;
+    } else {
+      FCGX_Finish_r(&req);
+    }
     if (Responder::Resident() > kMaxResident) return 0;
   }
   return 0;
 }
 
 // Keeps `count` workers running until told to stop.
-int Supervise(int count, int listenfd, Handover* handover) {
+int Supervise(int count, int listenfd, const std::string& root, Handover* handover) {
+  // As many conversions at once as workers but one; four times the workers
+  // waiting for them.
+  Slots slots;
+  slots.Open(count - 1, 4 * count);
   sigset_t signals, old;
   sigemptyset(&signals);
   for (int s : {SIGCHLD, SIGTERM, SIGINT, SIGHUP}) sigaddset(&signals, s);
@@ -118,7 +133,7 @@ int Supervise(int count, int listenfd, Handover* handover) {
       sigprocmask(SIG_SETMASK, &old, nullptr);
       prctl(PR_SET_PDEATHSIG, SIGTERM);
       if (getppid() != self) _exit(0);
-      _exit(Work(listenfd, handover));
+      _exit(Work(listenfd, root, handover, &slots));
     }
     if (pid > 0) workers[pid] = time(nullptr);
   };
@@ -167,18 +182,23 @@ constexpr char kUsage[] =
     "Options:\n"
     "  -w, --workers N          workers answering at once (default: 2 per CPU, at\n"
     "                           least 4; or KOVATHUMB_FCGI_WORKERS)\n"
-    "  -s, --socket PATH        listen on this Unix socket instead\n"
+    "  -s, --socket PATH        listen on this Unix socket instead, which only we\n"
+    "                           may use (mode 0600)\n"
+    "  -u, --socket-user USER   ... and USER, the web server's (its owner)\n"
     "  -h, --help               print this help and exit\n"
     "  -V, --version            print the version and exit\n"
     "\n"
     "Environment:\n"
-    "  KOVATHUMB_ROOT           the directory the paths are under (required; or a\n"
-    "                           per-request parameter)\n"
+    "  KOVATHUMB_ROOT           the directory the paths are under (required; a\n"
+    "                           request's own parameter of that name is ignored)\n"
     "  KOVATHUMB_SENDFILE_DIR   a directory of ours nobody else may write: stored\n"
     "                           thumbnails are copied there and handed to the web\n"
     "                           server with X-Sendfile (its \"x-sendfile-docroot\");\n"
     "                           without it they are sent through the socket (a\n"
-    "                           single CGI request leaves its copy there)\n"
+    "                           single CGI request leaves its copy there); they\n"
+    "                           take at most 4 x KOVATHUMB_MAX_THUMB_BYTES\n"
+    "  KOVATHUMB_MAX_THUMB_BYTES  a stored file larger than this (default 16 MiB)\n"
+    "                           is no thumbnail: never sent, copied or held\n"
     "  KOVATHUMB_LOG_STDERR=1   also write the library's log lines to standard error\n"
     "\n"
     "Requests: as kovathumb-cgi --help says.\n";
@@ -197,7 +217,7 @@ int main(int argc, char** argv) {
   const char* env = getenv("KOVATHUMB_FCGI_WORKERS");
   long cpus = sysconf(_SC_NPROCESSORS_ONLN);
   int workers = env != nullptr ? atoi(env) : static_cast<int>(cpus > 2 ? 2 * cpus : 4);
-  std::string socketPath;
+  std::string socketPath, socketUser;
   for (int i = 1; i < argc; ++i) {
     const std::string arg = argv[i];
     if (arg == "--version" || arg == "-V") {
@@ -209,6 +229,8 @@ int main(int argc, char** argv) {
       workers = atoi(argv[++i]);
     } else if ((arg == "--socket" || arg == "-s") && i + 1 < argc) {
       socketPath = argv[++i];
+    } else if ((arg == "--socket-user" || arg == "-u") && i + 1 < argc) {
+      socketUser = argv[++i];
     } else {
       return fcgi::Usage(false);
     }
@@ -224,21 +246,33 @@ int main(int argc, char** argv) {
       return 1;
     }
   }
+  // The administrator's root; a request never names another.
+  const char* rootVar = getenv("KOVATHUMB_ROOT");
+  const std::string root = rootVar != nullptr ? rootVar : "";
   FCGX_Init();
   int listenfd = 0;
   if (!socketPath.empty()) {
+    struct passwd* user = socketUser.empty() ? nullptr : getpwnam(socketUser.c_str());
+    if (!socketUser.empty() && user == nullptr) {
+      fprintf(stderr, "kovathumb-fcgi: no user %s\n", socketUser.c_str());
+      return 1;
+    }
+    // Made with no access but ours, so nobody connects before it is the
+    // web server's.
+    const mode_t mask = umask(0177);
     listenfd = FCGX_OpenSocket(socketPath.c_str(), 128);
-    if (listenfd < 0) {
+    umask(mask);
+    if (listenfd < 0 || (user != nullptr && chown(socketPath.c_str(), user->pw_uid, static_cast<gid_t>(-1)) != 0)) {
       fprintf(stderr, "kovathumb-fcgi: cannot listen on %s\n", socketPath.c_str());
       return 1;
     }
   } else if (FCGX_IsCGI()) {
     // No socket: one CGI request, answered the same way.
     kovathumb::tool::LimitAddressSpace();
-    const int out = dup(1);
-    fcgi::Responder responder(&handover);
+    fcgi::Slots none;
+    fcgi::Responder responder(root, &handover, &none);
     responder.Answer(kovathumb::cgi::ParamsFromEnvironment(),
-                     [out](const char* p, size_t n) { return kovathumb::tool::WriteAll(out, p, n); });
+                     [](const char* p, size_t n) { return kovathumb::tool::WriteAll(1, p, n); });
     return 0;
   } else {
     // Started by the web server on its socket: we serve nobody once it is
@@ -247,5 +281,5 @@ int main(int argc, char** argv) {
     prctl(PR_SET_PDEATHSIG, SIGTERM);
     if (getppid() != server) return 0;
   }
-  return fcgi::Supervise(workers, listenfd, &handover);
+  return fcgi::Supervise(workers, listenfd, root, &handover);
 }

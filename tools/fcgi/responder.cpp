@@ -4,17 +4,22 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <stdio.h>
-#include <stdlib.h>
 #include <string.h>
 #include <sys/mman.h>
-#include <sys/resource.h>
+#include <sys/random.h>
 #include <sys/sendfile.h>
+#include <signal.h>
 #include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <utility>
+#include <vector>
+
 #include "front_end/send.h"
 #include "front_end/watchdog.h"
+#include "kovaplatform/kovaplatform.h"
 #include "kovathumb/thumb.h"
 
 namespace kovathumb {
@@ -31,11 +36,30 @@ std::string CopyName(const struct stat& st) {
   return name;
 }
 
-// The header block's end (the empty line) of a response, or npos.
-size_t HeadEnd(const std::string& head) {
-  const size_t end = head.find("\r\n\r\n");
-  return end == std::string::npos ? end : end + 2;
+bool SameFile(const struct stat& a, const struct stat& b) {
+  return a.st_dev == b.st_dev && a.st_ino == b.st_ino && a.st_size == b.st_size &&
+         a.st_mtim.tv_sec == b.st_mtim.tv_sec && a.st_mtim.tv_nsec == b.st_mtim.tv_nsec &&
+         a.st_ctim.tv_sec == b.st_ctim.tv_sec && a.st_ctim.tv_nsec == b.st_ctim.tv_nsec;
 }
+
+// A file of ours, without a name until it is complete; where the file
+// system cannot, a name no other process, before or after a restart, makes.
+int Unnamed(int dir, std::string* temp) {
+  const int fd = openat(dir, ".", O_TMPFILE | O_WRONLY | O_CLOEXEC, 0600);
+  if (fd >= 0 || (errno != EOPNOTSUPP && errno != EISDIR)) return fd;
+  unsigned long long random[2];
+  if (getrandom(random, sizeof random, 0) != sizeof random) return -1;
+  char name[64];
+  snprintf(name, sizeof name, ".%016llx%016llx", random[0], random[1]);
+  *temp = name;
+  return openat(dir, name, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
+}
+
+struct Copied {
+  std::string name;
+  long long size;
+  time_t mtime;
+};
 
 }  // namespace
 
@@ -55,38 +79,68 @@ bool Handover::Open(const std::string& dir, std::string* error) {
   return false;
 }
 
-std::string Handover::Copy(int from, off_t offset, size_t size, const struct stat& checked) {
-  // Bytes of another length than the file has now are not the file: a name
-  // of their own, never handed out again.
-  const bool whole = static_cast<size_t>(checked.st_size) == size;
-  const std::string name = whole ? CopyName(checked) : "once-" + std::to_string(getpid()) + "-" + std::to_string(++made_);
-  if (whole) {
-    const int fd = openat(fd_, name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
-    struct stat st;
-    if (fd >= 0 && fstat(fd, &st) == 0 && S_ISREG(st.st_mode) && static_cast<size_t>(st.st_size) == size) {
-      // Handed over again: kept from the sweep for another while.
-      if (time(nullptr) - st.st_mtime > kKeptSeconds / 4) futimens(fd, nullptr);
-      close(fd);
-      return dir_ + "/" + name;
-    }
-    if (fd >= 0) close(fd);
+long long Handover::Bound() { return 4 * KOVAMaxThumbBytes(); }
+
+std::string Handover::Copy(const ThumbAnswer& answer) {
+  const struct stat& before = answer.st;  // taken before anything was read
+  if (!answer.stored || before.st_size > KOVAMaxThumbBytes()) return std::string();
+  const std::string name = CopyName(before);
+  const int fd = openat(fd_, name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+  struct stat st;
+  if (fd >= 0 && fstat(fd, &st) == 0 && S_ISREG(st.st_mode) && st.st_size == before.st_size) {
+    // Handed over again: kept from the sweep for another while.
+    if (time(nullptr) - st.st_mtime > kKeptSeconds / 4) futimens(fd, nullptr);
+    close(fd);
+    return dir_ + "/" + name;
   }
-  // Made whole under a name of this process's, then put in place at once.
-  const std::string temp = "." + std::to_string(getpid()) + "-" + std::to_string(++made_);
-  const int to = openat(fd_, temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
+  if (fd >= 0) close(fd);
+  MakeRoom(before.st_size);
+  std::string temp;
+  const int to = Unnamed(fd_, &temp);
   if (to < 0) return std::string();
-  while (size > 0) {
-    const ssize_t n = sendfile(to, from, &offset, size);
+  off_t offset = 0;
+  while (offset < before.st_size) {
+    const ssize_t n = sendfile(to, answer.fd, &offset, static_cast<size_t>(before.st_size - offset));
     if (n < 0 && errno == EINTR) continue;
     if (n <= 0) break;
-    size -= static_cast<size_t>(n);
+  }
+  // Bytes of a file that changed while they were read are no copy of it.
+  struct stat after;
+  bool ok = offset == before.st_size && fstat(answer.fd, &after) == 0 && SameFile(before, after);
+  if (ok && temp.empty()) {
+    // Another worker may have put the same file in place meanwhile.
+    ok = linkat(AT_FDCWD, ("/proc/self/fd/" + std::to_string(to)).c_str(), fd_, name.c_str(), AT_SYMLINK_FOLLOW) == 0 ||
+         errno == EEXIST;
+  } else if (ok) {
+    ok = renameat(fd_, temp.c_str(), fd_, name.c_str()) == 0;
   }
   close(to);
-  if (size != 0 || renameat(fd_, temp.c_str(), fd_, name.c_str()) != 0) {
-    unlinkat(fd_, temp.c_str(), 0);
-    return std::string();
+  if (!temp.empty()) unlinkat(fd_, temp.c_str(), 0);
+  return ok ? dir_ + "/" + name : std::string();
+}
+
+void Handover::MakeRoom(long long size) {
+  const int fd = dup(fd_);
+  DIR* d = fd < 0 ? nullptr : fdopendir(fd);
+  if (d == nullptr) {
+    if (fd >= 0) close(fd);
+    return;
   }
-  return dir_ + "/" + name;
+  std::vector<Copied> copies;
+  long long total = size;
+  while (const struct dirent* e = readdir(d)) {
+    struct stat st;
+    if (e->d_name[0] != '.' && fstatat(fd_, e->d_name, &st, AT_SYMLINK_NOFOLLOW) == 0) {
+      copies.push_back({e->d_name, static_cast<long long>(st.st_blocks) * 512, st.st_mtime});
+      total += copies.back().size;
+    }
+  }
+  closedir(d);
+  std::sort(copies.begin(), copies.end(), [](const Copied& a, const Copied& b) { return a.mtime < b.mtime; });
+  for (const Copied& c : copies) {
+    if (total <= Bound()) break;
+    if (unlinkat(fd_, c.name.c_str(), 0) == 0) total -= c.size;
+  }
 }
 
 void Handover::Sweep(int seconds) {
@@ -107,139 +161,133 @@ void Handover::Sweep(int seconds) {
   closedir(d);
 }
 
-Responder::Responder(Handover* handover) : handover_(handover) {
-  fflush(stdout);
-  out_ = memfd_create("kovathumb-fcgi-response", MFD_CLOEXEC);
-  if (out_ < 0 || dup2(out_, 1) < 0) {
-    perror("kovathumb-fcgi: memfd");
-    exit(1);
-  }
+bool Slots::Open(int running, int waiting) {
+  fd_ = memfd_create("kovathumb-fcgi-conversions", MFD_CLOEXEC);
+  running_ = std::max(1, running);
+  waiting_ = std::max(1, waiting);
+  return fd_ >= 0;
 }
+
+bool Slots::Lock(int at, bool wait) {
+  struct flock lock = {};
+  lock.l_type = F_WRLCK;
+  lock.l_whence = SEEK_SET;
+  lock.l_start = at;
+  lock.l_len = 1;
+  return fcntl(fd_, wait ? F_SETLKW : F_SETLK, &lock) == 0;
+}
+
+bool Slots::Queue() {
+  for (int i = 0; fd_ >= 0 && i < waiting_; ++i) {
+    if (Lock(running_ + i, false)) return true;
+  }
+  return fd_ < 0;
+}
+
+bool Slots::Take() {
+  for (int i = 0; fd_ >= 0 && i < running_; ++i) {
+    if (Lock(i, false)) return true;
+  }
+  // All taken: wait for one of them.
+  return fd_ < 0 || Lock(static_cast<int>(getpid() % running_), true);
+}
+
+Responder::Responder(const std::string& root, Handover* handover, Slots* slots)
+    : root_(root), handover_(handover), slots_(slots) {}
 
 size_t Responder::Resident() {
-  // The peak: what the worker once took it keeps, as far as the system sees.
-  struct rusage usage;
-  return getrusage(RUSAGE_SELF, &usage) == 0 ? static_cast<size_t>(usage.ru_maxrss) * 1024 : 0;
+  // What the worker holds now, not what it once held: read by position
+  // from one descriptor, opened by the worker itself.
+  static const int statm = open("/proc/self/statm", O_RDONLY | O_CLOEXEC);
+  char buf[128];
+  const ssize_t n = statm < 0 ? -1 : pread(statm, buf, sizeof buf - 1, 0);
+  if (n <= 0) return 0;
+  buf[n] = '\0';
+  unsigned long size = 0, resident = 0;
+  if (sscanf(buf, "%lu %lu", &size, &resident) != 2) return 0;
+  return resident * static_cast<size_t>(sysconf(_SC_PAGESIZE));
 }
 
-// The library reads the method and the validators from the environment.
-// putenv, not setenv: glibc keeps every value setenv was ever given. A
-// buffer the environment names is freed only once it names the next one.
-void Responder::Environ(const cgi::Params& params) {
-  static const char* const kNames[] = {"REQUEST_METHOD", "HTTP_IF_NONE_MATCH", "HTTP_IF_MODIFIED_SINCE"};
-  for (size_t i = 0; i < 3; ++i) {
-    const auto it = params.find(kNames[i]);
-    if (it == params.end()) {
-      unsetenv(kNames[i]);
-      continue;
-    }
-    const std::string entry = std::string(kNames[i]) + "=" + it->second;
-    std::vector<char> next(entry.c_str(), entry.c_str() + entry.size() + 1);
-    putenv(next.data());
-    env_[i] = std::move(next);
-  }
+int Responder::OwnSeconds() {
+  // A probe takes milliseconds; a worker's part is a small share of a child's.
+  return std::max(1, std::min(5, tool::WallSeconds() / 4));
 }
 
-void Responder::Rewind() {
-  fflush(stdout);
-  if (ftruncate(out_, 0) != 0) perror("kovathumb-fcgi: ftruncate");
-  fseek(stdout, 0, SEEK_SET);
-}
-
-bool Responder::Forward(off_t from, off_t to, const Sink& sink) {
-  static char buf[65536];
-  while (from < to) {
-    const ssize_t n = pread(out_, buf, static_cast<size_t>(std::min<off_t>(to - from, sizeof buf)), from);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0 || !sink(buf, static_cast<size_t>(n))) return false;
-    from += n;
-  }
+bool Responder::Send(Thumb& thumb, const cgi::Params& params, const Sink& sink, bool handOver) {
+  ThumbAnswer answer;
+  if (!thumb.Answer(&answer)) return false;
+  Handover* handover = handOver && handover_ != nullptr && handover_->IsOpen() ? handover_ : nullptr;
+  tool::SendAnswer(
+      answer, cgi::ValidatorsOf(params),
+      [handover](const ThumbAnswer& a) { return handover != nullptr ? handover->Copy(a) : std::string(); }, sink);
+  if (answer.remove) thumb.DeleteOutputFile();
   return true;
 }
 
 // In this process, no conversion allowed: the library's chain finds what
-// is stored (or an embedded preview, or the source itself) exactly as it
-// would with conversions allowed, since converting comes after those. A
-// request that would convert answers nothing here and goes to a child.
+// is stored exactly as it would with conversions allowed, since converting
+// comes after that. A request that would convert answers nothing here and
+// goes to a child.
 bool Responder::AnswerStored(const cgi::Params& params, const cgi::Checked& checked, const Sink& sink) {
   const cgi::Request& req = checked.request;
-  tool::Wanted wanted;
-  wanted.size = req.size;
-  wanted.width = static_cast<int>(req.width);
-  wanted.height = static_cast<int>(req.height);
-  wanted.fallback = req.fallback;
-  std::string type;
-  struct stat file;  // the output file as it stands now that it was read
-  bool held = false;
   try {
     Thumb thumb(checked.pinned.Path(), req.options | kThumbOptNoOnline | kThumbOptStoredOnly, false);
     thumb.Rotate(req.rotate);
-    tool::SendThumbnail(thumb, wanted, true);
-    if (thumb.GetOutputFile().empty()) return false;
-    type = thumb.GetOutputType();
-    held = thumb.GetOutputDescriptor() >= 0 && fstat(thumb.GetOutputDescriptor(), &file) == 0;
+    return tool::ChooseThumbnail(thumb, cgi::WantedOf(req)) && Send(thumb, params, sink, true);
   } catch (const std::exception&) {
     return false;  // the child answers, and logs, as the CGI does
   }
-  fflush(stdout);
-  const off_t size = lseek(out_, 0, SEEK_END);
-  char buf[4096];
-  const ssize_t got = pread(out_, buf, sizeof buf, 0);
-  std::string head(buf, got > 0 ? static_cast<size_t>(got) : 0);
-  const size_t end = HeadEnd(head);
-  head.resize(std::min(end, head.size()));
-  // Only a stored thumbnail's body, sent whole (no error, no 304, no HEAD,
-  // no turn through jpegtran) is handed over.
-  const bool stored = type == "Pictavo" || type == "Dossiva" || type == "Cinevo";
-  if (handover_ != nullptr && handover_->IsOpen() && stored && held && end != std::string::npos &&
-      head.find("Status:") == std::string::npos && ("\r\n" + head).find("\r\nContent-Length: ") != std::string::npos &&
-      !cgi::IsHead(params) && (req.rotate & 3) == 0) {
-    const std::string path = handover_->Copy(out_, static_cast<off_t>(end + 2), static_cast<size_t>(size) - end - 2, file);
-    if (!path.empty()) {
-      // The server sends the file's length itself.
-      std::string out;
-      for (size_t at = 0; at < end;) {
-        const size_t eol = head.find("\r\n", at) + 2;
-        if (head.compare(at, 16, "Content-Length: ") != 0) out.append(head, at, eol - at);
-        at = eol;
-      }
-      out += "X-Sendfile: " + path + "\r\n\r\n";
-      sink(out.data(), out.size());
-      return true;
-    }
-  }
-  Forward(0, size, sink);
-  return true;
 }
 
-void Responder::Answer(const cgi::Params& params, const Sink& sink, std::initializer_list<int> sockets) {
-  Environ(params);
-  Rewind();
+void Responder::Convert(const cgi::Params& params, const cgi::Checked& checked, const Sink& sink,
+                        std::initializer_list<int> sockets) {
+  tool::RunBounded(
+      [&](int out) {
+        for (int fd : sockets) close(fd);
+        const Sink pipe = [out](const char* p, size_t n) { return tool::WriteAll(out, p, n); };
+        return cgi::Serve(params, checked, pipe, [&](Thumb& thumb) { return Send(thumb, params, pipe, false); });
+      },
+      cgi::BusyAnswer(params), cgi::FailedAnswer(params), sink);
+}
+
+bool Responder::Answer(const cgi::Params& params, const Sink& sink, std::initializer_list<int> sockets,
+                       const std::function<void()>& finish) {
   // A hang in this process ends it, and with it this request only: the
   // supervisor starts another worker.
-  alarm(static_cast<unsigned>(tool::WallSeconds()));
+  alarm(static_cast<unsigned>(OwnSeconds()));
   cgi::Checked checked;
-  const bool serve = cgi::Check(params, &checked);
-  if (serve && !checked.request.list && AnswerStored(params, checked, sink)) {
-    alarm(0);
-    return;
-  }
+  std::string text;
+  const bool serve = cgi::Check(params, root_, &checked, &text);
+  const bool answered = !serve || (!checked.request.list && AnswerStored(params, checked, sink));
   alarm(0);
-  if (serve) {
-    Rewind();
-    const pid_t self = getpid();
-    tool::RunBounded(
-        [&] {
-          if (getpid() != self) {  // not where no child could be made
-            for (int fd : sockets) close(fd);
-          }
-          return cgi::Serve(params, checked);
-        },
-        cgi::BusyAnswer(params), cgi::FailedAnswer(params), sink);
+  if (answered) {
+    sink(text.data(), text.size());
+    return false;
   }
-  // Check's answer, or the request's own where no child could be made.
-  fflush(stdout);
-  Forward(0, lseek(out_, 0, SEEK_END), sink);
+  const pid_t pid = finish ? fork() : -1;
+  if (pid > 0) return true;
+  if (pid == 0) {
+    // This request's own process: it waits its turn, within a request's
+    // wall time (the alarm interrupts the wait), and never for long
+    // behind too many others.
+    if (sockets.size() > 0) close(*sockets.begin());
+    struct sigaction wake = {};
+    wake.sa_handler = [](int) {};
+    sigaction(SIGALRM, &wake, nullptr);
+    alarm(static_cast<unsigned>(tool::WallSeconds()));
+    const bool turn = slots_->Queue() && slots_->Take();
+    alarm(0);
+    if (turn) {
+      Convert(params, checked, sink, sockets);
+    } else {
+      text = cgi::BusyAnswer(params);
+      sink(text.data(), text.size());
+    }
+    finish();
+    _exit(0);
+  }
+  Convert(params, checked, sink, sockets);
+  return false;
 }
 
 }  // namespace fcgi

@@ -1,5 +1,9 @@
 #include "front_end/send.h"
 
+#include <errno.h>
+#include <unistd.h>
+
+#include <algorithm>
 #include <cstdio>
 
 #include "kovathumb/thumb.h"
@@ -7,21 +11,37 @@
 namespace kovathumb {
 namespace tool {
 
+bool ChooseThumbnail(Thumb& thumb, const Wanted& wanted) {
+  // Output never falls back; CalcOutputFile(size) does where the option says.
+  if (!wanted.size.empty()) return !thumb.CalcOutputFile(wanted.size).empty();
+  if (wanted.edge > 0) return !thumb.CalcOutputFile(wanted.edge, wanted.edge).empty();
+  return !thumb.CalcOutputFile(wanted.width, wanted.height).empty();
+}
+
 bool SendThumbnail(Thumb& thumb, const Wanted& wanted, bool deleteIfNeeded) {
-  bool sent;
-  if (!wanted.size.empty() && wanted.fallback) {
-    // Output never falls back; the fallback overload chooses, then we send.
-    sent = !thumb.CalcOutputFile(wanted.size).empty() && thumb.HttpOutputFile(thumb.GetOutputMimeType());
-  } else if (!wanted.size.empty()) {
-    sent = thumb.Output(wanted.size) != 0;
-  } else if (wanted.edge > 0) {
-    sent = thumb.Output(wanted.edge) != 0;
-  } else {
-    sent = thumb.Output(wanted.width, wanted.height) != 0;
-  }
+  const bool sent = ChooseThumbnail(thumb, wanted) && thumb.HttpOutputFile(thumb.GetOutputMimeType());
   std::fflush(stdout);
   if (deleteIfNeeded && thumb.IsNeedDelete() && !thumb.GetOutputFile().empty()) thumb.DeleteOutputFile();
   return sent;
+}
+
+bool SendAnswer(const ThumbAnswer& answer, const Validators& validators,
+                const std::function<std::string(const ThumbAnswer&)>& handover, const Sink& sink) {
+  const bool body = !validators.head && !WebFileRelay::NotModified(answer.st, validators);
+  const std::string copy = body && handover ? handover(answer) : std::string();
+  const std::string head = "Cache-Control: " + answer.cache + "\r\n" +
+                           WebFileRelay::Head(answer.st, answer.name.c_str(), answer.mime.c_str(), validators, copy.c_str());
+  if (!sink(head.data(), head.size())) return false;
+  if (!body || !copy.empty()) return true;
+  // By position, in pieces: the file is never held whole.
+  char buf[65536];
+  for (off_t at = 0; at < answer.st.st_size;) {
+    const ssize_t n = pread(answer.fd, buf, static_cast<size_t>(std::min<off_t>(answer.st.st_size - at, sizeof buf)), at);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0 || !sink(buf, static_cast<size_t>(n))) return false;
+    at += n;
+  }
+  return true;
 }
 
 }  // namespace tool

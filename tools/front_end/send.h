@@ -1,13 +1,17 @@
-// Answering one thumbnail request on standard output, as `get` and the CGI
-// both do.
+// Answering one thumbnail request: on standard output, as `get` and the CGI
+// do, or as the library's answer value sent to a sink of the caller's.
 #ifndef KOVATHUMB_TOOLS_COMMON_SEND_H_
 #define KOVATHUMB_TOOLS_COMMON_SEND_H_
 
+#include <functional>
 #include <string>
+
+#include "kovaplatform/webfile_relay.h"
 
 namespace kovathumb {
 
 class Thumb;
+struct ThumbAnswer;
 
 namespace tool {
 
@@ -20,11 +24,27 @@ struct Wanted {
   bool fallback = false;  // a size name may fall back to smaller sizes
 };
 
+// Receives a response's bytes; false once nobody reads any more.
+using Sink = std::function<bool(const char*, size_t)>;
+// A request's method and validators.
+using Validators = WebFileRelay::Request;
+
+// Chooses the output for `wanted`; false when there is none.
+bool ChooseThumbnail(Thumb& thumb, const Wanted& wanted);
+
 // Chooses an output for `wanted`, sends it as a CGI response and flushes;
 // true when one was sent. With `deleteIfNeeded`, an output the library
 // marks for deletion is removed afterwards. GetOutputFile() stays set when an output was chosen,
 // so a caller can tell "nothing to send" from "sent, or a response failed".
 bool SendThumbnail(Thumb& thumb, const Wanted& wanted, bool deleteIfNeeded);
+
+// Sends `answer` to `sink` as a complete response to a request with
+// `validators`: a 304, the headers alone (HEAD), or the file. Where
+// `handover` names a copy for the web server to send (X-Sendfile), the body
+// is left to it; it is asked only when a body is due. True when all of it
+// went out.
+bool SendAnswer(const ThumbAnswer& answer, const Validators& validators,
+                const std::function<std::string(const ThumbAnswer&)>& handover, const Sink& sink);
 
 }  // namespace tool
 }  // namespace kovathumb

@@ -1,6 +1,7 @@
 #include "front_end/watchdog.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
 #include <stdio.h>
@@ -42,28 +43,32 @@ void LimitAddressSpace() {
 
 int RunBounded(const std::function<int()>& request, const std::string& timedOut,
                const std::string& failed) {
-  return RunBounded(request, timedOut, failed, [](const char* p, size_t n) { return WriteAll(1, p, n); });
+  return RunBounded(
+      [&request](int out) {
+        if (dup2(out, 1) < 0) return 1;
+        close(out);
+        const int status = request();
+        fflush(stdout);
+        return status;
+      },
+      timedOut, failed, [](const char* p, size_t n) { return WriteAll(1, p, n); });
 }
 
-int RunBounded(const std::function<int()>& request, const std::string& timedOut,
+int RunBounded(const std::function<int(int out)>& request, const std::string& timedOut,
                const std::string& failed, const std::function<bool(const char*, size_t)>& sink) {
   fflush(stdout);
-  int fds[2];
-  if (pipe(fds) != 0) return request();
-  const pid_t pid = fork();
+  int fds[2] = {-1, -1};
+  const pid_t pid = pipe2(fds, O_CLOEXEC) != 0 ? -1 : fork();
   if (pid < 0) {
-    close(fds[0]);
-    close(fds[1]);
-    return request();
+    // No child to be had: nothing unbounded runs here.
+    if (fds[0] >= 0) close(fds[0]), close(fds[1]);
+    sink(timedOut.data(), timedOut.size());
+    return 1;
   }
   if (pid == 0) {
     close(fds[0]);
-    if (dup2(fds[1], 1) < 0) _exit(1);
-    close(fds[1]);
     LimitAddressSpace();
-    const int status = request();
-    fflush(stdout);
-    _exit(status);
+    _exit(request(fds[1]));
   }
   close(fds[1]);
   const time_t deadline = time(nullptr) + KOVAChildWallSeconds();

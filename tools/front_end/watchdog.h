@@ -18,8 +18,9 @@ namespace tool {
 int RunBounded(const std::function<int()>& request, const std::string& timedOut,
                const std::string& failed);
 // The same, relaying to `sink` instead, which says false once nobody reads
-// any more.
-int RunBounded(const std::function<int()>& request, const std::string& timedOut,
+// any more, what `request` writes to the descriptor it is given (standard
+// output is left alone).
+int RunBounded(const std::function<int(int out)>& request, const std::string& timedOut,
                const std::string& failed, const std::function<bool(const char*, size_t)>& sink);
 
 // Writes all `n` bytes, going on after interruptions and short writes;
