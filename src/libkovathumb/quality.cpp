@@ -19,6 +19,7 @@
 #include "libkovathumb/pinned.h"
 #include "libkovathumb/quality.h"
 #include "libkovathumb/quality_tools.h"
+#include "quality/pipeline.h"
 #include "thumb_info/decisions.h"
 #include "thumb_info/thumb_info_access.h"
 #include "util/log.h"
@@ -83,6 +84,8 @@ bool Thumb::QualityOnline(const std::string* derived) {
     if (!internal::EncodeQualityJpeg(*qualityPixels_, *qualityWork_, name)) return Fail();
     return QualityStore(*qualityWork_, name);
   }
+  int piped = 0;
+  if (derived == nullptr && QualityPiped(nullptr, false, &piped)) return piped > 0 || Fail();
   if (derived != nullptr) {  // a larger thumbnail: already upright and in sRGB
     return QualityMake({*derived, internal::CoderFor(info_.GetOutputMimeType()), 0, false, 0});
   }
@@ -161,7 +164,7 @@ bool Thumb::QualityStore(const WorkDir& wd, const std::string& name) {
   }
   // A batch makes its next smaller size from this one.
   const std::string ext = info_.GetOutputExtension();
-  if (qualityWork_ != nullptr) qualityWork_->Link(name, "prev" + ext);
+  if (&wd == qualityWork_) qualityWork_->Link(name, "prev" + ext);
   if (!SaveTmpThumbToEA(wd.File(name))) return Fail();
   outputType_ = kThumbOutputDossiva;
   return true;
@@ -174,6 +177,7 @@ int Thumb::QualityConvert(std::vector<std::pair<std::string, ThumbDimension>> jo
     return uint64_t{a.second.width} * a.second.height > uint64_t{b.second.width} * b.second.height;
   });
   int made = 0;
+  if (QualityPiped(&jobs, named, &made)) return made;
   std::string lastName;
   bool lastMade = false;
   for (const auto& job : jobs) {
@@ -208,6 +212,73 @@ int Thumb::QualityConvert(std::vector<std::pair<std::string, ThumbDimension>> jo
     }
   }
   return made;
+}
+
+bool Thumb::QualityPiped(const std::vector<std::pair<std::string, ThumbDimension>>* jobs, bool named,
+                         int* made) {
+  // Sources with a decoder are made in one sandboxed child: one decode, each
+  // size from the next larger, no tool started. False leaves the source to
+  // the tools.
+  *made = 0;
+  std::vector<internal::PipelineSize> sizes;
+  std::vector<size_t> sizeOf;  // per job, its index in `sizes` or npos
+  internal::PipelineSource source;
+  const auto plan = [&]() {
+    const int* fd = internal::ThumbInfoAccess::SourceFd(info_);
+    if (!info_.IsGood() || fd == nullptr || info_.GetOutputMimeType() != kMimeJpeg) return false;
+    source = {*fd, info_.GetMimeType(), info_.GetWidth(), info_.GetHeight(), info_.GetRotate(), info_.GetFlop(),
+              info_.GetUserRotate()};
+    const internal::JpegFacts facts = source.mime == kMimeJpeg ? internal::ScanJpegFd(*fd) : internal::JpegFacts();
+    if (!internal::PipelineTakes(source.mime, facts)) return false;
+    const int turns = internal::TurnSum(source.rotate, source.userRotate);
+    std::vector<std::string> names;
+    for (size_t i = 0; i < (jobs != nullptr ? jobs->size() : 1); ++i) {
+      if (jobs != nullptr) SetSize((*jobs)[i].first, named ? strThumbSizeMap_.at((*jobs)[i].first) : (*jobs)[i].second);
+      sizeOf.push_back(std::string::npos);
+      if (internal::ServesOriginal(source.mime, kMimeJpeg, source.width, source.height, turns, source.flop,
+                                   info_.GetDimension())) {
+        continue;
+      }
+      const std::string name = GetOnlineOutputDest();
+      const auto same = std::find(names.begin(), names.end(), name);
+      if (same != names.end()) {  // "large" and "xlarge" share one file
+        sizeOf.back() = static_cast<size_t>(same - names.begin());
+        continue;
+      }
+      sizeOf.back() = sizes.size();
+      names.push_back(name);
+      sizes.push_back({"t" + std::to_string(sizes.size()) + ".jpg",
+                       internal::PlanThumb(source.width, source.height, turns, info_.GetDimension(),
+                                           info_.GetCropMode())});
+    }
+    return !sizes.empty();
+  };
+  try {
+    if (jobs != nullptr) ExtractForBatch();
+    if (!plan()) return false;
+  } catch (...) {
+    return false;  // the tools' path reports it
+  }
+  std::unique_ptr<WorkDir> wd(NewQualityWorkDir());
+  std::string why = "no work directory";
+  if (!wd->ok() || !internal::RunPipeline(source, &sizes, wd->fd(), &why)) {
+    KT_LOG("failed to make quality thumbnail of %s: %s", path_.c_str(), why.c_str());
+    return true;
+  }
+  bool stored = false;
+  for (size_t i = 0; i < sizeOf.size(); ++i) {
+    try {
+      if (jobs != nullptr) SetSize((*jobs)[i].first, named ? strThumbSizeMap_.at((*jobs)[i].first) : (*jobs)[i].second);
+      if (sizeOf[i] == std::string::npos || !sizes[sizeOf[i]].made) continue;
+      // A shared file is stored once and counts for each of its sizes.
+      if (i == 0 || sizeOf[i - 1] != sizeOf[i]) stored = QualityStore(*wd, sizes[sizeOf[i]].file);
+      *made += stored ? 1 : 0;
+    } catch (...) {
+      const internal::LogSite& at = named ? internal::site::kConvertSizes : internal::site::kConvertDimensions;
+      internal::LogError(at.file, at.line, "Convert", "Unknown Internal Error");
+    }
+  }
+  return true;
 }
 
 void Thumb::QualityRelease() {
