@@ -25,7 +25,9 @@ void OnError(j_common_ptr cinfo) { longjmp(reinterpret_cast<ErrorJump*>(cinfo->e
 
 JpegParams JpegParamsFor(uint32_t w, uint32_t h) {
   JpegParams p;
-  // Small tiles show colour edges at their own size: full chroma there,
+  // Larger sizes: 4:2:0 and a quality a step under cjpeg's 85 of old, with
+  // optimised Huffman tables: no more bytes, though the reduction keeps more
+  // detail. Small tiles show colour edges at their own size: full chroma there,
   // paid for with a lower quality that keeps their bytes where they were.
   if (w <= 160 && h <= 160) {
     p.quality = 80;

@@ -30,7 +30,7 @@ ThumbPlan PlanThumb(uint32_t w, uint32_t h, int turns, ThumbDimension box, bool 
 
 // How a thumbnail of `w` x `h` is encoded.
 struct JpegParams {
-  int quality = 85;
+  int quality = 84;
   bool fullChroma = false;  // 4:4:4; else 4:2:0
 };
 JpegParams JpegParamsFor(uint32_t w, uint32_t h);

@@ -80,7 +80,7 @@ TEST(PipelineTest, SmallTilesKeepFullChromaAtNoMoreBytes) {
     uint32_t w, h;
     int quality;
     bool fullChroma;
-  } rows[] = {{120, 90, 80, true}, {90, 120, 80, true}, {360, 270, 85, false}, {1280, 960, 85, false}};
+  } rows[] = {{120, 90, 80, true}, {90, 120, 80, true}, {360, 270, 84, false}, {1280, 960, 84, false}};
   for (const auto& r : rows) {
     const JpegParams p = JpegParamsFor(r.w, r.h);
     EXPECT_EQ(p.quality, r.quality) << r.w;
