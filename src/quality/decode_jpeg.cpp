@@ -24,6 +24,10 @@ namespace {
 // all its coefficients. More is refused, not swapped.
 constexpr long kMaxDecoderMemory = 256L << 20;
 
+// Progressive files have about ten scans; thousands of repeated ones are
+// an attack on time, refused as djpeg's -maxscans does.
+constexpr int kMaxScans = 100;
+
 struct ErrorJump {
   jpeg_error_mgr mgr;
   jmp_buf jump;
@@ -38,6 +42,14 @@ void OnError(j_common_ptr cinfo) {
 
 // Damaged data is decoded as far as it goes, as browsers show it.
 void OnMessage(j_common_ptr, int) {}
+
+void OnProgress(j_common_ptr cinfo) {
+  if (cinfo->is_decompressor && reinterpret_cast<j_decompress_ptr>(cinfo)->input_scan_number > kMaxScans) {
+    auto* e = reinterpret_cast<ErrorJump*>(cinfo->err);
+    snprintf(e->message, sizeof e->message, "more than %d scans", kMaxScans);
+    longjmp(e->jump, 1);
+  }
+}
 
 // Reads the descriptor from its start with pread, so the caller's offset
 // stays where it was.
@@ -104,6 +116,9 @@ bool DecodeJpeg(int fd, const DecodeRequest& request, Image* out, std::string* w
   }
   jpeg_create_decompress(&cinfo);
   cinfo.mem->max_memory_to_use = kMaxDecoderMemory;
+  jpeg_progress_mgr progress = {};
+  progress.progress_monitor = OnProgress;
+  cinfo.progress = &progress;
   src->fd = fd;
   src->offset = 0;
   src->mgr.init_source = InitSource;

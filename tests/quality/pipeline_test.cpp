@@ -198,6 +198,26 @@ TEST_F(JpegCodecTest, DecodesAtTheLeastEighthAsFarAsTheDataGoesWithinItsBound) {
   EXPECT_FALSE(why.empty());
 }
 
+TEST_F(JpegCodecTest, ThousandsOfRepeatedScansAreRefused) {
+  // A progressive file whose first scan comes 300 times.
+  ASSERT_TRUE(WritePpm(dir_ / "p.ppm", Pattern(64, 64, [](uint32_t x, uint32_t y) -> uint8_t { return x ^ y; })));
+  test::MustSh("cjpeg -progressive -outfile " + test::Quote(dir_ / "p.jpg") + " " + test::Quote(dir_ / "p.ppm"));
+  const std::string jpeg = test::ReadFile(dir_ / "p.jpg");
+  const size_t sos = jpeg.find("\xff\xda");
+  size_t end = sos + 2;
+  while ((end = jpeg.find('\xff', end + 1)) != std::string::npos && (jpeg[end + 1] == 0 || (jpeg[end + 1] & 0xF8) == 0xD0)) {
+  }
+  ASSERT_NE(end, std::string::npos);
+  std::string bomb = jpeg.substr(0, sos);
+  for (int i = 0; i < 300; ++i) bomb += jpeg.substr(sos, end - sos);
+  test::WriteFile(dir_ / "bomb.jpg", bomb + jpeg.substr(end));
+  Image img;
+  std::string why;
+  EXPECT_TRUE(DecodeJpeg(Open("p.jpg"), DecodeRequest(), &img, &why)) << why;
+  EXPECT_FALSE(DecodeJpeg(Open("bomb.jpg"), DecodeRequest(), &img, &why));
+  EXPECT_EQ(why, "more than 100 scans");
+}
+
 TEST_F(JpegCodecTest, OneChildMakesEverySizeAndRootTakesOnlyWhatItChecked) {
   PipelineSource source;
   source.fd = Write("src.jpg");
