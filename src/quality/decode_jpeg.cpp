@@ -20,9 +20,11 @@ namespace internal {
 
 namespace {
 
-// What libjpeg may allocate beyond the output rows: a progressive file keeps
-// all its coefficients. More is refused, not swapped.
-constexpr long kMaxDecoderMemory = 256L << 20;
+// What libjpeg may allocate besides the output rows: a progressive file
+// keeps all its coefficients (2 bytes each, up to 4 per pixel for CMYK),
+// whatever the scale. More is refused, not swapped.
+constexpr long kDecoderMemoryBase = 64L << 20;
+constexpr long kDecoderBytesPerPixel = 8;
 
 // Progressive files have about ten scans; thousands of repeated ones are
 // an attack on time, refused as djpeg's -maxscans does.
@@ -115,7 +117,7 @@ bool DecodeJpeg(int fd, const DecodeRequest& request, Image* out, std::string* w
     return false;
   }
   jpeg_create_decompress(&cinfo);
-  cinfo.mem->max_memory_to_use = kMaxDecoderMemory;
+  cinfo.mem->max_memory_to_use = kDecoderMemoryBase;
   jpeg_progress_mgr progress = {};
   progress.progress_monitor = OnProgress;
   cinfo.progress = &progress;
@@ -137,6 +139,8 @@ bool DecodeJpeg(int fd, const DecodeRequest& request, Image* out, std::string* w
     if (why != nullptr) *why = "too many pixels";
     return false;
   }
+  cinfo.mem->max_memory_to_use =
+      kDecoderMemoryBase + kDecoderBytesPerPixel * static_cast<long>(cinfo.image_width) * cinfo.image_height;
   const bool cmyk = cinfo.num_components == 4;
   if (cmyk) {
     cinfo.out_color_space = JCS_CMYK;  // libjpeg turns YCCK into CMYK
