@@ -113,10 +113,18 @@ int Blurred(const Pixels& p) {
 
 TEST(PipelineTest, ReductionIsFlatWhereFlatSharpAtEdgesAndDoesNotAlias) {
   const Pixels flat = Pattern(1000, 600, [](uint32_t, uint32_t) -> uint8_t { return 77; });
+  // Down, up, and from pictures narrower than the kernel.
   for (const ThumbDimension d : {ThumbDimension{333, 200}, ThumbDimension{120, 72}, ThumbDimension{1500, 900}}) {
     const Pixels r = Resize(flat, d.width, d.height);
     ASSERT_EQ(r.rgb.size(), size_t{d.width} * d.height * 3);
     EXPECT_TRUE(std::all_of(r.rgb.begin(), r.rgb.end(), [](uint8_t v) { return v == 77; })) << d.width;
+  }
+  for (const ThumbDimension d : {ThumbDimension{1, 1}, ThumbDimension{2, 3}, ThumbDimension{5, 7}}) {
+    const Pixels tiny = Pattern(d.width, d.height, [](uint32_t, uint32_t) -> uint8_t { return 77; });
+    for (const ThumbDimension to : {ThumbDimension{1, 1}, ThumbDimension{40, 3}, ThumbDimension{3, 90}}) {
+      const Pixels r = Resize(tiny, to.width, to.height);
+      EXPECT_TRUE(std::all_of(r.rgb.begin(), r.rgb.end(), [](uint8_t v) { return v == 77; })) << d.width;
+    }
   }
   // An edge between two columns stays within two samples.
   const Pixels edge = Pattern(901, 300, [](uint32_t x, uint32_t) -> uint8_t { return x < 451 ? 0 : 255; });
