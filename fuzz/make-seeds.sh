@@ -24,6 +24,12 @@ seed 3 2 "$t/a.tif" tif; seed 4 1 "$t/a.bmp" bmp; seed 8 1 "$t/a.heic" heic; see
 if [ -n "$make_dng" ]; then
   "$make_dng" "$t/a.dng" "$t/a.jpg" 64 48 && seed 5 1 "$t/a.dng" dng && seed 6 1 "$t/a.dng" cr2
 fi
+# The in-process JPEG path: a size byte, then baseline, progressive, grey and CMYK files.
+mkdir -p "$dir/jpeg"
+$C -size 64x48 gradient:red-blue -interlace JPEG "$t/p.jpg"
+$C -size 64x48 gradient:white-black -colorspace Gray "$t/g.jpg"
+$C -size 64x48 gradient:red-blue -colorspace CMYK "$t/c.jpg"
+for f in a p g c; do { printf "\\x$(printf %02x $((RANDOM % 256)))"; cat "$t/$f.jpg"; } > "$dir/jpeg/$f"; done
 rm -rf "$t"
 i=0
 for q in "path=album/a.jpg&size=big" "path=album%2Fa.jpg&w=100&h=50&rotate=-1" "path=../outside/secret.jpg&size=small" \

@@ -14,10 +14,10 @@ CC=clang CXX=clang++ cmake -S . -B "$B" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKOVA
   -DKOVATHUMB_BUILD_TESTS=OFF -DKOVATHUMB_BUILD_BENCH=OFF -DKOVATHUMB_BUILD_TOOLS=ON \
   "-DCMAKE_CXX_FLAGS=$flags" "-DCMAKE_SHARED_LINKER_FLAGS=-fsanitize=address,undefined" \
   "-DCMAKE_MODULE_LINKER_FLAGS=-fsanitize=address,undefined" >/dev/null
-cmake --build "$B" -j"$(nproc)" --target probe_fuzzer cgi_fuzzer kovathumb_heif >/dev/null
+cmake --build "$B" -j"$(nproc)" --target probe_fuzzer cgi_fuzzer jpeg_fuzzer kovathumb_heif >/dev/null
 g++ -O1 -I"$top/tests" "$top/tests/support/dng.cpp" "$top/tests/support/make_dng_main.cpp" -o "$B/make_dng"
-[ -d "$B/seeds/probe" ] || fuzz/make-seeds.sh "$B/seeds" "$B/make_dng"
-mkdir -p "$B/corpus/probe" "$B/corpus/cgi"
+[ -d "$B/seeds/jpeg" ] || fuzz/make-seeds.sh "$B/seeds" "$B/make_dng"
+mkdir -p "$B/corpus/probe" "$B/corpus/cgi" "$B/corpus/jpeg"
 # Findings are kept, one folder per run; the harnesses write only under a
 # private TMPDIR, removed at the end.
 found=$B/findings/$(date +%Y%m%d-%H%M%S)
@@ -28,9 +28,10 @@ trap 'rm -rf "$TMPDIR"' EXIT
 export ASAN_OPTIONS=detect_leaks=1
 export LSAN_OPTIONS=suppressions=$top/scripts/lsan.supp:print_suppressions=0
 # The probe must neither hang nor grow: a tool's limits are far beyond a probe's.
-declare -A limits=([probe]="-timeout=20 -rss_limit_mb=2048" [cgi]="-timeout=20 -rss_limit_mb=2048")
+declare -A limits=([probe]="-timeout=20 -rss_limit_mb=2048" [cgi]="-timeout=20 -rss_limit_mb=2048"
+                   [jpeg]="-timeout=20 -rss_limit_mb=2048")
 failed=()
-for h in probe cgi; do
+for h in probe cgi jpeg; do
   echo "fuzzing $h for ${secs}s"
   # shellcheck disable=SC2086
   if "$B/fuzz/${h}_fuzzer" -max_total_time="$secs" ${limits[$h]} -print_final_stats=1 \
@@ -41,6 +42,6 @@ for h in probe cgi; do
     failed+=("$h")
   fi
 done
-echo "fuzzing: $((2 - ${#failed[@]})) passed, ${#failed[@]} failed${failed:+ (${failed[*]}; inputs in $found)}"
+echo "fuzzing: $((3 - ${#failed[@]})) passed, ${#failed[@]} failed${failed:+ (${failed[*]}; inputs in $found)}"
 [ ${#failed[@]} -eq 0 ] && rmdir "$found" 2>/dev/null
 [ ${#failed[@]} -eq 0 ]

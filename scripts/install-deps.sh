@@ -6,7 +6,7 @@ exec 1>&2
 
 packages=(
   cmake g++ make pkg-config help2man
-  libexiv2-dev libheif-dev libcli11-dev nlohmann-json3-dev libgtest-dev
+  libexiv2-dev libheif-dev libjpeg62-turbo-dev libcli11-dev nlohmann-json3-dev libgtest-dev
   imagemagick libjpeg-turbo-progs dcraw colord-data
   exiv2 libheif-examples libimage-exiftool-perl libvips-tools
   lighttpd libfcgi-dev ffmpeg chromium curl

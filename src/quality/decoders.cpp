@@ -14,7 +14,7 @@ struct Row {
 
 // One row per type; filled as the decoders arrive.
 const Row kDecoders[] = {
-    {"", nullptr},
+    {"image/jpeg", DecodeJpeg},
 };
 
 }  // namespace

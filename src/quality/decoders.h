@@ -14,6 +14,9 @@ namespace internal {
 // offset); false with `why` when it cannot. Runs only inside the sandbox.
 using DecodeFn = bool (*)(int fd, const DecodeRequest& request, Image* out, std::string* why);
 
+// The decoders, by type.
+bool DecodeJpeg(int fd, const DecodeRequest& request, Image* out, std::string* why);
+
 // The decoder for a probed MIME type, or null.
 DecodeFn DecoderFor(const std::string& mime);
 
