@@ -253,6 +253,7 @@ void ThumbInfo::Read(bool facts, bool preview) {
     }
     if (code == kExivCannotOpen) throw Error(kErrorCannotOpen, text);
     if (code != kExivUnknownType) throw Error(kErrorCannotExamine, text);
+    if (facts && ProbeModern()) return;
     const std::string ext = file::GetFileExt(internal::BaseName(path_));
     if (ext == "heif" || ext == "heic" || (quality_ && ext == "hif")) {
       CheckAndGetHeif();
