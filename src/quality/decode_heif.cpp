@@ -7,6 +7,7 @@
 #include <memory>
 
 #include "quality/formats_module.h"
+#include "quality/heif_brands.h"
 #include "quality/source_bytes.h"
 
 namespace kovathumb {
@@ -56,6 +57,7 @@ extern "C" __attribute__((visibility("default"))) bool kovathumb_decode_heif(int
                                                                             Image* out, std::string* why) {
   std::vector<uint8_t> bytes;
   if (!ReadSource(fd, &bytes, why)) return false;
+  SequenceOnlyBrands(bytes.data(), bytes.size(), true);  // its primary image, then
   Owned<heif_context> ctx(heif_context_alloc());
   if (!ctx) return *why = "libheif: out of memory", false;
   heif_context_set_maximum_image_size_limit(ctx.get(), 1 << 16);

@@ -102,8 +102,8 @@ bool ReadCr3(const uint8_t* d, size_t n, Cr3* out) {
       out->orientation = static_cast<int>(TiffTag(d + at, end - at, 0x112));
     } else if (memcmp(type, "THMB", 4) == 0 && end - at >= 16) {
       AddPreview(d, at + 16, Be32(d + at + 8), end, Be16(d + at + 4), Be16(d + at + 6), out);
-    } else if (memcmp(type, "PRVW", 4) == 0 && end - at >= 18) {
-      AddPreview(d, at + 18, Be32(d + at + 14), end, Be16(d + at + 6), Be16(d + at + 8), out);
+    } else if (memcmp(type, "PRVW", 4) == 0 && end - at >= 16) {
+      AddPreview(d, at + 16, Be32(d + at + 12), end, Be16(d + at + 6), Be16(d + at + 8), out);
     }
   };
   Boxes(d, 0, n, 0, visit);
