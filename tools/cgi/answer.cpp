@@ -43,7 +43,10 @@ const char* TypeOf(const std::string& path) {
   if (ext == "gif") return "image/gif";
   if (ext == "bmp") return "image/bmp";
   if (ext == "tif" || ext == "tiff") return "image/tiff";
-  if (ext == "heic" || ext == "heif") return "image/heic";
+  if (ext == "heic" || ext == "heif" || ext == "hif") return "image/heic";
+  if (ext == "webp") return "image/webp";
+  if (ext == "avif") return "image/avif";
+  if (ext == "jxl") return "image/jxl";
   if (IsSupportVideo(path)) return "video";
   return "image/x-raw";
 }
@@ -140,7 +143,7 @@ bool Check(const Params& params, Checked* checked) {
   if (req.list) return true;
   const int status = Resolve(checked->root, req.path, &checked->pinned);
   if (status != 200) return AnswerText(params, status, status == 404 ? "no such file" : "refused"), false;
-  if (!IsSupportImage(req.path) && !IsSupportVideo(req.path)) {
+  if (!tool::IsWalkedFile(req.path, req.options & kThumbOptQuality)) {
     return AnswerText(params, 400, "not a photo or video"), false;
   }
   return true;

@@ -18,12 +18,12 @@ namespace tool {
 namespace {
 
 // Takes `fd`, a directory opened without following a link.
-void Walk(int fd, const std::string& prefix, std::vector<TreeFile>* files) {
+void Walk(int fd, const std::string& prefix, bool quality, std::vector<TreeFile>* files) {
   DIR* d = TakeDir(fd);
   if (d == nullptr) return;
   ForEachEntry(d, [&](const std::string& name, const struct stat& st, int sub) {
-    if (sub >= 0) Walk(sub, prefix + name + "/", files);
-    if (S_ISREG(st.st_mode) && (IsSupportImage(name) || IsSupportVideo(name))) {
+    if (sub >= 0) Walk(sub, prefix + name + "/", quality, files);
+    if (S_ISREG(st.st_mode) && IsWalkedFile(name, quality)) {
       files->push_back(TreeFile{prefix + name, st.st_size, st.st_mtime});
     }
   });
@@ -70,9 +70,13 @@ bool Inside(const std::string& path, const std::string& root) {
   return path == root || (path.compare(0, root.size(), root) == 0 && path[root.size()] == '/');
 }
 
-void WalkTree(const std::string& root, std::vector<TreeFile>* files) {
+bool IsWalkedFile(const std::string& name, bool quality) {
+  return (quality ? IsQualityImage(name) : IsSupportImage(name)) || IsSupportVideo(name);
+}
+
+void WalkTree(const std::string& root, std::vector<TreeFile>* files, bool quality) {
   const int fd = open(root.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  if (fd >= 0) Walk(fd, std::string(), files);
+  if (fd >= 0) Walk(fd, std::string(), quality, files);
 }
 
 }  // namespace tool

@@ -37,10 +37,15 @@ struct TreeFile {
   time_t mtime;
 };
 
-// Supported photos and videos beneath the trusted directory `root`, in name
-// order. Links are never followed, nor EA directories entered: anyone may
-// plant either, and nothing outside the tree is ever listed.
-void WalkTree(const std::string& root, std::vector<TreeFile>* files);
+// Whether a file of this name is thumbnailed: a video, or a photo of
+// quality mode's list (else the appliance's).
+bool IsWalkedFile(const std::string& name, bool quality);
+
+// Supported photos (quality mode's, else the appliance's) and videos
+// beneath the trusted directory `root`, in name order. Links are never
+// followed, nor EA directories entered: anyone may plant either, and nothing
+// outside the tree is ever listed.
+void WalkTree(const std::string& root, std::vector<TreeFile>* files, bool quality = true);
 
 }  // namespace tool
 }  // namespace kovathumb

@@ -60,7 +60,7 @@ int RunIndex(const IndexArgs& args) {
     while (dir.size() > 1 && dir.back() == '/') dir.pop_back();
     const std::string real = TreeRoot(dir);
     std::vector<TreeFile> found;
-    WalkTree(real, &found);
+    WalkTree(real, &found, !args.appliance);
     for (const TreeFile& f : found) files.push_back(FileJob{real, f.rel, dir + "/" + f.rel});
   }
 
