@@ -87,11 +87,11 @@ TEST(CorpusTest, ProbeAgreesWithExiv2AndQualityThumbnailsFit) {
 }
 
 // What the decoded picture of a file shows, measured in the sandbox where
-// decoders run: its size and mean sRGB colour; the decoder's reason when
-// there is none.
+// decoders run: its size, mean sRGB colour and the colours at the middle of
+// its left and right halves; the decoder's reason when there is none.
 struct Decoded {
   unsigned w = 0, h = 0;
-  int rgb[3] = {0, 0, 0};
+  int rgb[3] = {0, 0, 0}, left[3] = {0, 0, 0}, right[3] = {0, 0, 0};
   std::string why;
 };
 
@@ -117,8 +117,11 @@ Decoded Decode(const std::string& mime, const std::string& path, ThumbDimension 
       const double n = double(px.width) * px.height;
       text << px.width << " " << px.height << " " << std::lround(sum[0] / n) << " " << std::lround(sum[1] / n) << " "
            << std::lround(sum[2] / n);
+      for (uint32_t x : {px.width / 4, px.width * 3 / 4}) {
+        for (int c = 0; c < 3; ++c) text << " " << int(px.rgb[(size_t{px.height / 2} * px.width + x) * 3 + c]);
+      }
     } else {
-      text << "0 0 0 0 0 " << why;
+      text << "0 0 0 0 0 0 0 0 0 0 0 " << why;
     }
     const std::string t = text.str();
     return write(out, t.data(), t.size()) == ssize_t(t.size()) ? 0 : 1;
@@ -126,9 +129,78 @@ Decoded Decode(const std::string& mime, const std::string& path, ThumbDimension 
   close(fd);
   if (outcome != sandbox::kExited) return d.why = "decoder crashed or hung", d;
   std::istringstream in(reply);
-  in >> d.w >> d.h >> d.rgb[0] >> d.rgb[1] >> d.rgb[2];
+  in >> d.w >> d.h;
+  for (int* v : {d.rgb, d.left, d.right}) in >> v[0] >> v[1] >> v[2];
   std::getline(in >> std::ws, d.why);
   return d;
+}
+
+std::string Colour(const int* rgb) {
+  return std::to_string(rgb[0]) + "," + std::to_string(rgb[1]) + "," + std::to_string(rgb[2]);
+}
+
+// Where the corpus has none: HDR AVIFs in PQ and HLG (tone-mapped, not
+// shown flat), a wide-gamut AVIF by its code points, an animated WebP (its
+// first frame), a JPEG XL with alpha (on white). Each picture's left half
+// and right half are one colour each; `lo`..`hi` bound what each channel of
+// the decoded sRGB may be there.
+TEST(CorpusTest, MadeHdrWideGamutAnimatedAndTransparentSourcesDecodeInSrgb) {
+  test::TempDir dir;
+  const std::string im = "/usr/bin/convert ", halves = " -size 64x32 xc:'%s' -size 64x32 xc:'%s' +append -depth 16 ";
+  auto twoColours = [&](const std::string& a, const std::string& b, const std::string& out) {
+    char cmd[512];
+    const std::string type = a.rfind("rgba", 0) == 0 ? "+repage PNG64:" : "+repage PNG48:";  // never grey
+    snprintf(cmd, sizeof cmd, (im + halves + type + "%s").c_str(), a.c_str(), b.c_str(), Quote(out).c_str());
+    test::MustSh(cmd);
+  };
+  // PQ code values of 100 and 1000 nits, and HLG's 50 % and 100 %, as 16-bit grey.
+  twoColours("gray(50.808%)", "gray(75.183%)", dir / "pq.png");
+  twoColours("gray(50%)", "gray(100%)", dir / "hlg.png");
+  // Display P3's red and sRGB's red expressed in P3.
+  twoColours("rgb(255,0,0)", "rgb(234,51,35)", dir / "p3.png");
+  // Debian's heif-enc 1.15 writes its nclx box as 2/2/6 whatever its
+  // options say: the code points are set in the box it wrote. (Its aom
+  // asserts on 4:2:0 and 4:4:4 from a 16-bit PNG; 4:2:2 encodes.)
+  auto avif = [&](const std::string& png, int primaries, int transfer) {
+    const std::string out = png.substr(0, png.size() - 3) + "avif";
+    test::MustSh("heif-enc -b 10 -q 95 -p chroma=422 " + Quote(png) + " -o " + Quote(out) + " >/dev/null");
+    std::string bytes = test::ReadFile(out);
+    const size_t at = bytes.find("colrnclx");
+    ASSERT_NE(at, std::string::npos);
+    bytes[at + 9] = static_cast<char>(primaries);
+    bytes[at + 11] = static_cast<char>(transfer);
+    test::WriteFile(out, bytes);
+  };
+  avif(dir / "pq.png", 9, 16);
+  avif(dir / "hlg.png", 9, 18);
+  avif(dir / "p3.png", 12, 13);
+  test::MustSh(im + "-delay 10 -size 128x32 xc:red xc:blue " + Quote(dir / "anim.gif") + " && gif2webp -quiet " +
+               Quote(dir / "anim.gif") + " -o " + Quote(dir / "anim.webp"));
+  twoColours("rgba(0,0,255,0)", "rgba(0,0,255,1)", dir / "alpha.png");
+  test::MustSh("cjxl -d 0 " + Quote(dir / "alpha.png") + " " + Quote(dir / "alpha.jxl") + " >/dev/null 2>&1");
+  const struct {
+    const char* file;
+    const char* mime;
+    int lo[3], hi[3], rlo[3], rhi[3];  // left half, right half
+  } rows[] = {
+      // 100 nits: a midtone (flat would be 130); 1000 nits, the peak: white (flat would be 192).
+      {"pq.avif", "image/avif", {165, 165, 165}, {200, 200, 200}, {250, 250, 250}, {255, 255, 255}},
+      // HLG's 50 % is below diffuse white, 100 % its peak.
+      {"hlg.avif", "image/avif", {90, 90, 90}, {170, 170, 170}, {250, 250, 250}, {255, 255, 255}},
+      // P3's red is beyond sRGB: clipped to sRGB's red; sRGB's red stays itself.
+      {"p3.avif", "image/avif", {245, 0, 0}, {255, 20, 20}, {245, 0, 0}, {255, 20, 20}},
+      {"anim.webp", "image/webp", {250, 0, 0}, {255, 5, 5}, {250, 0, 0}, {255, 5, 5}},
+      {"alpha.jxl", "image/jxl", {250, 250, 250}, {255, 255, 255}, {0, 0, 250}, {5, 5, 255}},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.file);
+    const Decoded d = Decode(row.mime, dir / row.file, {0, 0});
+    ASSERT_EQ(std::to_string(d.w) + "x" + std::to_string(d.h) + d.why, "128x32");
+    for (int c = 0; c < 3; ++c) {
+      EXPECT_TRUE(d.left[c] >= row.lo[c] && d.left[c] <= row.hi[c]) << "left " << Colour(d.left);
+      EXPECT_TRUE(d.right[c] >= row.rlo[c] && d.right[c] <= row.rhi[c]) << "right " << Colour(d.right);
+    }
+  }
 }
 
 // The new types (WebP, AVIF, JPEG XL, CR3): what the probe says in quality
