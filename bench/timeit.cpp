@@ -1,7 +1,8 @@
 // kovathumb_timeit: runs a command repeatedly and prints one JSON line with
-// the median, fastest and slowest wall time and the peak resident memory of
-// the command's process tree (wait4 reports the largest of the process and
-// the children it waited for).
+// the median, fastest and slowest wall time, the median CPU time (user and
+// system of the process and the children it waited for) and the peak
+// resident memory of the command's process tree (wait4 reports the largest
+// of the process and the children it waited for).
 //
 //   kovathumb_timeit [-n RUNS] [-w WARMUP] [-s SETUP] -- CMD ARGS...
 //
@@ -27,7 +28,7 @@ double Now() {
   return ts.tv_sec * 1e3 + ts.tv_nsec / 1e6;
 }
 
-bool RunOnce(char** argv, double* ms, long* maxrssKb) {
+bool RunOnce(char** argv, double* ms, double* cpuMs, long* maxrssKb) {
   const double start = Now();
   pid_t pid = fork();
   if (pid == 0) {
@@ -41,6 +42,7 @@ bool RunOnce(char** argv, double* ms, long* maxrssKb) {
   wait4(pid, &status, 0, &ru);
   *ms = Now() - start;
   *maxrssKb = ru.ru_maxrss;
+  *cpuMs = ru.ru_utime.tv_sec * 1e3 + ru.ru_utime.tv_usec / 1e3 + ru.ru_stime.tv_sec * 1e3 + ru.ru_stime.tv_usec / 1e3;
   return WIFEXITED(status) && WEXITSTATUS(status) == 0;
 }
 
@@ -65,22 +67,26 @@ int main(int argc, char** argv) {
     }
   }
   if (i >= argc || runs < 1) return 2;
-  std::vector<double> times;
+  std::vector<double> times, cpus;
   long peak = 0;
   int failures = 0;
   for (int r = 0; r < warmup + runs; ++r) {
     if (!setup.empty() && std::system(setup.c_str()) != 0) return 1;
-    double ms = 0;
+    double ms = 0, cpu = 0;
     long rss = 0;
-    if (!RunOnce(argv + i, &ms, &rss)) ++failures;
+    if (!RunOnce(argv + i, &ms, &cpu, &rss)) ++failures;
     if (r < warmup) continue;
     times.push_back(ms);
+    cpus.push_back(cpu);
     peak = std::max(peak, rss);
   }
   std::sort(times.begin(), times.end());
+  std::sort(cpus.begin(), cpus.end());
   const size_t n = times.size();
-  const double median = n % 2 ? times[n / 2] : (times[n / 2 - 1] + times[n / 2]) / 2;
-  std::printf("{\"median_ms\":%.3f,\"min_ms\":%.3f,\"max_ms\":%.3f,\"maxrss_kb\":%ld,\"runs\":%zu,\"failures\":%d}\n",
-              median, times.front(), times.back(), peak, n, failures);
+  const auto median = [n](const std::vector<double>& v) { return n % 2 ? v[n / 2] : (v[n / 2 - 1] + v[n / 2]) / 2; };
+  std::printf(
+      "{\"median_ms\":%.3f,\"min_ms\":%.3f,\"max_ms\":%.3f,\"cpu_ms\":%.3f,\"maxrss_kb\":%ld,\"runs\":%zu,"
+      "\"failures\":%d}\n",
+      median(times), times.front(), times.back(), median(cpus), peak, n, failures);
   return failures ? 1 : 0;
 }

@@ -241,6 +241,8 @@ class KOVATHUMB_EXPORT Thumb {
   KOVATHUMB_LOCAL internal::QualityWorkDir* NewQualityWorkDir();
   KOVATHUMB_LOCAL bool QualityStore(const internal::QualityWorkDir& wd, const std::string& name);
   KOVATHUMB_LOCAL int QualityConvert(std::vector<std::pair<std::string, ThumbDimension>> jobs, bool named);
+  KOVATHUMB_LOCAL bool QualityPiped(const std::vector<std::pair<std::string, ThumbDimension>>* jobs, bool named,
+                                    int* made);
   KOVATHUMB_LOCAL void QualityRelease();
   bool quality_ = false;
   // The batch members' work directory and the last thumbnail made there,

@@ -19,6 +19,7 @@
 #include "libkovathumb/pinned.h"
 #include "libkovathumb/quality.h"
 #include "libkovathumb/quality_tools.h"
+#include "quality/pipeline.h"
 #include "thumb_info/decisions.h"
 #include "thumb_info/thumb_info_access.h"
 #include "util/log.h"
@@ -83,6 +84,8 @@ bool Thumb::QualityOnline(const std::string* derived) {
     if (!internal::EncodeQualityJpeg(*qualityPixels_, *qualityWork_, name)) return Fail();
     return QualityStore(*qualityWork_, name);
   }
+  int piped = 0;
+  if (derived == nullptr && QualityPiped(nullptr, false, &piped)) return piped > 0 || Fail();
   if (derived != nullptr) {  // a larger thumbnail: already upright and in sRGB
     return QualityMake({*derived, internal::CoderFor(info_.GetOutputMimeType()), 0, false, 0});
   }
@@ -161,7 +164,7 @@ bool Thumb::QualityStore(const WorkDir& wd, const std::string& name) {
   }
   // A batch makes its next smaller size from this one.
   const std::string ext = info_.GetOutputExtension();
-  if (qualityWork_ != nullptr) qualityWork_->Link(name, "prev" + ext);
+  if (&wd == qualityWork_ && wd.piped.empty()) qualityWork_->Link(name, "prev" + ext);
   if (!SaveTmpThumbToEA(wd.File(name))) return Fail();
   outputType_ = kThumbOutputDossiva;
   return true;
@@ -174,6 +177,7 @@ int Thumb::QualityConvert(std::vector<std::pair<std::string, ThumbDimension>> jo
     return uint64_t{a.second.width} * a.second.height > uint64_t{b.second.width} * b.second.height;
   });
   int made = 0;
+  if (QualityPiped(&jobs, named, &made)) return made;
   std::string lastName;
   bool lastMade = false;
   for (const auto& job : jobs) {
@@ -208,6 +212,142 @@ int Thumb::QualityConvert(std::vector<std::pair<std::string, ThumbDimension>> jo
     }
   }
   return made;
+}
+
+namespace {
+
+bool SamePlan(const internal::ThumbPlan& a, const internal::ThumbPlan& b) {
+  const auto same = [](ThumbDimension x, ThumbDimension y) { return x.width == y.width && x.height == y.height; };
+  return same(a.scaled, b.scaled) && same(a.cut, b.cut) && same(a.upright, b.upright);
+}
+
+// What a file was when its thumbnails were made, to tell it from a
+// replacement.
+std::string Stamp(int fd) {
+  struct stat64 st;
+  if (fstat64(fd, &st) != 0) return std::string();
+  return std::to_string(st.st_dev) + ":" + std::to_string(st.st_ino) + ":" + std::to_string(st.st_size) + ":" +
+         std::to_string(st.st_mtim.tv_sec) + "." + std::to_string(st.st_mtim.tv_nsec);
+}
+
+}  // namespace
+
+bool Thumb::QualityPiped(const std::vector<std::pair<std::string, ThumbDimension>>* jobs, bool named,
+                         int* made) {
+  // Sources with a decoder are made in one sandboxed child: one decode, each
+  // size from the next larger, no tool started. False leaves the source to
+  // the tools.
+  *made = 0;
+  const size_t count = jobs != nullptr ? jobs->size() : 1;
+  const auto setJob = [&](size_t i) {
+    if (jobs != nullptr) SetSize((*jobs)[i].first, named ? strThumbSizeMap_.at((*jobs)[i].first) : (*jobs)[i].second);
+  };
+  internal::PipelineSource source;
+  int turns = 0;
+  // Per job: the stored name and the plan, or no name when the source
+  // itself serves.
+  std::vector<std::pair<std::string, internal::ThumbPlan>> wants;
+  try {
+    if (jobs != nullptr) ExtractForBatch();
+    const int* fd = internal::ThumbInfoAccess::SourceFd(info_);
+    if (!info_.IsGood() || fd == nullptr || info_.GetOutputMimeType() != kMimeJpeg) return false;
+    source = {*fd, info_.GetMimeType(), info_.GetWidth(), info_.GetHeight(), info_.GetRotate(), info_.GetFlop(),
+              info_.GetUserRotate()};
+    const internal::JpegFacts facts = source.mime == kMimeJpeg ? internal::ScanJpegFd(*fd) : internal::JpegFacts();
+    if (!internal::PipelineTakes(source.mime, facts)) return false;
+    turns = internal::TurnSum(source.rotate, source.userRotate);
+    bool any = false;
+    for (size_t i = 0; i < count; ++i) {
+      setJob(i);
+      wants.emplace_back();
+      if (internal::ServesOriginal(source.mime, kMimeJpeg, source.width, source.height, turns, source.flop,
+                                   info_.GetDimension())) {
+        continue;
+      }
+      wants.back() = {GetOnlineOutputDest(), internal::PlanThumb(source.width, source.height, turns,
+                                                                 info_.GetDimension(), info_.GetCropMode())};
+      any = true;
+    }
+    if (!any) return false;  // the tools' path answers with the source
+  } catch (...) {
+    return false;  // the tools' path reports it
+  }
+
+  // A batch keeps what it made across calls: front ends ask one size at a
+  // time, largest first.
+  std::unique_ptr<WorkDir> local;
+  if (jobs != nullptr && qualityWork_ == nullptr) qualityWork_ = NewQualityWorkDir();
+  if (jobs == nullptr) local.reset(NewQualityWorkDir());
+  WorkDir& wd = jobs != nullptr ? *qualityWork_ : *local;
+  if (!wd.ok()) return Fail();
+  const std::string stamp = Stamp(source.fd);
+  if (stamp != wd.pipedSource) {
+    for (const WorkDir::Piped& p : wd.piped) {
+      if (p.storedAs.empty()) wd.Drop(p.file);
+    }
+    wd.piped.clear();
+    wd.pipedSource = stamp;
+  }
+  const auto find = [&](const std::string& name, const internal::ThumbPlan& plan) -> WorkDir::Piped* {
+    WorkDir::Piped* free = nullptr;
+    for (WorkDir::Piped& p : wd.piped) {
+      if (!SamePlan(p.plan, plan)) continue;
+      if (p.storedAs == name) return &p;
+      if (p.storedAs.empty()) free = &p;
+    }
+    return free;
+  };
+  std::vector<internal::PipelineSize> todo;
+  const auto plan = [&](const internal::ThumbPlan& p) {
+    for (const internal::PipelineSize& t : todo) {
+      if (SamePlan(t.plan, p)) return;
+    }
+    todo.push_back({"t" + std::to_string(wd.piped.size() + todo.size()) + ".jpg", p});
+  };
+  uint64_t largest = 0;
+  for (const auto& want : wants) {
+    if (want.first.empty() || find(want.first, want.second) != nullptr) continue;
+    plan(want.second);
+    largest = std::max(largest, uint64_t{want.second.scaled.width} * want.second.scaled.height);
+  }
+  if (!todo.empty() && jobs != nullptr && named) {
+    // The smaller named sizes cost little beside the decode: made now, in
+    // case they are asked for next.
+    for (const char* size : kConvertibleSizes) {
+      const ThumbDimension box = strThumbSizeMap_.at(size);
+      const internal::ThumbPlan p = internal::PlanThumb(source.width, source.height, turns, box, info_.GetCropMode());
+      const bool served =
+          internal::ServesOriginal(source.mime, kMimeJpeg, source.width, source.height, turns, source.flop, box);
+      if (!served && uint64_t{p.scaled.width} * p.scaled.height <= largest && find("", p) == nullptr) plan(p);
+    }
+  }
+  if (!todo.empty()) {
+    std::string why;
+    if (!internal::RunPipeline(source, &todo, wd.fd(), &why)) {
+      KT_LOG("failed to make quality thumbnail of %s: %s", path_.c_str(), why.c_str());
+    }
+    for (const internal::PipelineSize& t : todo) {
+      if (t.made) wd.piped.push_back({t.file, t.plan, std::string()});
+    }
+  }
+  for (size_t i = 0; i < count; ++i) {
+    try {
+      if (wants[i].first.empty()) continue;
+      setJob(i);
+      WorkDir::Piped* p = find(wants[i].first, wants[i].second);
+      if (p == nullptr) continue;
+      // "large" and "xlarge" share one file: stored once, made for both.
+      if (p->storedAs.empty()) {
+        if (!QualityStore(wd, p->file)) continue;
+        p->storedAs = wants[i].first;
+      }
+      ++*made;
+    } catch (...) {
+      const internal::LogSite& at = named ? internal::site::kConvertSizes : internal::site::kConvertDimensions;
+      internal::LogError(at.file, at.line, "Convert", "Unknown Internal Error");
+    }
+  }
+  return true;
 }
 
 void Thumb::QualityRelease() {

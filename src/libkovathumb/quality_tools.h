@@ -13,6 +13,7 @@
 #include "kovathumb/thumb_info.h"
 #include "libkovathumb/quality.h"
 #include "libkovathumb/thumb_shared.h"
+#include "quality/pipeline.h"
 #include "util/safe_fs.h"
 
 namespace kovathumb {
@@ -44,11 +45,24 @@ class QualityWorkDir {
     safe_fs::Fd f = safe_fs::OpenRegularAt(dir_.fd(), name, &st);
     return f.valid() && st.st_size > 0;
   }
+  // Removes `name` here.
+  void Drop(const std::string& name) const { unlinkat(dir_.fd(), name.c_str(), 0); }
   // A second name for `from`, replacing `to`.
   bool Link(const std::string& from, const std::string& to) const {
     unlinkat(dir_.fd(), to.c_str(), 0);
     return linkat(dir_.fd(), from.c_str(), dir_.fd(), to.c_str(), 0) == 0;
   }
+
+  // What the pipeline made here for the source stamped `pipedSource`, kept
+  // for the sizes a batch asks for next: each file is made once, and stored
+  // (moved) once.
+  struct Piped {
+    std::string file;
+    ThumbPlan plan;
+    std::string storedAs;  // the name it went to; empty while it is here
+  };
+  std::vector<Piped> piped;
+  std::string pipedSource;
 
  private:
   safe_fs::PrivateDir dir_;

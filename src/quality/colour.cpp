@@ -202,7 +202,7 @@ bool ViaIcc(const Image& in, int colourChannels, Pixels* out) {
   } else if (space == cmsSigGrayData && colourChannels == 1) {
     type = TYPE_GRAY_16;
   } else if (space == cmsSigCmykData && in.colour.cmyk) {
-    type = TYPE_CMYK_16_REV;
+    type = TYPE_CMYK_16;
   } else {
     return false;
   }
@@ -277,9 +277,11 @@ void Hdr(const Image& in, const ColourPlan& plan, Pixels* out) {
 void AsIs(const Image& in, int colourChannels, Pixels* out) {
   const size_t n = size_t{in.width} * in.height;
   for (size_t i = 0; i < n; ++i) {
-    if (in.colour.cmyk) {  // no profile: the plain formula, on Adobe's inverted samples
-      const uint32_t k = To8(Sample(in, i * 4 + 3), in.bits);
-      for (int c = 0; c < 3; ++c) out->rgb[i * 3 + c] = static_cast<uint8_t>((To8(Sample(in, i * 4 + c), in.bits) * k + 127) / 255);
+    if (in.colour.cmyk) {  // no profile: the plain formula
+      const uint32_t k = 255 - To8(Sample(in, i * 4 + 3), in.bits);
+      for (int c = 0; c < 3; ++c) {
+        out->rgb[i * 3 + c] = static_cast<uint8_t>(((255 - To8(Sample(in, i * 4 + c), in.bits)) * k + 127) / 255);
+      }
       continue;
     }
     for (int c = 0; c < 3; ++c) {

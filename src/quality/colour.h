@@ -16,7 +16,8 @@ namespace internal {
 
 // Converts `in` (consumed) to sRGB pixels; false with `why` when its colour
 // cannot be understood. Alpha is composited on white, as browsers show a
-// transparent photo on a white page.
+// transparent photo on a white page. CMYK samples come plain (0: no ink):
+// decoders undo Adobe's inversion.
 bool ToSrgb8(Image&& in, Pixels* out, std::string* why);
 
 // ---- The decisions behind it --------------------------------------------------

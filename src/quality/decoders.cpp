@@ -23,6 +23,7 @@ std::atomic<void*> heif{nullptr}, jxl{nullptr}, raw{nullptr};
 
 // One row per type. Raws by the names the probe gives them.
 const Row kDecoders[] = {
+    {"image/jpeg", DecodeJpeg, nullptr, nullptr},
     {"image/webp", DecodeWebp, nullptr, nullptr},
     {"image/avif", nullptr, "kovathumb_decode_heif", &heif},
     {"image/heic", nullptr, "kovathumb_decode_heif", &heif},

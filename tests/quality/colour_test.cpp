@@ -166,8 +166,8 @@ TEST(ColourTest, SamplesRoundAndAlphaGoesOnWhite) {
   for (const auto& r : rows) {
     EXPECT_EQ(Rgb(r.in), r.rgb) << r.name;
   }
-  Image cmyk = Picture(4, 8, {255, 255, 255, 255, 0, 255, 255, 255, 255, 255, 255, 0});
-  cmyk.colour.cmyk = true;  // Adobe's inverted samples: no ink, full cyan, full black
+  Image cmyk = Picture(4, 8, {0, 0, 0, 0, 255, 0, 0, 0, 0, 0, 0, 255});
+  cmyk.colour.cmyk = true;  // no ink, full cyan, full black
   EXPECT_EQ(Rgb(cmyk), (std::vector<int>{255, 255, 255, 0, 255, 255, 0, 0, 0}));
   std::string why;
   Image odd = Picture(2, 8, {1, 2});

@@ -1,0 +1,233 @@
+// Quality mode's in-process pipeline: its plans, its reduction filter, and
+// JPEGs encoded and decoded through libjpeg, without any tool.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#include "kovathumb/thumb_const.h"
+#include "quality/decoders.h"
+#include "quality/pipeline.h"
+#include "quality/resample.h"
+#include "support/test_util.h"
+
+namespace kovathumb {
+namespace internal {
+namespace {
+
+bool Same(ThumbDimension a, ThumbDimension b) { return a.width == b.width && a.height == b.height; }
+
+TEST(PipelineTest, PlansFitFillTurnAndPickTheDecodeScale) {
+  const struct {
+    uint32_t w, h;
+    int turns;
+    ThumbDimension box;
+    bool crop;
+    ThumbDimension scaled, cut, upright;
+    int eighths;  // the DCT scale that covers `scaled`
+  } rows[] = {
+      {4000, 3000, 0, {1280, 1280}, false, {1280, 960}, {1280, 960}, {1280, 960}, 3},
+      {4000, 3000, 0, {120, 120}, false, {120, 90}, {120, 90}, {120, 90}, 1},
+      // Turned a quarter: fitted as it lies, stored upright.
+      {4000, 3000, 1, {1280, 640}, false, {640, 480}, {640, 480}, {480, 640}, 2},
+      {4000, 3000, 3, {640, 1280}, false, {853, 640}, {853, 640}, {640, 853}, 2},
+      // Never enlarged, unless a crop must fill its box.
+      {300, 200, 0, {640, 640}, false, {300, 200}, {300, 200}, {300, 200}, 8},
+      {300, 200, 0, {640, 640}, true, {960, 640}, {640, 640}, {640, 640}, 8},
+      // A crop fills the box and cuts the overhang of the longer side.
+      {4000, 3000, 0, {120, 120}, true, {160, 120}, {120, 120}, {120, 120}, 1},
+      {3000, 4000, 1, {200, 100}, true, {150, 200}, {100, 200}, {200, 100}, 1},
+      {6000, 4000, 0, {640, 640}, false, {640, 427}, {640, 427}, {640, 427}, 1},
+      {6000, 4000, 0, {1280, 1280}, false, {1280, 853}, {1280, 853}, {1280, 853}, 2},
+  };
+  for (const auto& r : rows) {
+    SCOPED_TRACE(std::to_string(r.w) + "x" + std::to_string(r.h) + " box " + std::to_string(r.box.width));
+    const ThumbPlan p = PlanThumb(r.w, r.h, r.turns, r.box, r.crop);
+    EXPECT_TRUE(Same(p.scaled, r.scaled)) << p.scaled.width << "x" << p.scaled.height;
+    EXPECT_TRUE(Same(p.cut, r.cut)) << p.cut.width << "x" << p.cut.height;
+    EXPECT_TRUE(Same(p.upright, r.upright)) << p.upright.width << "x" << p.upright.height;
+    EXPECT_EQ(DjpegEighths(r.w, r.h, p.scaled), r.eighths);
+  }
+}
+
+TEST(PipelineTest, WhatTakesTheInProcessPathAndItsBounds) {
+  JpegFacts plain;
+  plain.ok = true;
+  plain.components = 3;
+  JpegFacts profiled = plain, cmyk = plain, unread;
+  profiled.icc = true;
+  cmyk.components = 4;
+  EXPECT_TRUE(PipelineTakes(kMimeJpeg, plain));
+  EXPECT_FALSE(PipelineTakes(kMimeJpeg, unread));
+  // Colour is converted in process.
+  EXPECT_TRUE(PipelineTakes(kMimeJpeg, profiled));
+  EXPECT_TRUE(PipelineTakes(kMimeJpeg, cmyk));
+  EXPECT_FALSE(PipelineTakes(kMimeGif, unread));
+  for (const char* mime : {"image/webp", "image/avif", "image/heic", "image/jxl", "image/x-canon-cr3"}) {
+    EXPECT_TRUE(PipelineTakes(mime, unread)) << mime;
+  }
+  // Larger sources get more time and address space, up to the pixel bound.
+  const sandbox::Limits small = PipelineLimits(12u << 20), big = PipelineLimits(24u << 20);
+  const sandbox::Limits huge = PipelineLimits(uint64_t{1} << 40), bound = PipelineLimits(DecodeRequest().maxPixels);
+  EXPECT_LT(small.cpuSeconds, big.cpuSeconds);
+  EXPECT_LT(small.addressSpace, big.addressSpace);
+  EXPECT_EQ(huge.addressSpace, bound.addressSpace);
+  EXPECT_EQ(huge.wallSeconds, bound.wallSeconds);
+}
+
+TEST(PipelineTest, SmallTilesKeepFullChromaAtNoMoreBytes) {
+  const struct {
+    uint32_t w, h;
+    int quality;
+    bool fullChroma;
+  } rows[] = {{120, 90, 80, true}, {90, 120, 80, true}, {360, 270, 84, false}, {1280, 960, 84, false}};
+  for (const auto& r : rows) {
+    const JpegParams p = JpegParamsFor(r.w, r.h);
+    EXPECT_EQ(p.quality, r.quality) << r.w;
+    EXPECT_EQ(p.fullChroma, r.fullChroma) << r.w;
+  }
+}
+
+Pixels Pattern(uint32_t w, uint32_t h, uint8_t (*at)(uint32_t x, uint32_t y)) {
+  Pixels p;
+  p.width = w;
+  p.height = h;
+  p.rgb.resize(size_t{w} * h * 3);
+  for (uint32_t y = 0; y < h; ++y) {
+    for (uint32_t x = 0; x < w; ++x) {
+      for (int c = 0; c < 3; ++c) p.rgb[(size_t{y} * w + x) * 3 + c] = at(x, y);
+    }
+  }
+  return p;
+}
+
+// Samples of the middle row strictly between the two levels of an edge.
+int Blurred(const Pixels& p) {
+  int n = 0;
+  for (uint32_t x = 0; x < p.width; ++x) {
+    const uint8_t v = p.rgb[(size_t{p.height / 2} * p.width + x) * 3];
+    n += v > 8 && v < 247 ? 1 : 0;
+  }
+  return n;
+}
+
+TEST(PipelineTest, ReductionIsFlatWhereFlatSharpAtEdgesAndDoesNotAlias) {
+  const Pixels flat = Pattern(1000, 600, [](uint32_t, uint32_t) -> uint8_t { return 77; });
+  for (const ThumbDimension d : {ThumbDimension{333, 200}, ThumbDimension{120, 72}, ThumbDimension{1500, 900}}) {
+    const Pixels r = Resize(flat, d.width, d.height);
+    ASSERT_EQ(r.rgb.size(), size_t{d.width} * d.height * 3);
+    EXPECT_TRUE(std::all_of(r.rgb.begin(), r.rgb.end(), [](uint8_t v) { return v == 77; })) << d.width;
+  }
+  // An edge between two columns stays within two samples.
+  const Pixels edge = Pattern(901, 300, [](uint32_t x, uint32_t) -> uint8_t { return x < 451 ? 0 : 255; });
+  EXPECT_LE(Blurred(Resize(edge, 300, 100)), 2);
+  // One-pixel stripes reduced 7.5 times: grey, not a pattern of its own.
+  const Pixels stripes = Pattern(1500, 60, [](uint32_t x, uint32_t) -> uint8_t { return x % 2 ? 255 : 0; });
+  const Pixels grey = Resize(stripes, 200, 8);
+  for (uint8_t v : grey.rgb) ASSERT_NEAR(v, 128, 16);
+  EXPECT_EQ(BlockFactor(1500, 200), 3u);
+  EXPECT_EQ(BlockFactor(1500, 1280), 1u);
+  const Pixels cut = CropCentre(edge, 4, 1);  // columns 448 to 451
+  EXPECT_EQ(cut.rgb[6], 0);
+  EXPECT_EQ(cut.rgb[9], 255);
+}
+
+class JpegCodecTest : public ::testing::Test {
+ protected:
+  // A 401 x 301 JPEG of the edge pattern, returned open.
+  int Write(const std::string& name) {
+    const int dir = open(dir_.path().c_str(), O_DIRECTORY | O_RDONLY | O_CLOEXEC);
+    const Pixels p = Pattern(401, 301, [](uint32_t x, uint32_t) -> uint8_t { return x < 200 ? 20 : 230; });
+    uint64_t bytes = 0;
+    std::string why;
+    EXPECT_TRUE(EncodeJpeg(p, JpegParamsFor(p.width, p.height), dir, name, &bytes, &why)) << why;
+    // Never over a file that is there.
+    EXPECT_FALSE(EncodeJpeg(p, JpegParams(), dir, name, &bytes, &why));
+    close(dir);
+    EXPECT_EQ(test::ReadFile(dir_ / name).size(), bytes);
+    return Open(name);
+  }
+  int Open(const std::string& name) {
+    fds_.push_back(open((dir_ / name).c_str(), O_RDONLY | O_CLOEXEC));
+    return fds_.back();
+  }
+  ~JpegCodecTest() override {
+    for (int fd : fds_) close(fd);
+  }
+  test::TempDir dir_;
+  std::vector<int> fds_;
+};
+
+TEST_F(JpegCodecTest, DecodesAtTheLeastEighthAsFarAsTheDataGoesWithinItsBound) {
+  const int fd = Write("a.jpg");
+  const struct {
+    ThumbDimension need;
+    uint64_t maxPixels;
+    bool ok;
+    uint32_t w, h;
+  } rows[] = {
+      {{0, 0}, 1u << 20, true, 401, 301},      {{50, 20}, 1u << 20, true, 51, 38},
+      {{150, 100}, 1u << 20, true, 151, 113}, {{400, 1}, 1u << 20, true, 401, 301},
+      {{0, 0}, 401 * 301 - 1, false, 0, 0},
+  };
+  for (const auto& r : rows) {
+    Image img;
+    std::string why;
+    DecodeRequest req;
+    req.need = r.need;
+    req.maxPixels = r.maxPixels;
+    lseek(fd, 1234, SEEK_SET);  // read from the start, wherever the offset is
+    ASSERT_EQ(DecodeJpeg(fd, req, &img, &why), r.ok) << why;
+    EXPECT_EQ(img.width, r.w);
+    EXPECT_EQ(img.height, r.h);
+    if (!r.ok) {
+      EXPECT_EQ(why, "too many pixels");
+    }
+  }
+  // Cut in half: the top decodes, the rest is filled, as browsers show it.
+  const std::string whole = test::ReadFile(dir_ / "a.jpg");
+  test::WriteFile(dir_ / "cut.jpg", whole.substr(0, whole.size() / 2));
+  test::WriteFile(dir_ / "junk.jpg", "\xff\xd8\xff\xe0 not a jpeg at all");
+  Image img;
+  std::string why;
+  ASSERT_TRUE(DecodeJpeg(Open("cut.jpg"), DecodeRequest(), &img, &why));
+  EXPECT_EQ(img.width, 401u);
+  EXPECT_NEAR(img.data8[0], 20, 4);
+  EXPECT_NEAR(img.data8[300 * 3], 230, 4);
+  EXPECT_FALSE(DecodeJpeg(Open("junk.jpg"), DecodeRequest(), &img, &why));
+  EXPECT_FALSE(why.empty());
+}
+
+TEST_F(JpegCodecTest, OneChildMakesEverySizeAndRootTakesOnlyWhatItChecked) {
+  PipelineSource source;
+  source.fd = Write("src.jpg");
+  source.mime = kMimeJpeg;
+  source.width = 401;
+  source.height = 301;
+  source.rotate = 1;  // stored lying: made upright
+  const int work = open(dir_.path().c_str(), O_DIRECTORY | O_RDONLY | O_CLOEXEC);
+  std::vector<PipelineSize> sizes = {{"s.jpg", PlanThumb(401, 301, 1, {120, 120}, false), false},
+                                     {"b.jpg", PlanThumb(401, 301, 1, {360, 360}, false), false},
+                                     {"src.jpg", PlanThumb(401, 301, 1, {100, 100}, false), false}};
+  std::string why;
+  EXPECT_TRUE(RunPipeline(source, &sizes, work, &why));
+  EXPECT_TRUE(sizes[0].made && sizes[1].made);
+  EXPECT_FALSE(sizes[2].made);  // its name was taken: not written, not taken
+  EXPECT_EQ(test::ImageSize(dir_ / "s.jpg"), std::make_pair(90u, 120u));
+  EXPECT_EQ(test::ImageSize(dir_ / "b.jpg"), std::make_pair(270u, 360u));
+  // Garbage gets nothing made, and says why.
+  test::WriteFile(dir_ / "junk.jpg", "\xff\xd8\xff\xe0 not a jpeg at all");
+  source.fd = Open("junk.jpg");
+  std::vector<PipelineSize> one = {{"j.jpg", PlanThumb(401, 301, 0, {120, 120}, false), false}};
+  EXPECT_FALSE(RunPipeline(source, &one, work, &why));
+  EXPECT_FALSE(one[0].made || test::Exists(dir_ / "j.jpg"));
+  EXPECT_FALSE(why.empty());
+  close(work);
+}
+
+}  // namespace
+}  // namespace internal
+}  // namespace kovathumb
