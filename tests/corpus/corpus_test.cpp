@@ -1,6 +1,7 @@
 // Real camera and phone files (../shared/corpus, listed in MANIFEST.tsv):
 // what the probe reads, and what quality mode makes of every one of them.
 #include <gtest/gtest.h>
+#include <lcms2.h>
 
 #include <fcntl.h>
 
@@ -140,7 +141,8 @@ std::string Colour(const int* rgb) {
 }
 
 // Where the corpus has none: HDR AVIFs in PQ and HLG (tone-mapped, not
-// shown flat), a wide-gamut AVIF by its code points, an animated WebP (its
+// shown flat), wide-gamut pictures by their code points (AVIF) and by
+// their Display P3 profile (JPEG), an animated WebP (its
 // first frame), a JPEG XL with alpha (on white). Each picture's left half
 // and right half are one colour each; `lo`..`hi` bound what each channel of
 // the decoded sRGB may be there.
@@ -174,6 +176,18 @@ TEST(CorpusTest, MadeHdrWideGamutAnimatedAndTransparentSourcesDecodeInSrgb) {
   avif(dir / "pq.png", 9, 16);
   avif(dir / "hlg.png", 9, 18);
   avif(dir / "p3.png", 12, 13);
+  // The same P3 colours in a JPEG carrying a Display P3 profile (lcms2's, from P3's primaries).
+  const cmsCIExyY white{0.3127, 0.3290, 1};
+  const cmsCIExyYTRIPLE p3{{0.680, 0.320, 1}, {0.265, 0.690, 1}, {0.150, 0.060, 1}};
+  const double srgbCurve[5] = {2.4, 1 / 1.055, 0.055 / 1.055, 1 / 12.92, 0.04045};
+  cmsToneCurve* curve = cmsBuildParametricToneCurve(nullptr, 4, srgbCurve);
+  cmsToneCurve* curves[3] = {curve, curve, curve};
+  cmsHPROFILE profile = cmsCreateRGBProfile(&white, &p3, curves);
+  ASSERT_TRUE(cmsSaveProfileToFile(profile, (dir / "p3.icc").c_str()));
+  cmsCloseProfile(profile);
+  cmsFreeToneCurve(curve);
+  test::MustSh(im + Quote(dir / "p3.png") + " -depth 8 -profile " + Quote(dir / "p3.icc") + " -quality 98 " +
+               Quote(dir / "p3.jpg"));
   test::MustSh(im + "-delay 10 -size 128x32 xc:red xc:blue " + Quote(dir / "anim.gif") + " && gif2webp -quiet " +
                Quote(dir / "anim.gif") + " -o " + Quote(dir / "anim.webp"));
   twoColours("rgba(0,0,255,0)", "rgba(0,0,255,1)", dir / "alpha.png");
@@ -189,6 +203,7 @@ TEST(CorpusTest, MadeHdrWideGamutAnimatedAndTransparentSourcesDecodeInSrgb) {
       {"hlg.avif", "image/avif", {90, 90, 90}, {170, 170, 170}, {250, 250, 250}, {255, 255, 255}},
       // P3's red is beyond sRGB: clipped to sRGB's red; sRGB's red stays itself.
       {"p3.avif", "image/avif", {245, 0, 0}, {255, 20, 20}, {245, 0, 0}, {255, 20, 20}},
+      {"p3.jpg", "image/jpeg", {245, 0, 0}, {255, 20, 20}, {245, 0, 0}, {255, 20, 20}},
       {"anim.webp", "image/webp", {250, 0, 0}, {255, 5, 5}, {250, 0, 0}, {255, 5, 5}},
       {"alpha.jxl", "image/jxl", {250, 250, 250}, {255, 255, 255}, {0, 0, 250}, {5, 5, 255}},
   };
