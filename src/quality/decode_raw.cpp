@@ -53,6 +53,7 @@ struct Cr3 {
   uint32_t width = 0, height = 0;
   int orientation = 0;
   std::vector<Preview> previews;
+  bool cut = false;  // the file ends inside a box: its raw data is not all there
 };
 
 const uint8_t kCanonUuid[16] = {0x85, 0xc0, 0xb6, 0x87, 0x82, 0x0f, 0x11, 0xe0,
@@ -60,9 +61,10 @@ const uint8_t kCanonUuid[16] = {0x85, 0xc0, 0xb6, 0x87, 0x82, 0x0f, 0x11, 0xe0,
 const uint8_t kPreviewUuid[16] = {0xea, 0xf4, 0x2b, 0x5e, 0x1c, 0x98, 0x4b, 0x88,
                                   0xb9, 0xfb, 0xb7, 0xdc, 0x40, 0x6e, 0x4d, 0x16};
 
-// The boxes in [from, to) of `d`, each as (type, payload start, end).
+// The boxes in [from, to) of `d`, each as (type, payload start, end);
+// false when one runs past `to` (the file was cut short).
 template <typename Visit>
-void Boxes(const uint8_t* d, size_t from, size_t to, int depth, const Visit& visit) {
+bool Boxes(const uint8_t* d, size_t from, size_t to, int depth, const Visit& visit) {
   for (size_t at = from; depth < 4 && at + 8 <= to;) {
     uint64_t size = Be32(d + at);
     size_t head = 8;
@@ -72,10 +74,11 @@ void Boxes(const uint8_t* d, size_t from, size_t to, int depth, const Visit& vis
     } else if (size == 0) {
       size = to - at;
     }
-    if (size < head || size > to - at) return;
+    if (size < head || size > to - at) return false;
     visit(d + at + 4, at + head, static_cast<size_t>(at + size), depth);
     at += static_cast<size_t>(size);
   }
+  return true;
 }
 
 void AddPreview(const uint8_t* d, size_t jpeg, size_t declared, size_t end, uint32_t w, uint32_t h, Cr3* out) {
@@ -106,7 +109,7 @@ bool ReadCr3(const uint8_t* d, size_t n, Cr3* out) {
       AddPreview(d, at + 16, Be32(d + at + 12), end, Be16(d + at + 6), Be16(d + at + 8), out);
     }
   };
-  Boxes(d, 0, n, 0, visit);
+  out->cut = !Boxes(d, 0, n, 0, visit);
   return true;
 }
 
@@ -219,8 +222,10 @@ extern "C" __attribute__((visibility("default"))) bool kovathumb_probe_raw(int f
   Cr3 cr3;
   bool ok = ReadSource(fd, &bytes, &why);
   if (ok && ReadCr3(bytes.data(), bytes.size(), &cr3)) {
-    // A size the CMT1 block does not give is its largest preview's.
-    const bool told = cr3.width != 0 && cr3.height != 0;
+    // A size the CMT1 block does not give is its largest preview's; so is
+    // a cut-short file's, whose picture is no more than that preview.
+    const bool told = cr3.width != 0 && cr3.height != 0 && !cr3.cut;
+    if (!told) cr3.width = cr3.height = 0;
     for (const Preview& p : cr3.previews) {
       if (!told && p.width > cr3.width) cr3.width = p.width, cr3.height = p.height;
     }

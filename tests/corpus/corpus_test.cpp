@@ -245,9 +245,9 @@ TEST(CorpusTest, ModernTypesProbeDecodeAndKeepTheirColours) {
       {"modern/fixture2.jxl", "image/jxl", 1, 1, 1, 1, {190, 190, 190}},
       // Its raw data pruned: the 1620 x 1080 preview.
       {"raw/canon_r6_pruned.cr3", "image/x-canon-cr3", 3408, 2272, 1620, 1080, {146, 96, 79}},
-      // Cut short after its 160 x 120 preview: that one.
-      // Its orientation is 6: a portrait, stored sideways.
-      {"raw/canon_fixture.cr3", "image/x-canon-cr3", 6720, 4480, 160, 120, {103, 87, 68}, 1},
+      // Cut short after its 160 x 120 preview: a picture of that size, every
+      // size made from it. Its orientation is 6: a portrait, stored sideways.
+      {"raw/canon_fixture.cr3", "image/x-canon-cr3", 160, 120, 160, 120, {103, 87, 68}, 1},
   };
   test::TempDir dir;
   for (const auto& row : rows) {
@@ -274,6 +274,12 @@ TEST(CorpusTest, ModernTypesProbeDecodeAndKeepTheirColours) {
     EXPECT_TRUE(small.w >= std::min(120u, whole.w) && small.h >= std::min(120u, whole.h) && small.w <= whole.w)
         << small.w << "x" << small.h << " " << small.why;
   }
+  // index makes every size of each, then nothing.
+  const std::string index = std::string(KOVATHUMB_CLI) + " index --json " + Quote(dir.path()) + " 2>/dev/null | tail -1";
+  const std::string first = test::Capture(index), second = test::Capture(index);
+  EXPECT_NE(first.find("\"made\":" + std::to_string(5 * std::size(rows)) + ","), std::string::npos) << first;
+  EXPECT_NE(second.find("\"made\":0,"), std::string::npos) << second;
+  EXPECT_EQ(test::EALeftovers(dir.path()), "");
 }
 
 }  // namespace
