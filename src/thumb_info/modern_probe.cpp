@@ -50,12 +50,15 @@ const char* ModernMime(ModernKind kind) {
 
 }  // namespace internal
 
-bool ThumbInfo::ProbeModern() {
+bool ThumbInfo::ProbeModern(bool readFacts) {
   if (!quality_ || !sourceFd_) return false;
   uint8_t head[64] = {};
   const ssize_t got = pread(*sourceFd_, head, sizeof head, 0);
   const internal::ModernKind kind = internal::SniffModern(head, got > 0 ? static_cast<size_t>(got) : 0);
   if (kind == internal::ModernKind::kNone) return false;
+  // Reading the preview alone: these types have none beyond what the
+  // decoder reads, and their facts stand.
+  if (!readFacts) return IsGood() && mimeType_ == internal::ModernMime(kind);
   if (kind == internal::ModernKind::kAvif || kind == internal::ModernKind::kHeif) {
     CheckAndGetHeif();
     if (heic_) mimeType_ = internal::ModernMime(kind);

@@ -246,6 +246,7 @@ void ThumbInfo::Read(bool facts, bool preview) {
   }
 
   if (failed) {
+    if (ProbeModern(facts)) return;
     if (!facts) good_ = false;  // as when the preview was read with the facts
     if (code != kExivCannotOpen && code != kExivUnknownType) {
       // Named as the member the caller called.
@@ -253,7 +254,6 @@ void ThumbInfo::Read(bool facts, bool preview) {
     }
     if (code == kExivCannotOpen) throw Error(kErrorCannotOpen, text);
     if (code != kExivUnknownType) throw Error(kErrorCannotExamine, text);
-    if (facts && ProbeModern()) return;
     const std::string ext = file::GetFileExt(internal::BaseName(path_));
     if (ext == "heif" || ext == "heic" || (quality_ && ext == "hif")) {
       CheckAndGetHeif();

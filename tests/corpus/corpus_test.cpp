@@ -273,7 +273,13 @@ TEST(CorpusTest, ModernTypesProbeDecodeAndKeepTheirColours) {
     const Decoded small = Decode(info.GetMimeType(), src, {120, 120});
     EXPECT_TRUE(small.w >= std::min(120u, whole.w) && small.h >= std::min(120u, whole.h) && small.w <= whole.w)
         << small.w << "x" << small.h << " " << small.why;
+    // As the web asks: one size, the probe read with the preview.
+    Thumb request(src, kThumbOptQuality, false);
+    const std::string big = request.CalcOutputFile("big");
+    EXPECT_EQ(test::ImageSize(big).first, std::min(640u, row.turns % 2 ? row.decH : row.decW)) << big;
+    if (!big.empty() && request.IsNeedDelete()) unlink(big.c_str());
   }
+  test::MustSh("rm -rf " + Quote(dir.path()) + "/.kovaea");
   // index makes every size of each, then nothing.
   const std::string index = std::string(KOVATHUMB_CLI) + " index --json " + Quote(dir.path()) + " 2>/dev/null | tail -1";
   const std::string first = test::Capture(index), second = test::Capture(index);
