@@ -191,34 +191,47 @@ bool RunTransform(void* t, const void* src, size_t srcRowBytes, const Image& in,
   return true;
 }
 
-// Through the source's ICC profile; false when lcms2 cannot use it.
-bool ViaIcc(const Image& in, int colourChannels, Pixels* out) {
-  Profile src(cmsOpenProfileFromMem(in.colour.icc.data(), static_cast<cmsUInt32Number>(in.colour.icc.size())));
-  if (!src) return false;
-  const cmsColorSpaceSignature space = cmsGetColorSpace(src.get());
-  cmsUInt32Number type;
-  if (space == cmsSigRgbData && colourChannels == 3) {
-    type = TYPE_RGB_16;
-  } else if (space == cmsSigGrayData && colourChannels == 1) {
-    type = TYPE_GRAY_16;
-  } else if (space == cmsSigCmykData && in.colour.cmyk) {
-    type = TYPE_CMYK_16;
-  } else {
-    return false;
-  }
+// lcms2's layout of `in`'s samples in `space` (alpha passed over), 8-bit
+// samples as they are; 0 when they do not match.
+cmsUInt32Number Layout(const Image& in, cmsColorSpaceSignature space, int colourChannels) {
+  const bool eight = in.bits == 8;
+  const cmsUInt32Number extra = EXTRA_SH(static_cast<cmsUInt32Number>(in.channels - colourChannels));
+  if (space == cmsSigRgbData && colourChannels == 3) return (eight ? TYPE_RGB_8 : TYPE_RGB_16) | extra;
+  if (space == cmsSigGrayData && colourChannels == 1) return eight ? TYPE_GRAY_8 : TYPE_GRAY_16;
+  if (space == cmsSigCmykData && in.colour.cmyk) return eight ? TYPE_CMYK_8 : TYPE_CMYK_16;
+  return 0;
+}
+
+// Runs `src` to sRGB over `in`: 8-bit samples straight from the picture
+// (lcms2 optimises 8-bit matrix-shaper transforms into tables), deeper ones
+// widened to 16 bits.
+bool Convert(const Image& in, cmsHPROFILE src, cmsUInt32Number layout, int intent, Pixels* out) {
   Profile srgb(cmsCreate_sRGBProfile());
-  Transform t(cmsCreateTransform(src.get(), type, srgb.get(), TYPE_RGB_8, INTENT_PERCEPTUAL, 0));
+  if (layout == 0 || !srgb) return false;
+  if (in.bits == 8) {
+    // Samples already moved to `out` are converted where they are.
+    const uint8_t* samples = in.data8.empty() ? out->rgb.data() : in.data8.data();
+    Transform t(cmsCreateTransform(src, layout, srgb.get(), TYPE_RGB_8, intent, cmsFLAGS_NOCACHE));
+    return RunTransform(t.get(), samples, size_t{in.width} * in.channels, in, out);
+  }
+  const int colourChannels = static_cast<int>(T_CHANNELS(layout));
+  const cmsUInt32Number wideLayout = (layout & ~EXTRA_SH(7)) | BYTES_SH(2);
+  Transform t(cmsCreateTransform(src, wideLayout, srgb.get(), TYPE_RGB_8, intent, cmsFLAGS_NOCACHE));
   const std::vector<uint16_t> wide = Widen16(in, colourChannels);
   return RunTransform(t.get(), wide.data(), size_t{in.width} * colourChannels * 2, in, out);
 }
 
+// Through the source's ICC profile; false when lcms2 cannot use it.
+bool ViaIcc(const Image& in, int colourChannels, Pixels* out) {
+  Profile src(cmsOpenProfileFromMem(in.colour.icc.data(), static_cast<cmsUInt32Number>(in.colour.icc.size())));
+  if (!src) return false;
+  return Convert(in, src.get(), Layout(in, cmsGetColorSpace(src.get()), colourChannels), INTENT_PERCEPTUAL, out);
+}
+
 bool ViaCodePoints(const Image& in, const ColourPlan& plan, Pixels* out) {
   Profile src = ProfileFromCodePoints(plan.gamut, plan.curve);
-  Profile srgb(cmsCreate_sRGBProfile());
-  if (!src || !srgb) return false;
-  Transform t(cmsCreateTransform(src.get(), TYPE_RGB_16, srgb.get(), TYPE_RGB_8, INTENT_RELATIVE_COLORIMETRIC, 0));
-  const std::vector<uint16_t> wide = Widen16(in, 3);
-  return RunTransform(t.get(), wide.data(), size_t{in.width} * 6, in, out);
+  if (!src) return false;
+  return Convert(in, src.get(), Layout(in, cmsSigRgbData, 3), INTENT_RELATIVE_COLORIMETRIC, out);
 }
 
 // PQ or HLG: light in nits, into sRGB's primaries, tone-mapped to SDR.
@@ -431,7 +444,13 @@ bool ToSrgb8(Image&& in, Pixels* out, std::string* why) {
     out->rgb = std::move(in.data8);  // the common case: nothing to do
     return true;
   }
-  out->rgb.assign(n * 3, 0);
+  const bool inPlace = in.bits == 8 && in.channels == 3 && plan.kind != ColourPlan::kHdr;
+  if (inPlace) {
+    out->rgb = std::move(in.data8);
+    in.data8.clear();
+  } else {
+    out->rgb.assign(n * 3, 0);
+  }
   bool done = false;
   if (plan.kind == ColourPlan::kIcc) {
     Image rgb;
@@ -453,6 +472,7 @@ bool ToSrgb8(Image&& in, Pixels* out, std::string* why) {
       done = ViaCodePoints(in, plan, out);
     }
   }
+  if (!done && inPlace) return true;  // the samples, untouched, as sRGB
   if (!done) AsIs(in, in.channels == 1 ? 1 : colourChannels, out);
 
   if (alpha) {  // on white
