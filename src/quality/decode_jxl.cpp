@@ -137,7 +137,11 @@ extern "C" __attribute__((visibility("default"))) bool kovathumb_probe_jxl(int f
   head.resize(got > 0 ? static_cast<size_t>(got) : 0);
   std::string why;
   JxlBasicInfo info;
-  if (!Run(head, nullptr, nullptr, &info, &why)) {
+  bool ok = Run(head, nullptr, nullptr, &info, &why);
+  if (!ok && head.size() == 64 * 1024) {  // boxes before the codestream: the whole file
+    ok = ReadSource(fd, &head, &why) && Run(head, nullptr, nullptr, &info, &why);
+  }
+  if (!ok) {
     strncpy(facts->message, why.c_str(), sizeof facts->message - 1);
     return false;
   }

@@ -190,6 +190,11 @@ bool ViaLibRaw(std::vector<uint8_t>& bytes, const DecodeRequest& request, Image*
     facts->orientation = FromFlip(raw->imgdata.sizes.flip);
     return true;
   }
+  const libraw_thumbnail_t& declared = raw->imgdata.thumbnail;
+  if (rc == LIBRAW_SUCCESS && !WithinPixels(std::max<uint64_t>(declared.twidth, 1), std::max<uint64_t>(declared.theight, 1),
+                                            request.maxPixels, why)) {
+    return false;
+  }
   if (rc == LIBRAW_SUCCESS && out != nullptr) rc = raw->unpack_thumb();
   if (rc != LIBRAW_SUCCESS) return *why = std::string("LibRaw: ") + libraw_strerror(rc), false;
   const libraw_thumbnail_t& t = raw->imgdata.thumbnail;

@@ -75,10 +75,11 @@ bool DecodeWebp(int fd, const DecodeRequest& request, Image* out, std::string* w
     return *why = "not a WebP libwebp reads", false;
   }
   const WebPData data{bytes.data(), bytes.size()};
-  TakeIcc(data, out);
-  if (config.input.has_animation) return FirstFrame(data, request, out, why);
+  // An animation's canvas is allocated with its decoder: refused first.
   const uint32_t w = static_cast<uint32_t>(config.input.width), h = static_cast<uint32_t>(config.input.height);
   if (!WithinPixels(w, h, request.maxPixels, why)) return false;
+  TakeIcc(data, out);
+  if (config.input.has_animation) return FirstFrame(data, request, out, why);
   const ThumbDimension size = ScaledCover(w, h, request.need);
   if (size.width != w || size.height != h) {
     config.options.use_scaling = 1;
