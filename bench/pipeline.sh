@@ -80,7 +80,7 @@ measure fly.djpeg "$clean" "$RUNS" djpeg -scale 1/8 -outfile "$out/d.ppm" "$data
 echo "index -j 2 over $PHOTOS photos..." >&2
 measure batch.ours "$clean" 3 "$K" index --no-progress -j 2 "$data/batch"
 [ -n "$BASE_K" ] && measure batch.base "$clean" 3 "$BASE_K" index --no-progress -j 2 "$data/batch"
-measure batch.vips "$clean" 3 sh -c "ls '$data/batch'/*.jpg | xargs -P 2 -n 1 -I{} '$out/vips-one.sh' {} '$out/vips'"
+measure batch.vips "$clean" 3 sh -c "ls '$data/batch'/*.jpg | xargs -P 2 -I{} '$out/vips-one.sh' {} '$out/vips'"
 
 echo "worker memory and bytes..." >&2
 eval "$clean"

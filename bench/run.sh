@@ -225,3 +225,8 @@ probe_jpg=$("$PROBE" 0 big "$data/big.jpg" 2>&1 >/dev/null)
     echo '```'
   fi
 } | tee "$B/results.md"
+
+# ---- Quality mode's in-process pipeline ---------------------------------------------
+# Side by side with vipsthumbnail (and an earlier build given BASE_K).
+echo "measuring quality mode's in-process pipeline..." >&2
+{ echo; echo "### Quality mode's in-process pipeline"; echo; RUNS=$RUNS bench/pipeline.sh "$B"; } | tee -a "$B/results.md"

@@ -38,6 +38,12 @@ cjxl -d 0 "$t/alpha.png" "$t/b.jxl" >/dev/null 2>&1 && dseed 0 "$t/b.jxl" jxl/lo
 corpus=${KOVATHUMB_CORPUS:-$(dirname "$0")/../../shared/corpus}
 for f in "$corpus"/raw/*.cr3; do [ -f "$f" ] && dseed 0 "$f" "raw/$(basename "$f")"; done
 "$make_dng" "$t/r.dng" "$t/a.jpg" 64 48 2>/dev/null && dseed 0 "$t/r.dng" raw/dng || true
+# The in-process JPEG path: a size byte, then baseline, progressive, grey and CMYK files.
+mkdir -p "$dir/jpeg"
+$C -size 64x48 gradient:red-blue -interlace JPEG "$t/p.jpg"
+$C -size 64x48 gradient:white-black -colorspace Gray "$t/g.jpg"
+$C -size 64x48 gradient:red-blue -colorspace CMYK "$t/c.jpg"
+for f in a p g c; do { printf "\\x$(printf %02x $((RANDOM % 256)))"; cat "$t/$f.jpg"; } > "$dir/jpeg/$f"; done
 rm -rf "$t"
 i=0
 for q in "path=album/a.jpg&size=big" "path=album%2Fa.jpg&w=100&h=50&rotate=-1" "path=../outside/secret.jpg&size=small" \

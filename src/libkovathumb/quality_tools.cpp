@@ -1,6 +1,8 @@
 #include "libkovathumb/quality_tools.h"
 
+#include <fcntl.h>
 #include <stdio.h>
+#include <sys/stat.h>
 
 #include <string>
 #include <vector>
@@ -8,6 +10,7 @@
 #include "kovaplatform/kovaplatform.h"
 #include "convert_cmd/tool_files.h"
 #include "kovathumb/convert_cmd.h"
+#include "kovathumb/thumb_const.h"
 #include "thumb_info/decisions.h"
 
 namespace kovathumb {
@@ -33,6 +36,24 @@ std::string Geometry(ThumbDimension d, const char* flag) {
   return std::to_string(d.width) + "x" + std::to_string(d.height) + flag;
 }
 
+// A JPEG that is not the pinned source (an embedded preview, a decoded
+// HEIF, a larger thumbnail just made) through the pipeline's child: no
+// tool process. False leaves it to the tools.
+bool PipeJpeg(const QualityInput& in, ThumbDimension box, bool crop, const QualityWorkDir& wd,
+              const std::string& outName) {
+  safe_fs::Fd fd(open(in.path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
+  struct stat64 st;
+  if (!fd.valid() || fstat64(fd.get(), &st) != 0 || !S_ISREG(st.st_mode)) return false;
+  const JpegFacts facts = ScanJpegFd(fd.get());
+  if (!PipelineTakes(kMimeJpeg, facts)) return false;
+  PipelineSource source;
+  source = {fd.get(), kMimeJpeg, facts.width, facts.height, in.rotate, in.flop, in.userRotate};
+  std::vector<PipelineSize> sizes = {
+      {outName, PlanThumb(facts.width, facts.height, TurnSum(in.rotate, in.userRotate), box, crop), false}};
+  std::string why;
+  return RunPipeline(source, &sizes, wd.fd(), &why) && sizes[0].made;
+}
+
 }  // namespace
 
 bool EncodeQualityJpeg(const Pixels& pixels, const QualityWorkDir& wd, const std::string& outName) {
@@ -47,6 +68,7 @@ bool MakeQualityThumb(const QualityInput& in, ThumbDimension box, bool crop, con
   const ThumbDimension sensorBox = odd ? ThumbDimension{box.height, box.width} : box;
   const std::string outCoder = CoderFor(outMime);
   const bool gif = outCoder == "gif";
+  if (in.coder == "jpeg" && outCoder == "jpeg" && PipeJpeg(in, box, crop, wd, outName)) return true;
   std::vector<std::string> args = {ThumbConvertCmd::kConvert};
 
   // A plain JPEG: djpeg decodes at the least eighth that still covers the

@@ -20,9 +20,15 @@ namespace internal {
 
 namespace {
 
-// What libjpeg may allocate beyond the output rows: a progressive file keeps
-// all its coefficients. More is refused, not swapped.
-constexpr long kMaxDecoderMemory = 256L << 20;
+// What libjpeg may allocate besides the output rows: a progressive file
+// keeps all its coefficients (2 bytes each, up to 4 per pixel for CMYK),
+// whatever the scale. More is refused, not swapped.
+constexpr long kDecoderMemoryBase = 64L << 20;
+constexpr long kDecoderBytesPerPixel = 8;
+
+// Progressive files have about ten scans; thousands of repeated ones are
+// an attack on time, refused as djpeg's -maxscans does.
+constexpr int kMaxScans = 100;
 
 struct ErrorJump {
   jpeg_error_mgr mgr;
@@ -38,6 +44,14 @@ void OnError(j_common_ptr cinfo) {
 
 // Damaged data is decoded as far as it goes, as browsers show it.
 void OnMessage(j_common_ptr, int) {}
+
+void OnProgress(j_common_ptr cinfo) {
+  if (cinfo->is_decompressor && reinterpret_cast<j_decompress_ptr>(cinfo)->input_scan_number > kMaxScans) {
+    auto* e = reinterpret_cast<ErrorJump*>(cinfo->err);
+    snprintf(e->message, sizeof e->message, "more than %d scans", kMaxScans);
+    longjmp(e->jump, 1);
+  }
+}
 
 // Reads the descriptor from its start with pread, so the caller's offset
 // stays where it was.
@@ -103,7 +117,10 @@ bool DecodeJpeg(int fd, const DecodeRequest& request, Image* out, std::string* w
     return false;
   }
   jpeg_create_decompress(&cinfo);
-  cinfo.mem->max_memory_to_use = kMaxDecoderMemory;
+  cinfo.mem->max_memory_to_use = kDecoderMemoryBase;
+  jpeg_progress_mgr progress = {};
+  progress.progress_monitor = OnProgress;
+  cinfo.progress = &progress;
   src->fd = fd;
   src->offset = 0;
   src->mgr.init_source = InitSource;
@@ -122,6 +139,8 @@ bool DecodeJpeg(int fd, const DecodeRequest& request, Image* out, std::string* w
     if (why != nullptr) *why = "too many pixels";
     return false;
   }
+  cinfo.mem->max_memory_to_use =
+      kDecoderMemoryBase + kDecoderBytesPerPixel * static_cast<long>(cinfo.image_width) * cinfo.image_height;
   const bool cmyk = cinfo.num_components == 4;
   if (cmyk) {
     cinfo.out_color_space = JCS_CMYK;  // libjpeg turns YCCK into CMYK

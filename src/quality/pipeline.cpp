@@ -107,9 +107,10 @@ sandbox::Limits PipelineLimits(uint64_t pixels) {
   // About a second per 8 MP on a slow CPU, with room for a loaded machine.
   l.cpuSeconds = static_cast<unsigned>(10 + pixels / (2u << 20));
   l.wallSeconds = l.cpuSeconds * 2;
-  // The process as forked, libjpeg's bounded work memory, and the samples
-  // decoded (at most the whole picture, 4 bytes a pixel).
-  l.addressSpace = (uint64_t{768} << 20) + (uint64_t{256} << 20) + pixels * 4;
+  // The process as forked, the decoder's work memory (a progressive JPEG
+  // keeps every coefficient: up to 8 bytes a pixel) and the samples decoded
+  // (at most the whole picture, 4 bytes a pixel).
+  l.addressSpace = (uint64_t{768} << 20) + (uint64_t{64} << 20) + pixels * 12;
   return l;
 }
 

@@ -35,8 +35,11 @@ struct Taps {
 Taps KernelTaps(uint32_t n, uint32_t m) {
   const double scale = static_cast<double>(n) / m;
   const double support = 2 * std::max(scale, 1.0);
+  // The kernel spans `span` samples; a window of `count` (no more than
+  // the axis has) holds them once those past the edges are folded in.
+  const int span = static_cast<int>(std::ceil(support * 2)) + 1;
   Taps t;
-  t.count = static_cast<int>(std::ceil(support * 2)) + 1;
+  t.count = static_cast<int>(std::min<uint32_t>(static_cast<uint32_t>(span), n));
   t.first.resize(m);
   t.weights.assign(size_t{m} * t.count, 0);
   std::vector<double> w(t.count);
@@ -47,7 +50,7 @@ Taps KernelTaps(uint32_t n, uint32_t m) {
     t.first[i] = static_cast<uint32_t>(std::max(0L, firstIn));
     std::fill(w.begin(), w.end(), 0.0);
     double sum = 0;
-    for (int k = 0; k < t.count; ++k) {
+    for (int k = 0; k < span; ++k) {
       const long j = lo + k;
       const double v = CatmullRom((j - centre) / std::max(scale, 1.0));
       const long at = std::min(std::max(j, 0L), static_cast<long>(n) - 1) - static_cast<long>(t.first[i]);

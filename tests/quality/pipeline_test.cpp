@@ -116,10 +116,18 @@ int Blurred(const Pixels& p) {
 
 TEST(PipelineTest, ReductionIsFlatWhereFlatSharpAtEdgesAndDoesNotAlias) {
   const Pixels flat = Pattern(1000, 600, [](uint32_t, uint32_t) -> uint8_t { return 77; });
+  // Down, up, and from pictures narrower than the kernel.
   for (const ThumbDimension d : {ThumbDimension{333, 200}, ThumbDimension{120, 72}, ThumbDimension{1500, 900}}) {
     const Pixels r = Resize(flat, d.width, d.height);
     ASSERT_EQ(r.rgb.size(), size_t{d.width} * d.height * 3);
     EXPECT_TRUE(std::all_of(r.rgb.begin(), r.rgb.end(), [](uint8_t v) { return v == 77; })) << d.width;
+  }
+  for (const ThumbDimension d : {ThumbDimension{1, 1}, ThumbDimension{2, 3}, ThumbDimension{5, 7}}) {
+    const Pixels tiny = Pattern(d.width, d.height, [](uint32_t, uint32_t) -> uint8_t { return 77; });
+    for (const ThumbDimension to : {ThumbDimension{1, 1}, ThumbDimension{40, 3}, ThumbDimension{3, 90}}) {
+      const Pixels r = Resize(tiny, to.width, to.height);
+      EXPECT_TRUE(std::all_of(r.rgb.begin(), r.rgb.end(), [](uint8_t v) { return v == 77; })) << d.width;
+    }
   }
   // An edge between two columns stays within two samples.
   const Pixels edge = Pattern(901, 300, [](uint32_t x, uint32_t) -> uint8_t { return x < 451 ? 0 : 255; });
@@ -199,6 +207,26 @@ TEST_F(JpegCodecTest, DecodesAtTheLeastEighthAsFarAsTheDataGoesWithinItsBound) {
   EXPECT_NEAR(img.data8[300 * 3], 230, 4);
   EXPECT_FALSE(DecodeJpeg(Open("junk.jpg"), DecodeRequest(), &img, &why));
   EXPECT_FALSE(why.empty());
+}
+
+TEST_F(JpegCodecTest, ThousandsOfRepeatedScansAreRefused) {
+  // A progressive file whose first scan comes 300 times.
+  ASSERT_TRUE(WritePpm(dir_ / "p.ppm", Pattern(64, 64, [](uint32_t x, uint32_t y) -> uint8_t { return x ^ y; })));
+  test::MustSh("cjpeg -progressive -outfile " + test::Quote(dir_ / "p.jpg") + " " + test::Quote(dir_ / "p.ppm"));
+  const std::string jpeg = test::ReadFile(dir_ / "p.jpg");
+  const size_t sos = jpeg.find("\xff\xda");
+  size_t end = sos + 2;
+  while ((end = jpeg.find('\xff', end + 1)) != std::string::npos && (jpeg[end + 1] == 0 || (jpeg[end + 1] & 0xF8) == 0xD0)) {
+  }
+  ASSERT_NE(end, std::string::npos);
+  std::string bomb = jpeg.substr(0, sos);
+  for (int i = 0; i < 300; ++i) bomb += jpeg.substr(sos, end - sos);
+  test::WriteFile(dir_ / "bomb.jpg", bomb + jpeg.substr(end));
+  Image img;
+  std::string why;
+  EXPECT_TRUE(DecodeJpeg(Open("p.jpg"), DecodeRequest(), &img, &why)) << why;
+  EXPECT_FALSE(DecodeJpeg(Open("bomb.jpg"), DecodeRequest(), &img, &why));
+  EXPECT_EQ(why, "more than 100 scans");
 }
 
 TEST_F(JpegCodecTest, OneChildMakesEverySizeAndRootTakesOnlyWhatItChecked) {

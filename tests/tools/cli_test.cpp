@@ -142,7 +142,8 @@ TEST(IndexRootTest, AtMostJWorkersAndAnInterruptStopsCleanly) {
   test::TempDir dir;
   const std::string tree = dir / "tree", out = dir / "out.json", running = dir / "running";
   test::MustSh("mkdir -p " + Quote(tree) + " " + Quote(running));
-  for (int i = 0; i < 5; ++i) test::MakePhoto(tree + "/p" + std::to_string(i) + ".jpg");
+  // PNGs: plain JPEGs are made without any tool.
+  for (int i = 0; i < 5; ++i) test::MakeImage(tree + "/p" + std::to_string(i) + ".png", 1600, 1200);
   const std::string slow = "touch " + Quote(running) + "/$$; ls " + Quote(running) + " | wc -l >>" +
                            Quote(dir / "counts") + "; sleep 0.3; \"$REAL\" \"$@\"; s=$?; rm " + Quote(running) +
                            "/$$; exit $s\n";

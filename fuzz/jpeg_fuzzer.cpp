@@ -1,0 +1,57 @@
+// Fuzzes quality mode's in-process JPEG path: arbitrary bytes decoded at the
+// scale a leading size byte asks for, then reduced and encoded as the
+// pipeline's child does, here in the fuzzer's own process.
+#include <fcntl.h>
+#include <stdint.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <string>
+#include <utility>
+
+#include "quality/colour.h"
+#include "quality/decoders.h"
+#include "quality/pipeline.h"
+#include "quality/resample.h"
+
+using namespace kovathumb;
+using namespace kovathumb::internal;
+
+namespace {
+
+const std::string& Dir() {
+  static const std::string dir = [] {
+    const char* tmp = getenv("TMPDIR");  // scripts/fuzz.sh gives a private one
+    std::string tmpl = std::string(tmp != nullptr ? tmp : "/tmp") + "/kovathumb_fuzz_XXXXXX";
+    return std::string(mkdtemp(&tmpl[0]));
+  }();
+  return dir;
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  if (size < 1) return 0;
+  const std::string path = Dir() + "/src.jpg";
+  const int fd = open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+  if (fd < 0) abort();
+  if (size > 1 && write(fd, data + 1, size - 1) != static_cast<ssize_t>(size - 1)) abort();
+  DecodeRequest request;
+  request.need = {static_cast<uint32_t>(data[0] % 64) * 8, static_cast<uint32_t>(data[0] / 64) * 40};
+  request.maxPixels = 16u << 20;  // the fuzzer's memory, not the pipeline's bound
+  Image image;
+  Pixels pixels;
+  std::string why;
+  if (DecodeJpeg(fd, request, &image, &why) && ToSrgb8(std::move(image), &pixels, &why)) {
+    const ThumbPlan plan = PlanThumb(pixels.width, pixels.height, data[0] & 3, {120, 120}, data[0] & 4);
+    Pixels out = CropCentre(Resize(pixels, plan.scaled.width, plan.scaled.height), plan.cut.width, plan.cut.height);
+    out = Orient(out, data[0] & 3, data[0] & 8, 0);
+    const int dir = open(Dir().c_str(), O_DIRECTORY | O_RDONLY | O_CLOEXEC);
+    uint64_t bytes = 0;
+    unlinkat(dir, "out.jpg", 0);
+    if (!EncodeJpeg(out, JpegParamsFor(out.width, out.height), dir, "out.jpg", &bytes, &why)) abort();
+    close(dir);
+  }
+  close(fd);
+  return 0;
+}
