@@ -7,7 +7,7 @@ set -euo pipefail
 dir=$1
 make_dng=${2:-}
 C=/usr/bin/convert
-mkdir -p "$dir/probe" "$dir/cgi" "$dir/tmp"
+mkdir -p "$dir/probe" "$dir/cgi" "$dir/webp" "$dir/heif" "$dir/jxl" "$dir/raw" "$dir/tmp"
 t=$dir/tmp
 $C -size 64x48 gradient:red-blue "$t/a.jpg"
 exiv2 -M"set Exif.Image.Orientation 6" -M"set Exif.Image.Make Panasonic" -M"set Exif.Panasonic.Rotation 8" "$t/a.jpg"
@@ -24,6 +24,20 @@ seed 3 2 "$t/a.tif" tif; seed 4 1 "$t/a.bmp" bmp; seed 8 1 "$t/a.heic" heic; see
 if [ -n "$make_dng" ]; then
   "$make_dng" "$t/a.dng" "$t/a.jpg" 64 48 && seed 5 1 "$t/a.dng" dng && seed 6 1 "$t/a.dng" cr2
 fi
+# The decoders' harnesses: a leading byte (the size asked for), then the file.
+dseed() { { printf "\\x$(printf %02x "$1")"; cat "$2"; } > "$dir/$3"; }
+$C -size 64x48 gradient:red-blue -alpha set -channel A -evaluate set 60% "$t/alpha.png"
+cwebp -quiet "$t/a.png" -o "$t/a.webp" && dseed 0 "$t/a.webp" webp/lossy && dseed 40 "$t/a.webp" webp/scaled
+cwebp -quiet -lossless "$t/alpha.png" -o "$t/b.webp" && dseed 0 "$t/b.webp" webp/lossless-alpha
+# Debian's aom asserts on the 4:2:0 and 4:4:4 libheif 1.15 asks of it.
+heif-enc -q 30 -p chroma=422 "$t/a.png" -o "$t/a.avif" >/dev/null && dseed 0 "$t/a.avif" heif/avif
+$C -size 32x24 gradient:white-black -depth 16 PNG48:"$t/deep.png"
+heif-enc -q 30 -b 10 -p chroma=422 "$t/deep.png" -o "$t/deep.avif" >/dev/null && dseed 0 "$t/deep.avif" heif/deep
+cjxl -q 90 "$t/a.png" "$t/a.jxl" >/dev/null 2>&1 && dseed 0 "$t/a.jxl" jxl/lossy
+cjxl -d 0 "$t/alpha.png" "$t/b.jxl" >/dev/null 2>&1 && dseed 0 "$t/b.jxl" jxl/lossless-alpha
+corpus=${KOVATHUMB_CORPUS:-$(dirname "$0")/../../shared/corpus}
+for f in "$corpus"/raw/*.cr3; do [ -f "$f" ] && dseed 0 "$f" "raw/$(basename "$f")"; done
+"$make_dng" "$t/r.dng" "$t/a.jpg" 64 48 2>/dev/null && dseed 0 "$t/r.dng" raw/dng || true
 # The in-process JPEG path: a size byte, then baseline, progressive, grey and CMYK files.
 mkdir -p "$dir/jpeg"
 $C -size 64x48 gradient:red-blue -interlace JPEG "$t/p.jpg"

@@ -53,10 +53,14 @@ KOVATHUMB_EXPORT std::string GetFileExt(const std::string& path);
 // The extension sets behind IsSupportImage and IsSupportVideo.
 KOVATHUMB_EXPORT const ExtensionSet& ImageExtensionSet();
 KOVATHUMB_EXPORT const ExtensionSet& VideoExtensionSet();
+// What quality mode thumbnails: the appliance's photos and the types it
+// reads beyond them (WebP, AVIF, JPEG XL, CR3 and the raws LibRaw knows).
+KOVATHUMB_EXPORT const ExtensionSet& QualityImageExtensionSet();
 
 // Whether the extension of `path` is in `set`.
 KOVATHUMB_EXPORT bool IsSupportExt(const ExtensionSet& set, const std::string& path);
 KOVATHUMB_EXPORT bool IsSupportImage(const std::string& path);
+KOVATHUMB_EXPORT bool IsQualityImage(const std::string& path);
 KOVATHUMB_EXPORT bool IsSupportVideo(const std::string& path);
 
 }  // namespace kovathumb

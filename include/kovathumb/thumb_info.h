@@ -126,6 +126,9 @@ class KOVATHUMB_EXPORT ThumbInfo {
   KOVATHUMB_LOCAL void Read(bool facts, bool preview);
   KOVATHUMB_LOCAL int ResolveOrientationIndex(Exiv2::Image& image) const;
   KOVATHUMB_LOCAL void CheckAndGetHeif();
+  // Quality mode's types beyond the metadata reader's (AVIF, JPEG XL, CR3):
+  // true when read (with `facts`), or read already (without).
+  KOVATHUMB_LOCAL bool ProbeModern(bool facts);
   KOVATHUMB_LOCAL const std::string& SizeLetter() const;
   // The opened source as a path ("/proc/self/fd/N"); `path_` when it could
   // not be opened for reading.

@@ -24,9 +24,8 @@ namespace internal {
 
 namespace {
 
-// ICC-profiled and CMYK JPEGs stay with the tools until ToSrgb8 converts
-// them; it takes plain RGB and grey as sRGB.
-constexpr bool kProfilesInProcess = false;
+// ToSrgb8 converts ICC-profiled and CMYK JPEGs too.
+constexpr bool kProfilesInProcess = true;
 
 // What one child may answer: a line per size.
 constexpr size_t kMaxReply = 64 * 1024;
@@ -137,6 +136,9 @@ int MakeSizes(const PipelineSource& source, const std::vector<PipelineSize>& siz
   const bool turn = TurnSum(source.rotate, source.userRotate) % 4 != 0 || source.flop;
   for (size_t i : order) {
     const ThumbPlan& plan = sizes[i].plan;
+    // A raw whose main image is lost decodes to its largest preview: the
+    // sizes it does not cover are not made, never enlarged.
+    if (plan.scaled.width > pixels.width || plan.scaled.height > pixels.height) continue;
     Pixels scaled = Resize(pixels, plan.scaled.width, plan.scaled.height);
     Pixels out = CropCentre(scaled, plan.cut.width, plan.cut.height);
     if (turn) out = Orient(out, source.rotate, source.flop, source.userRotate);

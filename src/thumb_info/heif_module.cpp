@@ -1,9 +1,13 @@
 // The libheif side of the HEIF probe, built as a module of its own.
 #include "thumb_info/heif_module.h"
 
+#include "quality/heif_brands.h"
+
 #include <libheif/heif_cxx.h>
 
 #include <cstring>
+#include <fstream>
+#include <iterator>
 #include <stdexcept>
 #include <string>
 
@@ -41,7 +45,22 @@ extern "C" __attribute__((visibility("default"))) int kovathumb_heif_probe(const
   memset(r, 0, sizeof *r);
   try {
     heif::Context context;
-    context.read_from_file(path);
+    uint8_t head[64] = {};
+    std::ifstream file(path, std::ios::binary);
+    file.read(reinterpret_cast<char*>(head), sizeof head);
+    std::vector<uint8_t> bytes;
+    file.clear();
+    file.seekg(0, std::ios::end);
+    const bool small = file.tellg() >= 0 && static_cast<uint64_t>(file.tellg()) <= kovathumb::internal::kMaxHeifBytes;
+    if (small && kovathumb::internal::SequenceOnlyBrands(head, sizeof head, false)) {
+      // An AVIF sequence, read by its primary image.
+      file.seekg(0);
+      bytes.assign(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
+      kovathumb::internal::SequenceOnlyBrands(bytes.data(), bytes.size(), true);
+      context.read_from_memory_without_copy(bytes.data(), bytes.size());
+    } else {
+      context.read_from_file(path);
+    }
     heif::ImageHandle handle = context.get_primary_image_handle();
     r->width = static_cast<uint32_t>(handle.get_width());
     r->height = static_cast<uint32_t>(handle.get_height());

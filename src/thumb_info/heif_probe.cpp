@@ -2,46 +2,23 @@
 // as HEIC only when its primary image's first metadata block is Exif; in
 // quality mode whenever libheif reads its primary image. The libheif work is
 // done by a module loaded on the first HEIF source.
-#include <dlfcn.h>
-
 #include <mutex>
 #include <string>
 
 #include "kovathumb/thumb_info.h"
 #include "thumb_info/decisions.h"
 #include "thumb_info/heif_module.h"
+#include "util/modules.h"
 #include "util/log.h"
 
 namespace kovathumb {
 
 namespace {
 
-constexpr char kModuleName[] = "libkovathumb_heif.so";
-
-std::string DirOf(const std::string& path) {
-  const size_t slash = path.rfind('/');
-  return slash == std::string::npos ? std::string(".") : path.substr(0, slash);
-}
-
-// The module in our versioned directory beside the object that holds this
-// code (the installed library, wherever the tree was moved), else where the
-// install or the build put it.
+// libheif's start-up cost is paid on the first HEIF source only.
 KovathumbHeifProbeFn LoadProbe(std::string* error) {
-  std::vector<std::string> candidates;
-  Dl_info self;
-  if (dladdr(reinterpret_cast<void*>(&LoadProbe), &self) != 0 && self.dli_fname != nullptr) {
-    candidates.push_back(DirOf(self.dli_fname) + "/" KOVATHUMB_MODULE_SUBDIR "/" + kModuleName);
-  }
-  candidates.push_back(std::string(KOVATHUMB_HEIF_MODULE_INSTALLED) + "/" + kModuleName);
-  candidates.push_back(std::string(KOVATHUMB_HEIF_MODULE_BUILT) + "/" + kModuleName);
-  for (const std::string& path : candidates) {
-    if (void* module = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL)) {
-      return reinterpret_cast<KovathumbHeifProbeFn>(dlsym(module, "kovathumb_heif_probe"));
-    }
-    const char* why = dlerror();
-    *error = why != nullptr ? why : path;
-  }
-  return nullptr;
+  return reinterpret_cast<KovathumbHeifProbeFn>(
+      internal::ModuleSymbol("libkovathumb_heif.so", "kovathumb_heif_probe", error));
 }
 
 }  // namespace

@@ -246,6 +246,7 @@ void ThumbInfo::Read(bool facts, bool preview) {
   }
 
   if (failed) {
+    if (ProbeModern(facts)) return;
     if (!facts) good_ = false;  // as when the preview was read with the facts
     if (code != kExivCannotOpen && code != kExivUnknownType) {
       // Named as the member the caller called.

@@ -24,6 +24,23 @@ const ExtensionSet& ImageExtensionSet() {
   return set;
 }
 
+namespace {
+// Beyond the appliance's list, read only in quality mode.
+constexpr const char* kQualityOnlyExtensions[] = {
+    "webp", "avif", "jxl", "cr3",
+    // Raws LibRaw reads that the appliance's list leaves out.
+    "nrw", "srw", "rwl", "iiq", "fff", "mdc", "gpr", "cap", "eip", "bay"};
+}  // namespace
+
+const ExtensionSet& QualityImageExtensionSet() {
+  static const ExtensionSet set = [] {
+    ExtensionSet s(std::begin(kImageExtensions), std::end(kImageExtensions));
+    s.insert(std::begin(kQualityOnlyExtensions), std::end(kQualityOnlyExtensions));
+    return s;
+  }();
+  return set;
+}
+
 const ExtensionSet& VideoExtensionSet() {
   static const ExtensionSet set(std::begin(kVideoExtensions), std::end(kVideoExtensions));
   return set;
@@ -40,6 +57,8 @@ bool IsSupportExt(const ExtensionSet& set, const std::string& path) {
 }
 
 bool IsSupportImage(const std::string& path) { return IsSupportExt(ImageExtensionSet(), path); }
+
+bool IsQualityImage(const std::string& path) { return IsSupportExt(QualityImageExtensionSet(), path); }
 
 bool IsSupportVideo(const std::string& path) { return IsSupportExt(VideoExtensionSet(), path); }
 

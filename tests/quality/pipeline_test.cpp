@@ -62,10 +62,13 @@ TEST(PipelineTest, WhatTakesTheInProcessPathAndItsBounds) {
   cmyk.components = 4;
   EXPECT_TRUE(PipelineTakes(kMimeJpeg, plain));
   EXPECT_FALSE(PipelineTakes(kMimeJpeg, unread));
-  // Until colour conversion is in process, the tools convert these.
-  EXPECT_FALSE(PipelineTakes(kMimeJpeg, profiled));
-  EXPECT_FALSE(PipelineTakes(kMimeJpeg, cmyk));
+  // Colour is converted in process.
+  EXPECT_TRUE(PipelineTakes(kMimeJpeg, profiled));
+  EXPECT_TRUE(PipelineTakes(kMimeJpeg, cmyk));
   EXPECT_FALSE(PipelineTakes(kMimeGif, unread));
+  for (const char* mime : {"image/webp", "image/avif", "image/heic", "image/jxl", "image/x-canon-cr3"}) {
+    EXPECT_TRUE(PipelineTakes(mime, unread)) << mime;
+  }
   // Larger sources get more time and address space, up to the pixel bound.
   const sandbox::Limits small = PipelineLimits(12u << 20), big = PipelineLimits(24u << 20);
   const sandbox::Limits huge = PipelineLimits(uint64_t{1} << 40), bound = PipelineLimits(DecodeRequest().maxPixels);

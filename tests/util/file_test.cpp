@@ -32,6 +32,14 @@ TEST(FormatsTest, ExtensionsAndSets) {
   // Equal text, not the literal's address.
   EXPECT_TRUE(IsSupportImage("/x/a.Heic") && IsSupportImage(std::string("/x/a.") + "dng") && !IsSupportImage("/x/a.jpeg2000"));
   EXPECT_TRUE(IsSupportVideo("/x/clip.MTS") && !IsSupportVideo("/x/a.mp4.jpg"));
+  // Quality mode's list: the appliance's and the new types; the appliance's stays as it was.
+  for (const char* name : {"a.webp", "a.AVIF", "a.jxl", "IMG_1.CR3", "a.hif", "a.srw", "a.jpg", "a.dng", "a.heic"}) {
+    EXPECT_TRUE(IsQualityImage(name)) << name;
+    const std::string ext = file::GetFileExt(name);
+    EXPECT_EQ(IsSupportImage(name), ext != "webp" && ext != "avif" && ext != "jxl" && ext != "cr3" && ext != "srw")
+        << name;
+  }
+  EXPECT_FALSE(IsQualityImage("a.mp4") || IsQualityImage("a.txt") || IsQualityImage("a.webp.txt"));
 }
 
 class FileTest : public ::testing::Test {

@@ -43,7 +43,10 @@ const char* TypeOf(const std::string& path) {
   if (ext == "gif") return "image/gif";
   if (ext == "bmp") return "image/bmp";
   if (ext == "tif" || ext == "tiff") return "image/tiff";
-  if (ext == "heic" || ext == "heif") return "image/heic";
+  if (ext == "heic" || ext == "heif" || ext == "hif") return "image/heic";
+  if (ext == "webp") return "image/webp";
+  if (ext == "avif") return "image/avif";
+  if (ext == "jxl") return "image/jxl";
   if (IsSupportVideo(path)) return "video";
   return "image/x-raw";
 }
@@ -130,7 +133,7 @@ bool Check(const Params& params, const std::string& root, Checked* checked, std:
   if (status != 200) {
     return *refusal = TextAnswer(params, status, status == 404 ? "no such file" : "refused"), false;
   }
-  if (!IsSupportImage(req.path) && !IsSupportVideo(req.path)) {
+  if (!tool::IsWalkedFile(req.path, req.options & kThumbOptQuality)) {
     return *refusal = TextAnswer(params, 400, "not a photo or video"), false;
   }
   return true;

@@ -148,11 +148,16 @@ bool Inside(const std::string& path, const std::string& root) {
   return path == root || (path.compare(0, root.size(), root) == 0 && path[root.size()] == '/');
 }
 
-size_t WalkTree(const std::string& root, std::vector<TreeFile>* files, std::string* firstTooDeep) {
+bool IsWalkedFile(const std::string& name, bool quality) {
+  return (quality ? IsQualityImage(name) : IsSupportImage(name)) || IsSupportVideo(name);
+}
+
+size_t WalkTree(const std::string& root, std::vector<TreeFile>* files, bool quality,
+                std::string* firstTooDeep) {
   const int fd = open(root.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
   const size_t tooDeep = WalkFolders(fd, kMaxTreeDepth, [&](const Folder& folder, const std::vector<Entry>& entries) {
     for (const Entry& e : entries) {
-      if (S_ISREG(e.st.st_mode) && (IsSupportImage(e.name) || IsSupportVideo(e.name))) {
+      if (S_ISREG(e.st.st_mode) && IsWalkedFile(e.name, quality)) {
         files->push_back(TreeFile{folder.rel + e.name, e.st.st_size, e.st.st_mtime});
       }
     }

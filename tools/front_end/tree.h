@@ -68,11 +68,16 @@ struct TreeFile {
   time_t mtime;
 };
 
-// Supported photos and videos beneath the trusted directory `root`, in name
-// order (a folder's files where its name sorts among its siblings), as
-// WalkFolders finds them from there. Returns the count of folders too deep
-// to enter, as WalkFolders does.
-size_t WalkTree(const std::string& root, std::vector<TreeFile>* files, std::string* firstTooDeep = nullptr);
+// Whether a file of this name is thumbnailed: a video, or a photo of
+// quality mode's list (else the appliance's).
+bool IsWalkedFile(const std::string& name, bool quality);
+
+// Supported photos (quality mode's, else the appliance's) and videos
+// beneath the trusted directory `root`, in name order (a folder's files
+// where its name sorts among its siblings), as WalkFolders finds them from
+// there. Returns the count of folders too deep to enter, as WalkFolders does.
+size_t WalkTree(const std::string& root, std::vector<TreeFile>* files, bool quality = true,
+                std::string* firstTooDeep = nullptr);
 
 }  // namespace tool
 }  // namespace kovathumb

@@ -63,7 +63,7 @@ int RunIndex(const IndexArgs& args) {
     const std::string real = TreeRoot(dir);
     std::vector<TreeFile> found;
     std::string deep;
-    const size_t n = WalkTree(real, &found, &deep);
+    const size_t n = WalkTree(real, &found, !args.appliance, &deep);
     if (n > 0 && tooDeep == 0) firstTooDeep = dir + "/" + deep;
     tooDeep += n;
     for (const TreeFile& f : found) files.push_back(FileJob{real, f.rel, dir + "/" + f.rel});

@@ -35,7 +35,7 @@ double Watcher::Now() {
   return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
 }
 
-bool Watcher::IsPhoto(const std::string& name) { return IsSupportImage(name) || IsSupportVideo(name); }
+bool Watcher::IsPhoto(const std::string& name) const { return IsWalkedFile(name, !args_.appliance); }
 
 void Watcher::SayOnce(bool* said, const std::string& what) {
   if (*said) return;

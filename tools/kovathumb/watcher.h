@@ -72,7 +72,7 @@ class Watcher {
   void Report(const FileJob& job, const Json& j);
   void SayOnce(bool* said, const std::string& what);
   static double Now();
-  static bool IsPhoto(const std::string& name);
+  bool IsPhoto(const std::string& name) const;
 
   const WatchArgs& args_;
   const std::set<std::string> letters_;

@@ -44,6 +44,9 @@ void OnStopWorker(int) { g_stopWorker = 1; }
 void MakeSize(const std::string& path, const StoredOf& stored, const std::string& size, int options, Thumb* shared,
               Outcome* out) {
   ThumbInfo info(path, size, Thumb::strThumbSizeMap_.at(size));
+  // Named as the mode names it: quality mode reads types (and their turns)
+  // the appliance's probe does not.
+  info.SetQuality(options & kThumbOptQuality);
   try {
     info.ExtractImgInfo(false);
   } catch (const Error& e) {
