@@ -44,7 +44,7 @@ class ProgramAttackRootTest : public ::testing::Test {
     ASSERT_TRUE(test::AsAttacker([=] {
       return test::Sh("cd " + Quote(m) + " && ln -s " + Quote(secret) + " out.jpg && ln -s " + Quote(sibling) + " sib && ln -s " +
                       Quote(top) + " up && ln -s keep.jpg in.jpg && ln keep.jpg p.jpg && ln -s " + Quote(secret) +
-                      " x.jpg && mkdir d && ln keep.jpg d/p.jpg && ln -s " + Quote(sibling) + " x") == 0;
+                      " x.jpg && mkdir d && ln keep.jpg d/p.jpg && ln -s " + Quote(sibling) + " x && ln -s d inside") == 0;
     }));
   }
   // Nothing outside the tree gained an EA directory or changed.
@@ -70,7 +70,7 @@ TEST_F(ProgramAttackRootTest, LinksInRequestPathsAndListsAreRefused) {
       {"alice/out.jpg", 403}, {"alice/sib/p.jpg", 403}, {"alice/up/secret.jpg", 403}, {"alice/in.jpg", 403},
       {"../tree2/p.jpg", 403}, {"alice/../../tree2/p.jpg", 403}, {"alice/x/p.jpg", 403},
       {"alice/.kovaea/keep.jpg/KOVAFILE_THUMB_S.jpg", 403}, {"/etc/passwd", 400}, {"alice/none.jpg", 404},
-      {"alice/d", 404}, {"alice/keep.jpg/x.jpg", 404}, {"alice/keep.jpg&quality=0", 200},
+      {"alice/d", 404}, {"alice/keep.jpg/x.jpg", 404}, {"alice/inside/p.jpg", 403}, {"alice/keep.jpg&quality=0", 200},
       {"alice/d/p.jpg&quality=0", 200}};
   for (const char* bin : {KOVATHUMB_CGI_BIN, KOVATHUMB_FCGI_BIN}) {
     for (const auto& c : paths) {
@@ -92,7 +92,8 @@ TEST_F(ProgramAttackRootTest, LinksInRequestPathsAndListsAreRefused) {
   // Both ways of opening beneath the root agree; a link is never crossed.
   const int root = open(t_.tree.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
   const std::pair<const char*, int> cases[] = {{"alice/d", 0}, {"alice/sib", ELOOP}, {"alice/up", ELOOP},
-                                               {"../tree2", EXDEV}, {"alice/none", ENOENT}, {"alice/keep.jpg", ENOTDIR}};
+                                               {"../tree2", EXDEV}, {"alice/inside", ELOOP},
+                                               {"alice/none", ENOENT}, {"alice/keep.jpg", ENOTDIR}};
   for (bool walk : {false, true}) {
     for (const auto& c : cases) {
       const int fd = tool::OpenDirBeneath(root, c.first, walk);
