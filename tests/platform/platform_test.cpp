@@ -100,6 +100,9 @@ TEST(ExecTest, ChildSeesNullInputNoDescriptorsOfOursLimitsAndNoStdout) {
   close(leaked);
   EXPECT_EQ(Popen("ulimit -t"), std::to_string(KOVA_CHILD_CPU_SECONDS) + "\n0");
   EXPECT_EQ(Popen("ulimit -v"), std::to_string(KOVA_CHILD_ADDRESS_SPACE / 1024) + "\n0");
+  EXPECT_EQ(Popen("env | grep '^MAGICK_.*_LIMIT=' | sort | tr '\\n' ' '"),
+            "MAGICK_AREA_LIMIT=128MP MAGICK_DISK_LIMIT=1GiB MAGICK_HEIGHT_LIMIT=16KP MAGICK_MAP_LIMIT=512MiB "
+            "MAGICK_MEMORY_LIMIT=256MiB MAGICK_TIME_LIMIT=60 MAGICK_WIDTH_LIMIT=16KP 0");
   // A tool's output goes to our standard error, never into a response.
   TempDir dir;
   if (fork() == 0) {
