@@ -51,6 +51,9 @@ F src/util/safe_fs.cpp :: the sweep clears a user's look-alike work directory
 F src/convert_cmd/tool_files.cpp :: tool work files are not created exclusively
 - O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600
 + O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0600
+F src/convert_cmd/convert_cmd.cpp :: the converter reads the source by its name, not the file that was probed
+- if (input_ >= 0) src = "/proc/"
++ if (false) src = "/proc/"
 F src/convert_cmd/tool_files.cpp :: the converter's input may be a FIFO
 - (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode))
 + fstat(fd, &st) != 0
@@ -120,6 +123,9 @@ F src/libkovathumb/quality_tools.cpp :: quality mode keeps an embedded profile's
 F tools/front_end/pin.cpp :: the front ends' walk follows links
 - openat(cur, part.c_str(), kDirFlags | O_NOFOLLOW)
 + openat(cur, part.c_str(), kDirFlags)
+F tools/front_end/pin.cpp :: the front ends' walk may climb out by ".."
+- int next = part == ".." ? Fail(EXDEV) : openat(
++ int next = openat(
 F tools/front_end/pin.cpp :: openat2 may cross a link that stays beneath the root
 - RESOLVE_BENEATH | RESOLVE_NO_SYMLINKS | RESOLVE_NO_MAGICLINKS
 + RESOLVE_BENEATH | RESOLVE_NO_MAGICLINKS
@@ -147,12 +153,9 @@ F tools/fcgi/responder.cpp :: the hand-over copy starts two bytes early
 F tools/fcgi/responder.cpp :: a hand-over copy of another length is handed again
 - S_ISREG(st.st_mode) && static_cast<size_t>(st.st_size) == size) {
 + S_ISREG(st.st_mode)) {
-F tools/front_end/tree.cpp :: lists and index descend through a folder swapped for a link
-- openat(dirfd(d), name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC)
-+ openat(dirfd(d), name.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)
-F tools/kovathumb/ea_store.cpp :: index opens a linked EA directory
-- openat(dir, EADirName().c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC)
-+ openat(dir, EADirName().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)
+F tools/kovathumb/ea_store.cpp :: prune and watch follow a link planted in an EA directory
+- kPathFlags = O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
++ kPathFlags = O_PATH | O_DIRECTORY | O_CLOEXEC;
 EOF
 }
 

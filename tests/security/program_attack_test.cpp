@@ -84,11 +84,17 @@ TEST_F(ProgramAttackRootTest, LinksInRequestPathsAndListsAreRefused) {
           << c.first << ": " << handed;
     }
   }
-  // Handed over: what the CGI stored, over the planted link too.
+  // Handed over: what the CGI stored, over the planted link too; a copy cut short, never again.
   EXPECT_EQ(test::ListDir(sendfile).size(), 2u);
+  for (const std::string& f : test::ListDir(sendfile)) EXPECT_EQ(truncate((sendfile + "/" + f).c_str(), 1), 0);
+  test::Response again = Cgi(t_.tree, "path=alice/keep.jpg&size=small&quality=0", KOVATHUMB_FCGI_BIN, sendfile);
+  EXPECT_EQ(test::ReadFile(again.headers["x-sendfile"]),
+            test::ReadFile(t_.mine + "/.kovaea/keep.jpg/KOVAFILE_THUMB_S.jpg"));
   const test::Response list = Cgi(t_.tree, "list=1");
   EXPECT_NE(list.body.find("\"alice/keep.jpg\""), std::string::npos);
-  for (const char* name : {"out.jpg", "sib", "up/", "in.jpg", "x.jpg", "x/"}) EXPECT_EQ(list.body.find(name), std::string::npos) << name;
+  for (const char* name : {"out.jpg", "sib", "up/", "in.jpg", "x.jpg", "x/", ".kovaea"}) {
+    EXPECT_EQ(list.body.find(name), std::string::npos) << name;
+  }
   // Both ways of opening beneath the root agree; a link is never crossed.
   const int root = open(t_.tree.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
   const std::pair<const char*, int> cases[] = {{"alice/d", 0}, {"alice/sib", ELOOP}, {"alice/up", ELOOP},
