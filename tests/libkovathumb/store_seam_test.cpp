@@ -1,5 +1,6 @@
-// The store's owner, mode and time rules, with the system calls replaced:
-// no root needed, and the failures root never meets.
+// The store's rules: the bound on box thumbnails, and owner, mode and time
+// with the system calls replaced: no root needed, and the failures root
+// never meets.
 #include <errno.h>
 #include <sys/stat.h>
 #include <utime.h>
