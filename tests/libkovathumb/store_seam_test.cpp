@@ -1,5 +1,6 @@
-// The store's owner, mode and time rules, with the system calls replaced:
-// no root needed, and the failures root never meets.
+// The store's rules: the bound on box thumbnails, and owner, mode and time
+// with the system calls replaced: no root needed, and the failures root
+// never meets.
 #include <errno.h>
 #include <sys/stat.h>
 #include <utime.h>
@@ -10,6 +11,7 @@
 #include <vector>
 
 #include "kovathumb/thumb.h"
+#include "libkovathumb/store_rules.h"
 #include "support/test_util.h"
 #include "util/system.h"
 
@@ -74,6 +76,20 @@ TEST(StoreSeamTest, OwnerModeTimesAndTheirFailureLines) {
     EXPECT_EQ(calls, c.calls);
     for (const std::string& line : c.logged) EXPECT_EQ(log.Count(line), 1) << line;
     EXPECT_EQ(log.Count(""), static_cast<int>(c.logged.size())) << c.calls;
+  }
+}
+
+// Requests for arbitrary boxes cannot fill the disk: the newest eight and
+// 8 MiB of them stay, to the byte; the one just stored stays whatever it weighs.
+TEST(StoreRulesTest, BoxThumbnailsAreBoundedByCountAndBytes) {
+  const auto box = [](size_t n) { return "KOVAFILE_THUMB_" + std::to_string(n) + "x" + std::to_string(n) + ".jpg"; };
+  const off_t half = 4 << 20;
+  for (auto [sizes, removed] : std::initializer_list<std::pair<std::vector<off_t>, std::vector<std::string>>>{
+           {std::vector<off_t>(8, 1), {}}, {std::vector<off_t>(9, 1), {box(1)}}, {{half, half}, {}},
+           {{half, half + 1}, {box(1)}}, {{9 << 20}, {}}}) {
+    std::vector<internal::StoredThumb> stored = {{"KOVAFILE_THUMB_B.jpg", 1 << 30, {0, 0}}};  // named sizes: no bound
+    for (size_t i = 1; i <= sizes.size(); ++i) stored.push_back({box(i), sizes[i - 1], {static_cast<time_t>(i), 0}});
+    EXPECT_EQ(internal::BoxThumbsToRemove(stored, box(sizes.size())), removed) << sizes.size() << " " << sizes.back();
   }
 }
 

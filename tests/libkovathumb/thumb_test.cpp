@@ -78,6 +78,11 @@ TEST_F(ThumbTest, UpToDateStoredThumbnailsAreServedWithoutConversion) {
   EXPECT_EQ(fallback.CalcOutputFile("big"), medium);
   EXPECT_EQ(fallback.CalcOutputFile("__CUSTOM_SIZE__"), "");
   EXPECT_EQ(Thumb(src_, 2 | 4, false).CalcOutputFile("big"), "");
+  // In quality mode only one within the box: the appliance's may be twice it.
+  for (auto [w, served] : {std::pair(120u, true), {121u, false}, {240u, false}}) {
+    const std::string small = Store("KOVAFILE_THUMB_S.jpg", w, w * 3 / 4);
+    EXPECT_EQ(Thumb(src_, kThumbOptQuality | 2 | 4, false).CalcOutputFile("small") == small, served) << w;
+  }
   EXPECT_THROW(Thumb(src_, 2 | 4, false).Output("huge"), std::out_of_range);
 }
 

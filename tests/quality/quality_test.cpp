@@ -54,8 +54,8 @@ const Case kCases[] = {
     {"o7", PHOTO "-transverse @", 7, 0, 0, "medium", "jpeg", 360, 270, 0.25, 0.25},
     {"o8+user", PHOTO "-rotate 90 @", 8, 2, 0, "medium", "jpeg", 360, 270, 0.75, 0.75},
     {"cmyk", PHOTO "-colorspace CMYK @", 0, 0, 0, "small", "jpeg", 120, 90, 0.25, 0.25},
-    {"adobe", PHOTO "-profile /usr/share/color/icc/colord/sRGB.icc -profile /usr/share/color/icc/colord/AdobeRGB1998.icc @",
-     0, 0, 0, "small", "jpeg", 120, 90, 0.25, 0.25},
+    {"adobe+o2", PHOTO "-flop -profile /usr/share/color/icc/colord/sRGB.icc -profile /usr/share/color/icc/colord/AdobeRGB1998.icc @",
+     2, 0, 0, "small", "jpeg", 120, 90, 0.25, 0.25},
     {"png", PHOTO "-resize 800x600 png:@", 0, 0, 0, "medium", "png", 360, 270, 0.25, 0.25},
     {"gif", "-size 200x150 xc:blue -fill 'rgb(200,40,40)' -draw 'rectangle 0,0 99,74' "
             "\\( +clone -fill white -draw 'point 199,149' \\) -loop 0 gif:@",

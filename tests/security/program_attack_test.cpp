@@ -112,7 +112,7 @@ class ProgramAttackRootTest : public ::testing::Test {
     ASSERT_TRUE(test::AsAttacker([=] {
       return test::Sh("cd " + Quote(m) + " && ln -s " + Quote(secret) + " out.jpg && ln -s " + Quote(sibling) + " sib && ln -s " +
                       Quote(top) + " up && ln -s keep.jpg in.jpg && ln keep.jpg p.jpg && ln -s " + Quote(secret) +
-                      " x.jpg && mkdir d && ln keep.jpg d/p.jpg && ln -s " + Quote(sibling) + " x") == 0;
+                      " x.jpg && mkdir d && ln keep.jpg d/p.jpg && ln -s " + Quote(sibling) + " x && ln -s d inside") == 0;
     }));
   }
   // Nothing outside the tree gained an EA directory or changed.
@@ -138,7 +138,7 @@ TEST_F(ProgramAttackRootTest, LinksInRequestPathsAndListsAreRefused) {
       {"alice/out.jpg", 403}, {"alice/sib/p.jpg", 403}, {"alice/up/secret.jpg", 403}, {"alice/in.jpg", 403},
       {"../tree2/p.jpg", 403}, {"alice/../../tree2/p.jpg", 403}, {"alice/x/p.jpg", 403},
       {"alice/.kovaea/keep.jpg/KOVAFILE_THUMB_S.jpg", 403}, {"/etc/passwd", 400}, {"alice/none.jpg", 404},
-      {"alice/d", 404}, {"alice/keep.jpg/x.jpg", 404}, {"alice/keep.jpg&quality=0", 200},
+      {"alice/d", 404}, {"alice/keep.jpg/x.jpg", 404}, {"alice/inside/p.jpg", 403}, {"alice/keep.jpg&quality=0", 200},
       {"alice/d/p.jpg&quality=0", 200}};
   for (const char* bin : {KOVATHUMB_CGI_BIN, KOVATHUMB_FCGI_BIN}) {
     for (const auto& c : paths) {
@@ -152,15 +152,22 @@ TEST_F(ProgramAttackRootTest, LinksInRequestPathsAndListsAreRefused) {
           << c.first << ": " << handed;
     }
   }
-  // Handed over: what the CGI stored, over the planted link too.
+  // Handed over: what the CGI stored, over the planted link too; a copy cut short, never again.
   EXPECT_EQ(test::ListDir(sendfile).size(), 2u);
+  for (const std::string& f : test::ListDir(sendfile)) EXPECT_EQ(truncate((sendfile + "/" + f).c_str(), 1), 0);
+  test::Response again = Cgi(t_.tree, "path=alice/keep.jpg&size=small&quality=0", KOVATHUMB_FCGI_BIN, sendfile);
+  EXPECT_EQ(test::ReadFile(again.headers["x-sendfile"]),
+            test::ReadFile(t_.mine + "/.kovaea/keep.jpg/KOVAFILE_THUMB_S.jpg"));
   const test::Response list = Cgi(t_.tree, "list=1");
   EXPECT_NE(list.body.find("\"alice/keep.jpg\""), std::string::npos);
-  for (const char* name : {"out.jpg", "sib", "up/", "in.jpg", "x.jpg", "x/"}) EXPECT_EQ(list.body.find(name), std::string::npos) << name;
+  for (const char* name : {"out.jpg", "sib", "up/", "in.jpg", "x.jpg", "x/", ".kovaea"}) {
+    EXPECT_EQ(list.body.find(name), std::string::npos) << name;
+  }
   // Both ways of opening beneath the root agree; a link is never crossed.
   const int root = open(t_.tree.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
   const std::pair<const char*, int> cases[] = {{"alice/d", 0}, {"alice/sib", ELOOP}, {"alice/up", ELOOP},
-                                               {"../tree2", EXDEV}, {"alice/none", ENOENT}, {"alice/keep.jpg", ENOTDIR}};
+                                               {"../tree2", EXDEV}, {"alice/inside", ELOOP},
+                                               {"alice/none", ENOENT}, {"alice/keep.jpg", ENOTDIR}};
   for (bool walk : {false, true}) {
     for (const auto& c : cases) {
       const int fd = tool::OpenDirBeneath(root, c.first, walk);

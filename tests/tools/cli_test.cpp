@@ -86,6 +86,9 @@ TEST(CliTest, ConvertGetMakeImportAndWhyTheyFail) {
   test::MakeImage(dir / "ready.jpg", 1280, 960);
   EXPECT_EQ(Cli("import " + Quote(src) + " large=" + Quote(dir / "ready.jpg")).lines.at(0)["ok"], true);
   EXPECT_TRUE(test::Exists(ea + "/KOVAFILE_THUMB_XL.jpg"));
+  test::MakeImage(dir / "ready.bmp", 640, 480);  // storable, but not the output type
+  EXPECT_EQ(Cli("import --check-mime " + Quote(src) + " big=" + Quote(dir / "ready.bmp")).lines.at(0)["ok"], false);
+  EXPECT_FALSE(test::Exists(ea + "/KOVAFILE_THUMB_B.jpg"));
   r = Cli("index --no-progress --sizes small " + Quote(dir.path()));
   EXPECT_EQ(r.status, 1);
   EXPECT_NE(r.out.find("failed: " + dir / "broken.jpg" + ": "), std::string::npos) << r.out;

@@ -180,7 +180,8 @@ TEST(PruneTest, RemovesOrphansAndUnwantedBoxesOnly) {
   // Work a killed process of ours left in an orphan's EA folder goes with it.
   test::MustSh("cd " + Quote(t) + " && w=.kovaea/gone.jpg/.kovathumb-$(sh -c 'echo $$').x && mkdir -m 700 $w && touch $w/t");
   test::MustSh("cd " + Quote(t) + " && ln -s ../outside ln && ln -s " +
-               Quote(dir / "outside/.kovaea/o.jpg/KOVAFILE_THUMB_S.jpg") + " .kovaea/live.jpg/KOVAFILE_THUMB_B.jpg && sleep 1");
+               Quote(dir / "outside/.kovaea/o.jpg/KOVAFILE_THUMB_S.jpg") + " .kovaea/live.jpg/KOVAFILE_THUMB_B.jpg &&"
+               " ln -s ../../outside/.kovaea/o.jpg .kovaea/gone3.jpg && sleep 1");
   const std::string cmd = std::string(KOVATHUMB_CLI) + " prune --retention 0 " + Quote(t);
   EXPECT_EQ(nlohmann::json::parse(test::Capture(cmd + " --dry-run"))["files"], 5);
   for (const auto& f : files) EXPECT_TRUE(Exists(t + "/" + f.path)) << f.path;

@@ -1,16 +1,20 @@
 // Errors, names of formats, EA paths and the file helpers.
 #include "kovathumb/file.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 
 #include <gtest/gtest.h>
 
 #include <memory>
 
+#include "convert_cmd/tool_files.h"
+#include "front_end/pin.h"
 #include "kovathumb/error.h"
 #include "kovathumb/thumb_const.h"
 #include "support/fake_platform.h"
 #include "support/test_util.h"
+#include "util/safe_fs.h"
 
 namespace kovathumb {
 namespace {
@@ -79,6 +83,39 @@ TEST_F(FileTest, EAWriteSupportByFileSystemTypeAndMoves) {
   EXPECT_TRUE(file::SDKMoveFile(dir_ / "from", dir_ / "to") && test::ReadFile(dir_ / "to") == "data");
   EXPECT_FALSE(file::SDKMoveFile(dir_ / "from", dir_ / "to"));
   EXPECT_EQ(log.Count("\"KOVAFileCopy failed\""), 1);
+}
+
+// Each of our own openers, called directly, against what a user may plant
+// at a name: only a regular file opens, and never through a link (the
+// converter's input is a pinned path: a link there is ours).
+TEST_F(FileTest, OwnOpenersOpenOnlyRegularFilesNeverThroughALink) {
+  test::WriteFile(dir_ / "file", "data");
+  ASSERT_TRUE(symlink("file", (dir_ / "link").c_str()) == 0 && mkfifo((dir_ / "fifo").c_str(), 0666) == 0 &&
+              mkdir((dir_ / "sub").c_str(), 0777) == 0 && symlink("sub", (dir_ / "sublink").c_str()) == 0);
+  const safe_fs::Fd dir = safe_fs::OpenDir(dir_.path());
+  struct stat64 st;
+  tool::PinnedFile pin;
+  // OpenRegular, OpenRegularAt, OpenInput, PinBeneath, PinGiven, OpenDirBeneath
+  for (auto [name, opens] : {std::pair("file", "11111-"), {"link", "00-00-"}, {"fifo", "00001-"},
+                             {"sub", "00001-"}, {"sublink", "-----0"}, {"sub/", "-----1"}}) {
+    const int input = internal::OpenInput(dir_ / name);
+    const std::string got = {char('0' + safe_fs::OpenRegular(dir_ / name, &st).valid()),
+                             char('0' + safe_fs::OpenRegularAt(dir.get(), name, &st).valid()), char('0' + (input >= 0)),
+                             char('0' + (tool::PinBeneath(dir_.path(), name, &pin) == 0)),
+                             char('0' + (tool::PinGiven(dir_ / name, &pin) == 0)),
+                             char('0' + safe_fs::OpenDirBeneath(dir_.path(), dir_ / name).valid())};
+    if (input >= 0) close(input);
+    for (size_t i = 0; i < got.size(); ++i) EXPECT_TRUE(opens[i] == '-' || opens[i] == got[i]) << name << " " << got;
+  }
+  // Work files are made, never reused: a file planted at the name stays as it was.
+  EXPECT_LT(internal::CreateExclusive(dir_ / "file"), 0);
+  EXPECT_EQ(test::ReadFile(dir_ / "file"), "data");
+  // A private work directory goes with what tools left in it.
+  safe_fs::PrivateDir work;
+  ASSERT_TRUE(work.Create(dir.get(), safe_fs::kPrivatePrefix));
+  test::WriteFile(work.ToolPath("left"), "x");
+  work.Remove();
+  EXPECT_EQ(test::ListDir(dir_.path(), safe_fs::kPrivatePrefix).size(), 0u);
 }
 
 }  // namespace

@@ -69,15 +69,18 @@ TEST_P(ServerTest, AnswersThumbnailsAndRefusesWhatItMust) {
   test::Response again =
       Http(port_, "GET", "/thumb?path=album/p%201.jpg&size=small", "If-None-Match: " + ok.headers["etag"] + "\r\n");
   EXPECT_TRUE(again.status == (geteuid() == 0 ? 304 : 200) && again.body.empty() == (geteuid() == 0)) << again.status;
-  test::Response head = Http(port_, "HEAD", "/thumb?path=album/p%201.jpg&size=small");
-  EXPECT_TRUE(head.status == 200 && head.body.empty());
+  // Nor does that validator stay for the next requests a FastCGI worker answers.
+  for (const char* method : {"HEAD", "GET", "GET"}) {
+    test::Response r = Http(port_, method, "/thumb?path=album/p%201.jpg&size=small");
+    EXPECT_TRUE(r.status == 200 && r.body.empty() == (method[0] == 'H')) << method;
+  }
   // A stored thumbnail, sent again as it was stored (by the FastCGI
   // endpoint, through X-Sendfile, which the client never sees).
   test::Response made = Http(port_, "GET", "/thumb?path=album/p%201.jpg&size=medium&quality=0");
   test::Response stored = Http(port_, "GET", "/thumb?path=album/p%201.jpg&size=medium&quality=0");
   EXPECT_TRUE(stored.status == 200 && stored.body == made.body && stored.headers["etag"] == made.headers["etag"]);
   EXPECT_EQ(stored.headers.count("x-sendfile"), 0u);
-  EXPECT_EQ(test::ListDir(dir_ / "server/sendfile").size(), GetParam() == std::string("fcgi") ? 1u : 0u);
+  EXPECT_EQ(test::ListDir(dir_ / "server/sendfile").size(), GetParam() == std::string("fcgi") ? 2u : 0u);  // small, medium
   test::Response post = Http(port_, "POST", "/thumb?path=album/p%201.jpg&size=small", "Content-Length: 0\r\n");
   EXPECT_EQ(std::to_string(post.status) + " " + post.headers["allow"], "405 GET, HEAD");
   for (auto c : {std::make_pair("path=leak.jpg&size=small", 403), {"path=../photos2/secret.jpg&size=small", 403},
