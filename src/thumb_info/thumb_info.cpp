@@ -13,6 +13,7 @@
 #include "kovathumb/error.h"
 #include "kovathumb/file.h"
 #include "kovathumb/thumb_const.h"
+#include "store/fresh.h"
 #include "thumb_info/decisions.h"
 #include "thumb_info/exiv2_io.h"
 #include "util/log.h"
@@ -190,9 +191,13 @@ bool ThumbInfo::IsWebAcceptable() const {
 
 bool ThumbInfo::IsThumbUptoDate(const std::string& thumbPath) const {
   struct stat64 st;
-  // Only a regular, non-empty file counts: never a link, FIFO or directory.
-  if (!safe_fs::StatNoFollow(thumbPath, &st) || !S_ISREG(st.st_mode) || st.st_size <= 0) return false;
-  return fileStat_.st_mtime <= st.st_mtime;
+  // Only a regular file counts: never a link, FIFO or directory.
+  if (!safe_fs::StatNoFollow(thumbPath, &st)) return false;
+  store::StoredFile f;
+  f.regular = S_ISREG(st.st_mode);
+  f.size = st.st_size;
+  f.mtime = st.st_mtime;
+  return store::Serves(store::StoredName(), f, fileStat_.st_mtime, store::Behaviour::kAppliance);
 }
 
 int ThumbInfo::UpdateAMTime(const std::string& file) const {
