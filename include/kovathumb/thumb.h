@@ -248,6 +248,8 @@ class KOVATHUMB_EXPORT Thumb {
   std::string qualityDerived_;
   internal::Pixels* qualityPixels_ = nullptr;  // its upright pixels, when kept
   ThumbDimension qualityDerivedSize_ = {0, 0};
+  std::string qualityLastName_;  // the stored name the batch made last, and whether it was made
+  bool qualityLastMade_ = false;
 };
 
 }  // namespace kovathumb

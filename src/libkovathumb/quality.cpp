@@ -153,19 +153,17 @@ int Thumb::QualityConvert(std::vector<std::pair<std::string, ThumbDimension>> jo
     return uint64_t{a.second.width} * a.second.height > uint64_t{b.second.width} * b.second.height;
   });
   int made = 0;
-  std::string lastName;
-  bool lastMade = false;
   for (const auto& job : jobs) {
     try {
       ExtractForBatch();
       if (qualityWork_ == nullptr) qualityWork_ = NewQualityWorkDir();
       SetSize(job.first, named ? strThumbSizeMap_.at(job.first) : job.second);
       const std::string name = GetOnlineOutputDest();
-      if (name == lastName) {  // "large" and "xlarge" share one file
-        made += lastMade ? 1 : 0;
+      if (name == qualityLastName_) {  // "large" and "xlarge" share one file, also over several calls
+        made += qualityLastMade_ ? 1 : 0;
         continue;
       }
-      lastName = name;
+      qualityLastName_ = name;
       const bool odd = internal::TurnSum(info_.GetRotate(), info_.GetUserRotate()) & 1;
       const ThumbDimension fit = internal::FitInBox(odd ? info_.GetHeight() : info_.GetWidth(),
                                                     odd ? info_.GetWidth() : info_.GetHeight(),
@@ -173,13 +171,13 @@ int Thumb::QualityConvert(std::vector<std::pair<std::string, ThumbDimension>> jo
       const bool useDerived = !qualityDerived_.empty() && qualityDerivedSize_.width >= fit.width &&
                               qualityDerivedSize_.height >= fit.height && fit.width != 0;
       const std::string derived = useDerived ? qualityDerived_ : std::string();
-      lastMade = QualityOnline(useDerived ? &derived : nullptr);
+      qualityLastMade_ = QualityOnline(useDerived ? &derived : nullptr);
       const std::string prev = "prev" + info_.GetOutputExtension();
-      if (lastMade && qualityWork_->ok() && qualityWork_->Has(prev) && fit.width != 0) {
+      if (qualityLastMade_ && qualityWork_->ok() && qualityWork_->Has(prev) && fit.width != 0) {
         qualityDerived_ = qualityWork_->File(prev);
         qualityDerivedSize_ = fit;
       }
-      made += lastMade ? 1 : 0;
+      made += qualityLastMade_ ? 1 : 0;
     } catch (...) {
       // Logged as the member the caller called.
       const internal::LogSite& at = named ? internal::site::kConvertSizes : internal::site::kConvertDimensions;
@@ -195,6 +193,8 @@ void Thumb::QualityRelease() {
   delete qualityPixels_;
   qualityPixels_ = nullptr;
   qualityDerived_.clear();
+  qualityLastName_.clear();
+  qualityLastMade_ = false;
 }
 
 }  // namespace kovathumb

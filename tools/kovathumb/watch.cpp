@@ -241,7 +241,7 @@ void AddWatchCommand(CLI::App& app, int* status) {
   cmd->add_option("DIR", args->dirs, "directories")->required();
   cmd->callback([args, status] {
     std::vector<std::string> sizes = args->sizes;
-    if (sizes.empty()) sizes = {kSizeSmall, kSizeMedium, kSizeBig, kSizeLarge, kSizeXLarge};
+    if (sizes.empty()) sizes.assign(std::begin(kConvertibleSizes), std::end(kConvertibleSizes));
     CheckSizes(sizes);
     ApplyPriority(args->priority);
     if (pipe2(g_wake, O_CLOEXEC | O_NONBLOCK) != 0) throw std::runtime_error("pipe failed");
