@@ -3,7 +3,8 @@
 #include <string.h>
 #include <sys/stat.h>
 
-#include <memory>
+#include <algorithm>
+#include <vector>
 #include <string>
 
 #include "kovathumb/thumb_const.h"
@@ -65,16 +66,18 @@ JpegFacts ScanJpegFile(const std::string& path) {
 }
 
 JpegFacts ScanJpegFd(int fd) {
-  // Most frame headers are in the first 64 KiB; read more only when not.
-  std::unique_ptr<unsigned char[]> head(new unsigned char[kHeadBytes]);
+  // Our own thumbnails carry their frame header in the first few KiB, and
+  // the store judges every one it serves: read more only when not.
+  std::vector<unsigned char> head;
   size_t got = 0;
   JpegFacts facts;
-  for (size_t want = 64 * 1024; want <= kHeadBytes; want *= 8) {
-    const ssize_t n = safe_fs::ReadAt(fd, reinterpret_cast<char*>(head.get()) + got, want - got,
+  for (size_t want = 4096;; want = std::min(want * 8, kHeadBytes)) {
+    head.resize(want);
+    const ssize_t n = safe_fs::ReadAt(fd, reinterpret_cast<char*>(head.data()) + got, want - got,
                                       static_cast<off_t>(got));
     if (n > 0) got += static_cast<size_t>(n);
-    facts = ScanJpeg(head.get(), got);
-    if (facts.ok || got < want) break;  // found, or the whole file read
+    facts = ScanJpeg(head.data(), got);
+    if (facts.ok || got < want || want == kHeadBytes) break;  // found, the whole file read, or enough
   }
   return facts;
 }

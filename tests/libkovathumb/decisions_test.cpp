@@ -1,4 +1,6 @@
 // The store's and quality mode's pure decisions, row by row.
+#include <fcntl.h>
+
 #include <gtest/gtest.h>
 
 #include <string>
@@ -8,6 +10,8 @@
 #include "libkovathumb/quality.h"
 #include "libkovathumb/store_rules.h"
 #include "store/image_facts.h"
+#include "support/test_util.h"
+#include "util/safe_fs.h"
 
 namespace kovathumb {
 namespace internal {
@@ -99,6 +103,12 @@ TEST(QualityDecisionsTest, JpegMarkersBeforeTheScan) {
   EXPECT_EQ(scan("\xff\xd8" + segment(0xDA, "xx") + sof), "0 0x0 0");  // the scan came first
   EXPECT_EQ(scan("\xff\xd8" + sof.substr(0, 6)), "0 0x0 0");              // cut inside the frame header
   EXPECT_EQ(scan("\x89PNG"), "0 0x0 0");
+  test::TempDir dir;  // from a file, the frame header past the first read
+  test::WriteFile(dir / "big-exif.jpg", "\xff\xd8" + segment(0xE1, std::string(30000, 'e')) + sof + "scan");
+  const safe_fs::Fd fd(open((dir / "big-exif.jpg").c_str(), O_RDONLY));
+  const JpegFacts f = ScanJpegFd(fd.get());
+  EXPECT_TRUE(f.ok && f.width == 640 && f.height == 480);
+  EXPECT_EQ(store::ReadImageFacts(fd.get()).mime + " " + std::to_string(store::ReadImageFacts(fd.get()).width), "image/jpeg 640");
 }
 
 }  // namespace
