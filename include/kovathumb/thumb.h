@@ -255,7 +255,6 @@ class KOVATHUMB_EXPORT Thumb {
   std::unique_ptr<Pinned> pinned_;  // open files of the current request
 
   // Quality mode (quality.cpp).
-  KOVATHUMB_LOCAL bool QualityStoredOk(int fd) const;
   KOVATHUMB_LOCAL bool QualityFromPreview();
   KOVATHUMB_LOCAL bool QualityOnline(const std::string* derived = nullptr);
   KOVATHUMB_LOCAL bool QualityFromRaw();
@@ -274,6 +273,8 @@ class KOVATHUMB_EXPORT Thumb {
   std::string qualityDerived_;
   internal::Pixels* qualityPixels_ = nullptr;  // its upright pixels, when kept
   ThumbDimension qualityDerivedSize_ = {0, 0};
+  std::string qualityLastName_;  // the stored name the batch made last, and whether it was made
+  bool qualityLastMade_ = false;
 };
 
 }  // namespace kovathumb

@@ -47,7 +47,7 @@ FILE* PopenQuietly(const char* path, const char* const argv[]) {
 bool copyStream(int out, int in) {
   char buf[4096];
   uint64_t total = 0;
-  const time_t deadline = time(nullptr) + KOVA_CHILD_WALL_SECONDS;
+  const time_t deadline = time(nullptr) + KOVAChildWallSeconds();
   for (;;) {
     const time_t left = deadline - time(nullptr);
     struct pollfd p = {in, POLLIN, 0};

@@ -15,6 +15,7 @@
 #include "libkovathumb/pinned.h"
 #include "libkovathumb/store_rules.h"
 #include "libkovathumb/thumb_shared.h"
+#include "store/fresh.h"
 #include "thumb_info/decisions.h"
 #include "thumb_info/thumb_info_access.h"
 #include "util/ea_dir.h"
@@ -32,7 +33,12 @@ bool Thumb::Fail() {
 
 int Thumb::EADir(bool make) {
   safe_fs::Fd& ea = pinned_->eaDir;
-  if (!ea.valid() && (!make || file::MakeEADir(path_))) ea = file::OpenEADir(path_);
+  if (!ea.valid()) ea = file::OpenEADir(path_);
+  if (!ea.valid() && make && file::MakeEADir(path_)) {
+    ea = file::OpenEADir(path_);
+    // Made for this request: it goes again if nothing is stored in it.
+    if (ea.valid()) pinned_->madeEADir = BaseName(path_);
+  }
   return ea.get();
 }
 
@@ -51,14 +57,16 @@ bool Thumb::SetOutStored(const std::string& name, bool needEAPath, bool conditio
   const std::string path = file::GetEAPath(path_, name);
   if (needEAPath && path.empty()) return Fail();
   if (path.empty() || !condition) return Fail();
-  // Anything but a regular file here (a link, FIFO, directory), or a file
-  // larger than any thumbnail, is no thumbnail; the file checked is the one
-  // sent.
+  // The store's one rule decides, on the very file that is then sent; a file
+  // larger than any thumbnail is none.
   const int ea = EADir(false);
+  const store::Behaviour behaviour = quality_ ? store::Behaviour::kQuality : store::Behaviour::kAppliance;
   struct stat64 st;
-  safe_fs::Fd fd = ea < 0 ? safe_fs::Fd() : safe_fs::OpenRegularAt(ea, name, &st);
-  if (!fd.valid() || st.st_size > KOVAMaxThumbBytes() || !info_.IsThumbUptoDate(safe_fs::SelfPath(fd.get()))) return Fail();
-  if (quality_ && !isVideo_ && !QualityStoredOk(fd.get())) return Fail();
+  safe_fs::Fd fd;
+  if (!store::ServesAt(ea, name, internal::ThumbInfoAccess::ProbedMtime(info_), behaviour, &fd, &st) ||
+      st.st_size > KOVAMaxThumbBytes()) {
+    return Fail();
+  }
   outputFile_ = path;
   pinned_->SetOutput(path, std::move(fd), st);
   outputType_ = type;
@@ -103,7 +111,7 @@ bool Thumb::SetOutFromEXIFPreview() {
   const std::string preview = info_.GetEXIFPreviewTmpPath();
   const std::string dest = file::GetEAPath(path_, info_.GetDossivaThumbEAName());
   if (preview.empty()) return Fail();
-  if (!file::MakeEADir(path_)) {
+  if (EADir(true) < 0) {
     unlink(preview.c_str());
     return Fail();
   }

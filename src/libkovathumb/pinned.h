@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "kovathumb/thumb.h"
+#include "store/ea.h"
 #include "util/safe_fs.h"
 
 namespace kovathumb {
@@ -22,6 +23,14 @@ struct Thumb::Pinned {
   struct stat64 outputStat;
   safe_fs::PrivateDir work;
   safe_fs::Fd turned;  // a turned gallery thumbnail of Answer()
+  // The EA directory's name when this request made it, "" when it was there.
+  std::string madeEADir;
+
+  // A request that stored nothing leaves no EA directory of its own behind.
+  ~Pinned() {
+    work.Remove();
+    if (!madeEADir.empty() && eaDir.valid()) store::RemoveIfEmpty(eaDir.get(), madeEADir);
+  }
 
   void SetOutput(const std::string& path, safe_fs::Fd fd, const struct stat64& st) {
     output = std::move(fd);

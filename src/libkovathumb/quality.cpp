@@ -38,27 +38,6 @@ using WorkDir = internal::QualityWorkDir;
 
 // ---- Thumb's quality members ------------------------------------------------------
 
-bool Thumb::QualityStoredOk(int fd) const {
-  // A stored file made by the appliance's rules may be a BMP or twice the box.
-  const std::string mime = info_.GetOutputMimeType();
-  unsigned char head[32] = {};
-  if (safe_fs::ReadAt(fd, reinterpret_cast<char*>(head), sizeof head, 0) < 24) return false;
-  uint32_t w = 0, h = 0;
-  if (mime == kMimeJpeg) {
-    const internal::JpegFacts f = internal::ScanJpegFd(fd);
-    w = f.ok ? f.width : 0;
-    h = f.ok ? f.height : 0;
-  } else if (mime == kMimePng && memcmp(head, "\x89PNG", 4) == 0) {
-    w = (uint32_t{head[16]} << 24) | (uint32_t{head[17]} << 16) | (uint32_t{head[18]} << 8) | head[19];
-    h = (uint32_t{head[20]} << 24) | (uint32_t{head[21]} << 16) | (uint32_t{head[22]} << 8) | head[23];
-  } else if (mime == kMimeGif && memcmp(head, "GIF8", 4) == 0) {
-    w = head[6] | (uint32_t{head[7]} << 8);
-    h = head[8] | (uint32_t{head[9]} << 8);
-  }
-  const ThumbDimension box = info_.GetDimension();
-  return w != 0 && h != 0 && w <= box.width && h <= box.height;
-}
-
 bool Thumb::QualityFromPreview() {
   const std::string preview = info_.GetEXIFPreviewTmpPath();
   if (!info_.IsGood() || preview.empty()) return Fail();
@@ -178,19 +157,17 @@ int Thumb::QualityConvert(std::vector<std::pair<std::string, ThumbDimension>> jo
   });
   int made = 0;
   if (QualityPiped(&jobs, named, &made)) return made;
-  std::string lastName;
-  bool lastMade = false;
   for (const auto& job : jobs) {
     try {
       ExtractForBatch();
       if (qualityWork_ == nullptr) qualityWork_ = NewQualityWorkDir();
       SetSize(job.first, named ? strThumbSizeMap_.at(job.first) : job.second);
       const std::string name = GetOnlineOutputDest();
-      if (name == lastName) {  // "large" and "xlarge" share one file
-        made += lastMade ? 1 : 0;
+      if (name == qualityLastName_) {  // "large" and "xlarge" share one file, also over several calls
+        made += qualityLastMade_ ? 1 : 0;
         continue;
       }
-      lastName = name;
+      qualityLastName_ = name;
       const bool odd = internal::TurnSum(info_.GetRotate(), info_.GetUserRotate()) & 1;
       const ThumbDimension fit = internal::FitInBox(odd ? info_.GetHeight() : info_.GetWidth(),
                                                     odd ? info_.GetWidth() : info_.GetHeight(),
@@ -198,13 +175,13 @@ int Thumb::QualityConvert(std::vector<std::pair<std::string, ThumbDimension>> jo
       const bool useDerived = !qualityDerived_.empty() && qualityDerivedSize_.width >= fit.width &&
                               qualityDerivedSize_.height >= fit.height && fit.width != 0;
       const std::string derived = useDerived ? qualityDerived_ : std::string();
-      lastMade = QualityOnline(useDerived ? &derived : nullptr);
+      qualityLastMade_ = QualityOnline(useDerived ? &derived : nullptr);
       const std::string prev = "prev" + info_.GetOutputExtension();
-      if (lastMade && qualityWork_->ok() && qualityWork_->Has(prev) && fit.width != 0) {
+      if (qualityLastMade_ && qualityWork_->ok() && qualityWork_->Has(prev) && fit.width != 0) {
         qualityDerived_ = qualityWork_->File(prev);
         qualityDerivedSize_ = fit;
       }
-      made += lastMade ? 1 : 0;
+      made += qualityLastMade_ ? 1 : 0;
     } catch (...) {
       // Logged as the member the caller called.
       const internal::LogSite& at = named ? internal::site::kConvertSizes : internal::site::kConvertDimensions;
@@ -356,6 +333,8 @@ void Thumb::QualityRelease() {
   delete qualityPixels_;
   qualityPixels_ = nullptr;
   qualityDerived_.clear();
+  qualityLastName_.clear();
+  qualityLastMade_ = false;
 }
 
 }  // namespace kovathumb

@@ -10,6 +10,7 @@
 #include <string>
 
 #include "kovaplatform/kovaplatform.h"
+#include "store/ea.h"
 #include "util/ea_dir.h"
 #include "util/log.h"
 #include "util/safe_fs.h"
@@ -93,7 +94,7 @@ std::string GetVarTmpPath(const std::string& name) {
   return tmp;
 }
 
-void SweepAbandonedWork(int eaDir) { safe_fs::SweepAbandoned(eaDir, safe_fs::kPrivatePrefix); }
+void SweepAbandonedWork(int eaDir) { store::SweepAbandonedWork(eaDir); }
 
 }  // namespace file
 }  // namespace kovathumb

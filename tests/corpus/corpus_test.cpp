@@ -2,6 +2,7 @@
 // what the probe reads, and what quality mode makes of every one of them.
 #include <gtest/gtest.h>
 #include <lcms2.h>
+#include <nlohmann/json.hpp>
 
 #include <fcntl.h>
 
@@ -286,6 +287,33 @@ TEST(CorpusTest, ModernTypesProbeDecodeAndKeepTheirColours) {
   EXPECT_NE(first.find("\"made\":" + std::to_string(5 * std::size(rows)) + ","), std::string::npos) << first;
   EXPECT_NE(second.find("\"made\":0,"), std::string::npos) << second;
   EXPECT_EQ(test::EALeftovers(dir.path()), "");
+}
+
+// After the appliance's index (djpeg's BMPs under JPEG names, boxes twice
+// over), quality's index and a quality request judge every stored file
+// alike; a second index, HEICs with an orientation among its files,
+// makes nothing.
+TEST(CorpusTest, AfterTheAppliancesIndexQualityIndexAndRequestsAgree) {
+  if (access((CorpusDir() + "/MANIFEST.tsv").c_str(), R_OK) != 0) GTEST_SKIP() << CorpusDir() << " is absent";
+  test::TempDir dir;
+  const std::string cli = KOVATHUMB_CLI, c = CorpusDir() + "/";
+  test::MustSh("cd " + Quote(dir.path()) + " && mkdir a && cp " + Quote(c + "heif/iphone_7.heic") + " " +
+               Quote(c + "orientation/landscape_6.jpg") + " " + Quote(c + "jpeg/nikon_d90.jpg") + " " +
+               Quote(c + "jpeg/canon_hdr.jpg") + " a/ && " + cli + " index --appliance --no-progress a >/dev/null; " +
+               "cp -a a b && cp -a a before");
+  const auto summary = [&](const std::string& tree) {
+    return nlohmann::json::parse(test::Capture(cli + " index --json --no-progress " + Quote(dir / tree) + " | tail -n 1"));
+  };
+  EXPECT_GT(summary("a")["made"].get<int>(), 0);  // the BMPs and the oversized
+  test::MustSh("cd " + Quote(dir / "b") + " && for f in *.*; do for s in xlarge large big medium small; do " + cli +
+               " get --quality --dossiva $s \"$f\" >/dev/null; done; done");
+  const std::string stored = "find . -path '*/.kovaea/*' -type f | sort";
+  EXPECT_EQ(test::Capture("cd " + Quote(dir / "a") + " && " + stored), test::Capture("cd " + Quote(dir / "b") + " && " + stored));
+  EXPECT_EQ(test::Capture("cd " + Quote(dir / "before") + " && for f in $(" + stored + "); do cmp -s $f ../a/$f; a=$?; " +
+                          "cmp -s $f ../b/$f; [ $a = $? ] || echo $f; done"), "");
+  EXPECT_TRUE(test::Exists(dir / "a/.kovaea/iphone_7.heic/KOVAFILE_THUMB_S_r1.jpg"));  // turned by its orientation
+  const nlohmann::json again = summary("a");
+  EXPECT_EQ(again["made"], 0) << again;
 }
 
 }  // namespace

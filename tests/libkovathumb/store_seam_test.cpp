@@ -2,17 +2,21 @@
 // with the system calls replaced: no root needed, and the failures root
 // never meets.
 #include <errno.h>
+#include <fcntl.h>
+#include <unistd.h>
 #include <sys/stat.h>
 #include <utime.h>
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <string>
 #include <vector>
 
 #include "kovathumb/thumb.h"
 #include "libkovathumb/store_rules.h"
 #include "support/test_util.h"
+#include "store/ea.h"
 #include "util/system.h"
 
 namespace kovathumb {
@@ -65,7 +69,7 @@ TEST(StoreSeamTest, OwnerModeTimesAndTheirFailureLines) {
     test::WriteFile(dir / "made.jpg", "\xff\xd8\xff\xe0" + std::string(16, '\0') + "\xff\xd9");
     g = {c.euid, c.refuse, {}};
     internal::System& sys = internal::Sys();
-    sys = {Chmod, Chown, Times, sys.renameat, sys.unlinkat, Euid, Euid, SetIds, SetIds};
+    sys = {Chmod, Chown, Times, sys.renameat, sys.unlinkat, Euid, Euid, SetIds, SetIds, sys.mkdirat};
     test::LogCapture log;
     Thumb thumb(dir / "photo.jpg", 0, false);
     const bool stored = thumb.SaveThumbToEA(dir / "made.jpg", dir / "stored.jpg", c.mtime);
@@ -91,6 +95,60 @@ TEST(StoreRulesTest, BoxThumbnailsAreBoundedByCountAndBytes) {
     for (size_t i = 1; i <= sizes.size(); ++i) stored.push_back({box(i), sizes[i - 1], {static_cast<time_t>(i), 0}});
     EXPECT_EQ(internal::BoxThumbsToRemove(stored, box(sizes.size())), removed) << sizes.size() << " " << sizes.back();
   }
+}
+
+// The EA directory's operations, removing and making through the same table:
+// a refusal (a user's directory we may not change) is met without root.
+int RefuseUnlink(int, const char*, int) { return errno = EPERM, -1; }
+int CountMkdir(int dir, const char* name, mode_t mode) { return g.calls.push_back(std::string("mkdir ") + name), ::mkdirat(dir, name, mode); }
+
+TEST(StoreSeamTest, EADirectoryOperationsRemoveOnlyOursAndMeetRefusals) {
+  EXPECT_TRUE(store::IsEADirName(".kovaea") && !store::IsEADirName("kovaea"));
+  test::TempDir dir;
+  const std::string ea = dir / ".kovaea/a.jpg";
+  test::MustSh("mkdir -p " + test::Quote(ea) + " " + test::Quote(dir / ".kovaea/b.jpg") + " && cd " + test::Quote(ea) +
+               " && printf 123 >KOVAFILE_THUMB_S.jpg && printf 4567 >KOVAAVATAR_9x9.jpg && printf x >notes.txt && " +
+               "ln -s /etc/passwd KOVAFILE_THUMB_M.jpg && mkdir KOVAFILE_THUMB_B.jpg && ln -s /tmp ../c.jpg && touch " +
+               test::Quote(dir / "a.jpg") + " " + test::Quote(dir / "b.jpg"));
+  const int top = open(dir.path().c_str(), O_PATH | O_DIRECTORY);
+  std::vector<std::string> listed = store::EADirsIn(top);
+  std::sort(listed.begin(), listed.end());
+  EXPECT_EQ(listed, (std::vector<std::string>{"a.jpg", "b.jpg", "c.jpg"}));
+  EXPECT_EQ(store::OpenEADirOf(top, "c.jpg"), -1);  // a link planted as an EA directory
+  EXPECT_EQ(store::OpenEADirOf(top, ".."), -1);
+
+  store::Freed freed;
+  internal::Sys().unlinkat = RefuseUnlink;
+  EXPECT_FALSE(store::RemoveEADir(top, "a.jpg", false, &freed));
+  internal::ResetSystem();
+  EXPECT_EQ(freed.files, 0);
+  EXPECT_TRUE(store::RemoveEADir(top, "a.jpg", true, &freed));  // counted, not removed
+  EXPECT_EQ(std::to_string(freed.files) + " " + std::to_string(freed.bytes), "2 7");
+  freed = {};
+  EXPECT_FALSE(store::RemoveEADir(top, "a.jpg", false, &freed));  // the user's files keep it
+  EXPECT_EQ(test::Capture("ls -A " + test::Quote(ea)), "KOVAFILE_THUMB_B.jpg\nKOVAFILE_THUMB_M.jpg\nnotes.txt\n");
+  EXPECT_TRUE(test::Exists("/etc/passwd"));
+
+  const int made = open((dir / ".kovaea/b.jpg").c_str(), O_PATH | O_DIRECTORY);
+  test::WriteFile(dir / ".kovaea/b.jpg/KOVAFILE_THUMB_S.jpg", "1");
+  EXPECT_FALSE(store::RemoveIfEmpty(made, "b.jpg"));  // holds a thumbnail: stays
+  unlink((dir / ".kovaea/b.jpg/KOVAFILE_THUMB_S.jpg").c_str());
+  EXPECT_FALSE(store::RemoveIfEmpty(made, "a.jpg"));  // not the directory under that name
+  EXPECT_TRUE(store::RemoveIfEmpty(made, "b.jpg"));
+  close(made);
+
+  test::WriteFile(ea + "/KOVAFILE_THUMB_S.jpg", "1");
+  test::MustSh("mkdir " + test::Quote(dir / "to"));
+  const int to = open((dir / "to").c_str(), O_PATH | O_DIRECTORY);
+  g.calls.clear();
+  internal::Sys().mkdirat = CountMkdir;
+  EXPECT_TRUE(store::MoveEADir(top, "a.jpg", to, "z.jpg"));
+  internal::ResetSystem();
+  EXPECT_EQ(g.calls, std::vector<std::string>{"mkdir .kovaea"});
+  EXPECT_TRUE(test::Exists(dir / "to/.kovaea/z.jpg/KOVAFILE_THUMB_S.jpg") && !test::Exists(ea));
+  EXPECT_FALSE(store::MoveEADir(top, "a.jpg", to, "z.jpg"));  // nothing left to carry
+  close(to);
+  close(top);
 }
 
 }  // namespace

@@ -152,6 +152,21 @@ TEST_F(ThumbTest, ConvertCountsSizesAndImportNeedsTheOutputType) {
   EXPECT_TRUE(PreviewFiles().empty());
 }
 
+// Every tool fails: the EA directory a request made goes again, one that
+// already held a thumbnail stays.
+TEST_F(ThumbTest, AFailedConversionLeavesNoEADirectoryOfItsOwn) {
+  test::MakePhoto(src_, 1600, 1200);
+  test::MakeImage(dir_ / "scan.tif", 900, 600);
+  fake::State().exec_result = 1;
+  for (const auto& [path, options] : {std::pair(src_, 0), {dir_ / "scan.tif", int{kThumbOptQuality}}}) {
+    EXPECT_EQ(Thumb(path, options, false).Convert({std::string("big"), std::string("small")}), 0) << path;
+    EXPECT_EQ(test::Capture("ls -A " + Quote(dir_ / ".kovaea")), "") << path;
+  }
+  Store("KOVAFILE_THUMB_M.jpg", 360, 270);
+  EXPECT_EQ(Thumb(src_, 0, false).Convert({std::string("big")}), 0);
+  EXPECT_EQ(test::ListDir(ea_), std::vector<std::string>{"KOVAFILE_THUMB_M.jpg"});
+}
+
 TEST_F(ThumbTest, OnlyGalleryThumbnailsAreTurnedForTheUser) {
   test::MakePhoto(src_, 800, 600);
   // A whole turn, or a file manager's thumbnail (already turned): the stored file as it is.

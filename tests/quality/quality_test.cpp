@@ -135,6 +135,11 @@ TEST_F(QualityTest, PreviewsOfAnotherShapeAreNotUsedAndFiveSizesNeedNoTool) {
     EXPECT_TRUE(Near(ea + name, 0.25, 0.25)) << name;
   }
   EXPECT_EQ(test::ImageSize(ea + "KOVAFILE_THUMB_XL.jpg"), std::make_pair(1280u, 853u));
+  Thumb sizeBySize(src, kThumbOptQuality, false);  // one call a size, as make does
+  ASSERT_EQ(sizeBySize.Convert({std::string("large")}), 1);
+  const ino_t large = test::Stat(ea + "KOVAFILE_THUMB_XL.jpg").st_ino;
+  EXPECT_EQ(sizeBySize.Convert({std::string("xlarge")}), 1);
+  EXPECT_EQ(test::Stat(ea + "KOVAFILE_THUMB_XL.jpg").st_ino, large) << "encoded twice";
 }
 
 }  // namespace

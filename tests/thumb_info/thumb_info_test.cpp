@@ -1,12 +1,18 @@
 // The record's questions and names, on records filled by hand.
 #include "kovathumb/thumb_info.h"
+#include "kovathumb/thumb_const.h"
 
 #include <utime.h>
 
 #include <gtest/gtest.h>
 
+#include <set>
 #include <stdexcept>
+#include <utility>
+#include <vector>
 
+#include "store/fresh.h"
+#include "store/ea.h"
 #include "thumb_info/decisions.h"
 #include "support/test_util.h"
 #include "support/thumb_info_access.h"
@@ -72,6 +78,101 @@ TEST(ThumbInfoTest, NamesOfTheWorkedExamples) {
   }
   EXPECT_THROW((void)Make("image/jpeg", 9, 9, 0, "original").GetPictavoThumbEAName(), std::out_of_range);
   EXPECT_THROW((void)Make("image/jpeg", 9, 9, 0, "huge").GetDossivaThumbEAName(), std::out_of_range);
+}
+
+// Every name the library stores, built from records as requests fill them,
+// reads back as what it was built from; nothing else is taken for ours.
+TEST(StoreNamesTest, EveryStoredNameParsesBackAndNoOtherNameIsOurs) {
+  std::set<std::string> names;
+  for (const store::SizeRow& row : store::Sizes()) {
+    const bool custom = *row.letter == '\0';  // "original" stands in for a request's own box
+    for (const char* mime : {"image/jpeg", "image/png", "image/gif"}) {
+      for (int rotate = 0; rotate <= 3; ++rotate) {
+        for (int user = store::kMinUserRotate; user <= store::kMaxUserRotate; ++user) {
+          ThumbInfo info = Make(mime, 4000, 3000, rotate, custom ? kSizeCustom : row.size, {320, 240}, user);
+          info.SetEnableGIF(true);
+          std::vector<std::pair<std::string, store::Scheme>> built = {
+              {info.GetDossivaThumbEAName(), store::Scheme::kDossiva},
+              {info.GetAvatarThumbEAName(), store::Scheme::kAvatar},
+              {info.GetCinevoThumbEAName(), store::Scheme::kCinevo}};
+          if (!custom) {
+            built.push_back({info.GetPictavoThumbEAName(), store::Scheme::kPictavo});
+            built.push_back({info.GetPictavoOldThumbEAName(), store::Scheme::kPictavoOld});
+          }
+          for (const auto& [name, scheme] : built) {
+            store::StoredName parsed;
+            ASSERT_TRUE(store::Parse(name, &parsed)) << name;
+            EXPECT_EQ(store::Build(parsed), name);
+            EXPECT_EQ(parsed.scheme, scheme) << name;
+            EXPECT_NE(store::Classify(name), store::Stored::kNotOurs) << name;
+            if (scheme == store::Scheme::kDossiva || scheme == store::Scheme::kAvatar) {
+              EXPECT_EQ(parsed.turns, internal::TurnSum(rotate, user) % 4) << name;
+              EXPECT_EQ(parsed.ext, info.GetOutputExtension()) << name;
+            }
+            names.insert(name);
+          }
+        }
+      }
+    }
+  }
+  // Four letters and the box, three types, turns -3..3, five schemes.
+  EXPECT_EQ(names.size(), 4u * 3 * 2 + 5u * 3 * 7 + 3u * 7 + 1);
+  EXPECT_EQ(names.count("KOVAFILE_THUMB_XL_r-3.gif") + names.count("KOVAFILE_THUMB_240x320_r1.png"), 2u);
+
+  const struct { const char* name; store::Stored kind; } kinds[] = {
+      {"KOVAFILE_THUMB_S.jpg", store::Stored::kThumb}, {"KOVAPHOTO:THUMB_B.gif", store::Stored::kThumb},
+      {"KOVAVIDEO_VIDEO_SCREENSHOT.jpg", store::Stored::kThumb}, {"KOVAAVATAR_64x64.png", store::Stored::kBoxThumb},
+      {"KOVAFILE_THUMB_640x480_r-2.jpg", store::Stored::kBoxThumb}};
+  for (const auto& k : kinds) EXPECT_EQ(store::Classify(k.name), k.kind) << k.name;
+  for (const char* stranger : {"KOVAFILE_THUMB_S.jpg.bak", "KOVAFILE_THUMB_Q.jpg", "KOVAFILE_THUMB_x480.jpg",
+                               "notes.txt", "KOVAFILE_THUMB_S_r4.jpg", "KOVAFILE_THUMB_S_r0.jpg",
+                               "KOVAFILE_THUMB_S_r-0.jpg", "KOVAFILE_THUMB_0120x120.jpg", "KOVAFILE_THUMB_4294967296x1.jpg",
+                               "KOVAFILE_THUMB_S.jpeg", "KOVAFILE_THUMB_L.jpg", "KOVAPHOTO_THUMB_S_r1.jpg",
+                               "KOVAPHOTO_THUMB_64x64.jpg", "KOVAAVATAR_S.jpg", "KOVAVIDEO_VIDEO_SCREENSHOT.png",
+                               "KOVAFILETMP_THUMB_r1_123.jpg", ".kovathumb-12.ab", "KOVAFILE_THUMB_", ""}) {
+    store::StoredName n;
+    EXPECT_FALSE(store::Parse(stranger, &n)) << stranger;
+  }
+  store::StoredName bad;  // a letter and a box at once, or a fourth turn: no name
+  bad.letter = "S", bad.box = {10, 10};
+  EXPECT_EQ(store::Build(bad), "");
+  bad.box = {0, 0}, bad.turns = 4;
+  EXPECT_EQ(store::Build(bad), "");
+}
+
+// One rule, two behaviours: the appliance takes any whole file as new as
+// the source; quality also wants the type the name says, within its box.
+TEST(StoreRuleTest, WhatServesEachBehaviour) {
+  const auto file = [](const char* mime, uint32_t w, uint32_t h, time_t mtime = 100, off_t size = 10) {
+    store::StoredFile f;
+    f.regular = true, f.size = size, f.mtime = mtime, f.image = {mime, w, h};
+    return f;
+  };
+  store::StoredFile fifo = file("image/jpeg", 100, 100);
+  fifo.regular = false;
+  const struct { const char* name; store::StoredFile f; bool appliance, quality; } cases[] = {
+      {"KOVAFILE_THUMB_B.jpg", file("image/jpeg", 640, 427), true, true},
+      {"KOVAFILE_THUMB_B.jpg", file("image/jpeg", 640, 427, 99), false, false},  // older than the source
+      {"KOVAFILE_THUMB_B.jpg", file("image/jpeg", 640, 427, 100, 0), false, false},
+      {"KOVAFILE_THUMB_B.jpg", fifo, false, false},
+      {"KOVAFILE_THUMB_B.jpg", file("image/x-ms-bmp", 0, 0), true, false},  // djpeg's, under the JPEG name
+      {"KOVAFILE_THUMB_B.jpg", file("image/jpeg", 1280, 853), true, false},  // twice the box
+      {"KOVAFILE_THUMB_B.jpg", file("image/jpeg", 0, 0), true, false},       // no frame header
+      {"KOVAFILE_THUMB_XL.jpg", file("image/jpeg", 1280, 853), true, true},  // "large" and "xlarge" alike
+      {"KOVAFILE_THUMB_S_r-1.png", file("image/png", 120, 90), true, true},
+      {"KOVAFILE_THUMB_S.png", file("image/jpeg", 120, 90), true, false},
+      {"KOVAFILE_THUMB_240x320_r1.jpg", file("image/jpeg", 320, 240), true, true},  // the box before the turn
+      {"KOVAFILE_THUMB_240x320_r1.jpg", file("image/jpeg", 240, 320), true, false},
+      {"KOVAAVATAR_120x120.jpg", file("image/jpeg", 120, 120), true, true},
+      {"KOVAVIDEO_VIDEO_SCREENSHOT.jpg", file("image/jpeg", 1280, 2000), true, true},  // no box
+      {"KOVAVIDEO_VIDEO_SCREENSHOT.jpg", file("image/png", 10, 10), true, false},
+  };
+  for (const auto& c : cases) {
+    store::StoredName n;
+    ASSERT_TRUE(store::Parse(c.name, &n)) << c.name;
+    EXPECT_EQ(store::Serves(n, c.f, 100, store::Behaviour::kAppliance), c.appliance) << c.name << c.f.image.width;
+    EXPECT_EQ(store::Serves(n, c.f, 100, store::Behaviour::kQuality), c.quality) << c.name << c.f.image.width;
+  }
 }
 
 TEST(ThumbInfoTest, UpToDateByWholeSecondsTimesCopiedAndSizeLow32Bits) {

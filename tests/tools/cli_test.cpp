@@ -39,7 +39,7 @@ TEST(CliTest, VersionAndUsageMistakes) {
   EXPECT_TRUE(r.status == 2 && r.err.find("unknown subcommand 'thumbs'; the subcommands are: info, convert, get, make, "
                                           "import, index") != std::string::npos) << r.err;
   for (const char* args : {"info --size huge x.jpg", "info --box 0x5 x.jpg", "info", "get huge x.jpg",
-                           "convert resize a b", "import x.jpg huge=y.jpg", "info --user-rotate 4 a.jpg",
+                           "convert resize a b", "import x.jpg huge=y.jpg", "info --user-rotate 4 a.jpg", "convert --user-rotate -4 djpeg a b", "get --rotate 4 big a.jpg",
                            "info --keep-preview a.jpg", "make --sizes small,huge /no/such/tree"}) {
     EXPECT_EQ(Cli(args).status, 2) << args;
   }
@@ -64,6 +64,8 @@ TEST(CliTest, InfoReportsFactsNamesPreviewAndReasons) {
   r = Cli("info --box 100x50 --user-rotate 1 --preview --keep-preview " + Quote(jpg));
   EXPECT_EQ(r.lines[0]["names"]["dossiva"], "KOVAFILE_THUMB_100x50.jpg");  // 3 + 1 turns: none
   EXPECT_EQ(unlink(r.lines[0]["preview"].get<std::string>().c_str()), 0);
+  r = Cli("info --size small --user-rotate -1 " + Quote(jpg));  // the library's, get's and the web's range
+  EXPECT_EQ(r.lines.at(0)["names"]["dossiva"], "KOVAFILE_THUMB_S_r2.jpg");
 }
 
 TEST(CliTest, ConvertGetMakeImportAndWhyTheyFail) {

@@ -7,6 +7,7 @@
 #include <set>
 
 #include "kovathumb/thumb.h"
+#include "store/names.h"
 
 namespace kovathumb {
 namespace cgi {
@@ -117,7 +118,7 @@ bool ParseRequest(const std::string& query, Request* r, std::string* error) {
     r->height = static_cast<unsigned>(v);
   }
   if (p.count("rotate")) {
-    if (!Number(p["rotate"], -3, 3, &v)) return *error = "bad rotate", false;
+    if (!Number(p["rotate"], store::kMinUserRotate, store::kMaxUserRotate, &v)) return *error = "bad rotate", false;
     r->rotate = static_cast<int>(v);
   }
   if (p.count("fallback") && !Flag(p["fallback"], &r->fallback)) return *error = "bad fallback", false;

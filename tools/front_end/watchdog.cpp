@@ -16,22 +16,7 @@
 namespace kovathumb {
 namespace tool {
 
-bool WriteAll(int fd, const char* p, size_t n) {
-  while (n > 0) {
-    const ssize_t w = write(fd, p, n);
-    if (w < 0 && errno == EINTR) continue;
-    if (w <= 0) return false;
-    p += w;
-    n -= static_cast<size_t>(w);
-  }
-  return true;
-}
-
-int WallSeconds() {
-  const char* v = getenv("KOVAPLATFORM_CHILD_WALL_SECONDS");  // tests shorten it
-  const int n = v != nullptr ? atoi(v) : 0;
-  return n > 0 ? n : KOVA_CHILD_WALL_SECONDS;
-}
+int WallSeconds() { return KOVAChildWallSeconds(); }
 
 void LimitAddressSpace() {
 #ifndef KOVATHUMB_SANITIZED

@@ -7,6 +7,8 @@
 #include <functional>
 #include <string>
 
+#include "util/safe_fs.h"
+
 namespace kovathumb {
 namespace tool {
 
@@ -23,11 +25,11 @@ int RunBounded(const std::function<int()>& request, const std::string& timedOut,
 int RunBounded(const std::function<int(int out)>& request, const std::string& timedOut,
                const std::string& failed, const std::function<bool(const char*, size_t)>& sink);
 
-// Writes all `n` bytes, going on after interruptions and short writes;
-// false once a write fails (the reader is gone).
-bool WriteAll(int fd, const char* p, size_t n);
+// Writes all bytes, going on after interruptions and short writes; false
+// once a write fails (the reader is gone).
+using safe_fs::WriteAll;
 
-// The wall time, in seconds, a request may take.
+// The wall time, in seconds, a request may take: a tool's.
 int WallSeconds();
 
 // Limits this process's address space as the tools' is (not in sanitizer

@@ -104,7 +104,7 @@ void AddConvertCommand(CLI::App& app, int* status) {
       ->required()
       ->check(CLI::IsMember({"convert", "djpeg", "gif", "dcraw", "jpegtran"}));
   AddSizeOptions(cmd, &args->size);
-  cmd->add_option("--user-rotate", args->userRotate, "user rotation in quarter turns")->check(CLI::Range(0, 3));
+  AddRotateOption(cmd, "--user-rotate", &args->userRotate);
   cmd->add_flag("--gif", args->gif, "allow animated GIF output");
   cmd->add_flag("--crop", args->crop, "crop mode");
   cmd->add_option("SRC", args->src, "source file")->required();

@@ -68,7 +68,7 @@ void AddGetCommand(CLI::App& app, int* status) {
   auto args = std::make_shared<GetArgs>();
   CLI::App* cmd = app.add_subcommand("get", "Send one thumbnail as a CGI response on standard output");
   AddThumbOptions(cmd, &args->options);
-  cmd->add_option("--rotate", args->rotate, "user rotation in quarter turns");
+  AddRotateOption(cmd, "--rotate", &args->rotate);
   cmd->add_flag("--allow-heic-original", args->allowHeicOriginal, "a HEIC may be sent as it is");
   cmd->add_flag("--delete-if-needed", args->deleteIfNeeded, "remove the output file when the library says so");
   cmd->add_option("SIZE", args->size, "size name, WxH or an edge")->required();

@@ -53,7 +53,7 @@ void DrawProgress(size_t done, size_t total, double elapsed) {
 
 int RunIndex(const IndexArgs& args) {
   std::vector<std::string> sizes = args.sizes;
-  if (sizes.empty()) sizes = {kSizeSmall, kSizeMedium, kSizeBig, kSizeLarge, kSizeXLarge};
+  if (sizes.empty()) sizes.assign(std::begin(kConvertibleSizes), std::end(kConvertibleSizes));
   CheckSizes(sizes);
   std::vector<FileJob> files;
   size_t tooDeep = 0;

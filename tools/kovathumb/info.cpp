@@ -103,7 +103,7 @@ void AddInfoCommand(CLI::App& app, int* status) {
   auto args = std::make_shared<InfoArgs>();
   CLI::App* cmd = app.add_subcommand("info", "Print what the library reads from each file, as JSON lines");
   AddSizeOptions(cmd, &args->size);
-  cmd->add_option("--user-rotate", args->userRotate, "user rotation in quarter turns")->check(CLI::Range(0, 3));
+  AddRotateOption(cmd, "--user-rotate", &args->userRotate);
   cmd->add_flag("--gif", args->gif, "allow animated GIF thumbnails");
   cmd->add_flag("--crop", args->crop, "crop mode");
   auto* preview = cmd->add_flag("--preview", args->preview, "write the embedded preview and report its path");

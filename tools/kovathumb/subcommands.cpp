@@ -15,6 +15,7 @@
 #include "kovathumb/log.h"
 #include "kovathumb/thumb.h"
 #include "kovathumb/thumb_const.h"
+#include "store/names.h"
 
 namespace kovathumb {
 namespace tool {
@@ -84,6 +85,11 @@ CLI::Option* AddSizesOption(CLI::App* cmd, std::vector<std::string>* sizes, cons
           },
           help)
       ->type_name("NAME[,NAME...]");
+}
+
+CLI::Option* AddRotateOption(CLI::App* cmd, const std::string& name, int* turns) {
+  return cmd->add_option(name, *turns, "user rotation in quarter turns")
+      ->check(CLI::Range(store::kMinUserRotate, store::kMaxUserRotate));
 }
 
 void CheckSizes(const std::vector<std::string>& sizes) {

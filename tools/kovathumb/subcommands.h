@@ -36,6 +36,9 @@ bool ParseBox(const std::string& text, ThumbDimension* box);
 // --sizes: names separated by commas, one argument (repeatable), so the
 // file names after it are never taken for sizes.
 CLI::Option* AddSizesOption(CLI::App* cmd, std::vector<std::string>* sizes, const std::string& help);
+// The user's rotation in quarter turns, as option `name`, within the one
+// range the library and the web take.
+CLI::Option* AddRotateOption(CLI::App* cmd, const std::string& name, int* turns);
 // Throws CLI::ValidationError for a name that is not a thumbnail size.
 void CheckSizes(const std::vector<std::string>& sizes);
 
