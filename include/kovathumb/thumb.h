@@ -112,6 +112,12 @@ enum ThumbOption {
   kThumbOptStoredOnly = 256,
 };
 
+// No thumbnail is larger than this many bytes (16 MiB, or
+// KOVATHUMB_MAX_THUMB_BYTES in the environment, the administrator's): a
+// stored file beyond it is not a thumbnail and is never buffered, copied or
+// sent as one, whatever its name.
+KOVATHUMB_EXPORT long long MaxThumbBytes();
+
 // A request's answer as a value, for a front end that sends it its own way
 // (Output and HttpOutputFile send it as a CGI response on standard output).
 struct ThumbAnswer {

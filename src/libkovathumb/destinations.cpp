@@ -57,7 +57,7 @@ bool Thumb::SetOutStored(const std::string& name, bool needEAPath, bool conditio
   const int ea = EADir(false);
   struct stat64 st;
   safe_fs::Fd fd = ea < 0 ? safe_fs::Fd() : safe_fs::OpenRegularAt(ea, name, &st);
-  if (!fd.valid() || st.st_size > KOVAMaxThumbBytes() || !info_.IsThumbUptoDate(safe_fs::SelfPath(fd.get()))) return Fail();
+  if (!fd.valid() || st.st_size > MaxThumbBytes() || !info_.IsThumbUptoDate(safe_fs::SelfPath(fd.get()))) return Fail();
   if (quality_ && !isVideo_ && !QualityStoredOk(fd.get())) return Fail();
   outputFile_ = path;
   pinned_->SetOutput(path, std::move(fd), st);

@@ -29,7 +29,7 @@ namespace kovathumb {
 namespace internal {
 
 bool IsStorable(int fd, const struct stat64& st, const std::string& mime) {
-  if (st.st_size > KOVAMaxThumbBytes()) return false;
+  if (st.st_size > MaxThumbBytes()) return false;
   char head[kProbeBytes];
   char tail[kProbeBytes];
   const off_t tailAt = std::max<off_t>(0, st.st_size - static_cast<off_t>(sizeof tail));

@@ -160,6 +160,13 @@ TEST_F(ThumbTest, OnlyGalleryThumbnailsAreTurnedForTheUser) {
     EXPECT_EQ(r.body == test::ReadFile(stored), !turned) << name << rotate;
     EXPECT_EQ(r.headers.count("content-length"), turned ? 0u : 1u);  // turned: streamed
   }
+  // Turned into more than a thumbnail can be: nothing of it.
+  setenv("KOVATHUMB_MAX_THUMB_BYTES", "64", 1);
+  Thumb thumb(src_, 1, false);
+  thumb.Rotate(1);
+  test::Response cut = Output(thumb, "big");
+  unsetenv("KOVATHUMB_MAX_THUMB_BYTES");
+  EXPECT_TRUE(cut.status == 500 && cut.body.size() < 64) << cut.raw.substr(0, 200);
 }
 
 TEST_F(ThumbTest, EmbeddedPreviewBecomesTheThumbnailTurnedAsAsked) {

@@ -19,7 +19,6 @@
 
 #include "front_end/send.h"
 #include "front_end/watchdog.h"
-#include "kovaplatform/kovaplatform.h"
 #include "kovathumb/thumb.h"
 
 namespace kovathumb {
@@ -79,11 +78,11 @@ bool Handover::Open(const std::string& dir, std::string* error) {
   return false;
 }
 
-long long Handover::Bound() { return 4 * KOVAMaxThumbBytes(); }
+long long Handover::Bound() { return 4 * MaxThumbBytes(); }
 
 std::string Handover::Copy(const ThumbAnswer& answer) {
   const struct stat& before = answer.st;  // taken before anything was read
-  if (!answer.stored || before.st_size > KOVAMaxThumbBytes()) return std::string();
+  if (!answer.stored || before.st_size > MaxThumbBytes()) return std::string();
   const std::string name = CopyName(before);
   const int fd = openat(fd_, name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
   struct stat st;
