@@ -178,7 +178,7 @@ int Thumb::QualityConvert(std::vector<std::pair<std::string, ThumbDimension>> jo
   bool lastMade = false;
   for (const auto& job : jobs) {
     try {
-      ExtractForBatch();
+      ProbeFacts();
       if (qualityWork_ == nullptr) qualityWork_ = NewQualityWorkDir();
       SetSize(job.first, named ? strThumbSizeMap_.at(job.first) : job.second);
       const std::string name = GetOnlineOutputDest();

@@ -177,12 +177,6 @@ bool Thumb::SaveExistingThumbsToEA(std::vector<std::pair<std::string, std::strin
   return !failed;
 }
 
-void Thumb::ExtractForBatch() {
-  if (batchExtracted_ || isVideo_) return;
-  ProbeTolerant(true, false);
-  batchExtracted_ = true;
-}
-
 bool Thumb::ConvertAll() {
   return Convert(std::vector<std::string>(std::begin(kConvertibleSizes), std::end(kConvertibleSizes))) > 0;
 }
@@ -207,7 +201,7 @@ int Thumb::Convert(const std::vector<std::string>& sizes) {
   int made = 0;
   for (const std::string& size : sizes) {
     try {
-      ExtractForBatch();
+      ProbeFacts();
       SetSize(size);
       made += SetOutOnline() ? 1 : 0;
     } catch (...) {
@@ -226,7 +220,7 @@ int Thumb::Convert(const std::vector<ThumbDimension>& dimensions) {
   int made = 0;
   for (const ThumbDimension& dimension : dimensions) {
     try {
-      ExtractForBatch();
+      ProbeFacts();
       SetSize(kSizeCustom, dimension);
       made += SetOutOnline() ? 1 : 0;
     } catch (...) {

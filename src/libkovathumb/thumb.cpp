@@ -35,7 +35,7 @@ Thumb::Thumb(const std::string& path, int options, bool allowHeicOriginal)
       allowHeicOriginal_(allowHeicOriginal),
       info_(path, kSizeOriginal, {kUnlimited, kUnlimited}),
       needDelete_(false),
-      batchExtracted_(false),
+      probed_(0),
       pinned_(new Pinned) {
   SetOption(options);
 }
@@ -58,6 +58,8 @@ void Thumb::SetOption(int options) {
   smallerFallback_ = (options & kThumbOptSmallerFallback) && !isVideo_;
   info_.SetEnableGIF(enableGIF_);
   info_.SetCropMode(avatar_);
+  // Quality mode reads more types: what was probed without it is no answer.
+  if (quality_ != static_cast<bool>(options & kThumbOptQuality)) probed_ = 0;
   quality_ = options & kThumbOptQuality;
   info_.SetQuality(quality_);
 }
@@ -83,6 +85,19 @@ void Thumb::ProbeTolerant(bool facts, bool preview) {
   }
 }
 
+void Thumb::ProbeFacts() {
+  if (probed_ == 2) throw Error(*probeError_);
+  if (probed_ == 1) return;
+  try {
+    ProbeTolerant(true, false);
+  } catch (const Error& e) {
+    probeError_.reset(new Error(e));
+    probed_ = 2;
+    throw;
+  }
+  probed_ = 1;
+}
+
 int Thumb::Output(const std::string& size) {
   SetSize(size);
   return OutputImpl();
@@ -105,7 +120,7 @@ std::string Thumb::CalcOutputFile() {
   // A preview an earlier request on this object left unused goes; this
   // request's is read if a conversion needs it.
   internal::ThumbInfoAccess::DropPreview(&info_);
-  ProbeTolerant(true, false);
+  ProbeFacts();
   if (info_.GetSize() == kSizeOriginal) {
     if (!info_.IsWebAcceptable()) return std::string();
     outputType_ = kThumbOutputOriginal;

@@ -7,6 +7,7 @@
 #include <syslog.h>
 
 #include <algorithm>
+#include <memory>
 #include <nlohmann/json.hpp>
 #include <vector>
 
@@ -145,7 +146,8 @@ tool::Wanted WantedOf(const Request& req) {
   return wanted;
 }
 
-int Serve(const Params& params, const Checked& checked, const tool::Sink& sink, const SendChosen& send) {
+int Serve(const Params& params, const Checked& checked, const tool::Sink& sink, const SendChosen& send,
+          Thumb* looked) {
   const char* program = program_invocation_short_name;
   const Request& req = checked.request;
   const auto answer = [&sink](const std::string& text) {
@@ -158,8 +160,14 @@ int Serve(const Params& params, const Checked& checked, const tool::Sink& sink, 
     return 0;
   }
   try {
-    Thumb thumb(checked.pinned.Path(), req.options, false);
-    thumb.Rotate(req.rotate);
+    std::unique_ptr<Thumb> made;
+    if (looked == nullptr) {
+      made.reset(new Thumb(checked.pinned.Path(), req.options, false));
+      made->Rotate(req.rotate);
+    } else {
+      looked->SetOption(req.options);
+    }
+    Thumb& thumb = looked != nullptr ? *looked : *made;
     if (!send) {
       tool::SendThumbnail(thumb, WantedOf(req), true);
     } else if (tool::ChooseThumbnail(thumb, WantedOf(req)) && !send(thumb)) {

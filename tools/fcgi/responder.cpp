@@ -227,24 +227,27 @@ bool Responder::Send(Thumb& thumb, const cgi::Params& params, const Sink& sink, 
 // is stored exactly as it would with conversions allowed, since converting
 // comes after that. A request that would convert answers nothing here and
 // goes to a child.
-bool Responder::AnswerStored(const cgi::Params& params, const cgi::Checked& checked, const Sink& sink) {
+bool Responder::AnswerStored(const cgi::Params& params, const cgi::Checked& checked, const Sink& sink,
+                             std::unique_ptr<Thumb>* thumb) {
   const cgi::Request& req = checked.request;
   try {
-    Thumb thumb(checked.pinned.Path(), req.options | kThumbOptNoOnline | kThumbOptStoredOnly, false);
-    thumb.Rotate(req.rotate);
-    return tool::ChooseThumbnail(thumb, cgi::WantedOf(req)) && Send(thumb, params, sink, true);
+    thumb->reset(new Thumb(checked.pinned.Path(), req.options | kThumbOptNoOnline | kThumbOptStoredOnly, false));
+    (*thumb)->Rotate(req.rotate);
+    return tool::ChooseThumbnail(**thumb, cgi::WantedOf(req)) && Send(**thumb, params, sink, true);
   } catch (const std::exception&) {
     return false;  // the child answers, and logs, as the CGI does
   }
 }
 
 void Responder::Convert(const cgi::Params& params, const cgi::Checked& checked, const Sink& sink,
-                        std::initializer_list<int> sockets) {
+                        std::initializer_list<int> sockets, std::unique_ptr<Thumb>* thumb) {
   tool::RunBounded(
       [&](int out) {
         for (int fd : sockets) close(fd);
+        // The child's own, ended with it: what the request made now goes.
+        const std::unique_ptr<Thumb> looked = std::move(*thumb);
         const Sink pipe = [out](const char* p, size_t n) { return tool::WriteAll(out, p, n); };
-        return cgi::Serve(params, checked, pipe, [&](Thumb& thumb) { return Send(thumb, params, pipe, false); });
+        return cgi::Serve(params, checked, pipe, [&](Thumb& t) { return Send(t, params, pipe, false); }, looked.get());
       },
       cgi::BusyAnswer(params), cgi::FailedAnswer(params), sink);
 }
@@ -256,8 +259,9 @@ bool Responder::Answer(const cgi::Params& params, const Sink& sink, std::initial
   alarm(static_cast<unsigned>(OwnSeconds()));
   cgi::Checked checked;
   std::string text;
+  std::unique_ptr<Thumb> thumb;
   const bool serve = cgi::Check(params, root_, &checked, &text);
-  const bool answered = !serve || (!checked.request.list && AnswerStored(params, checked, sink));
+  const bool answered = !serve || (!checked.request.list && AnswerStored(params, checked, sink, &thumb));
   alarm(0);
   if (answered) {
     sink(text.data(), text.size());
@@ -277,7 +281,7 @@ bool Responder::Answer(const cgi::Params& params, const Sink& sink, std::initial
     const bool turn = slots_->Queue() && slots_->Take();
     alarm(0);
     if (turn) {
-      Convert(params, checked, sink, sockets);
+      Convert(params, checked, sink, sockets, &thumb);
     } else {
       text = cgi::BusyAnswer(params);
       sink(text.data(), text.size());
@@ -285,7 +289,7 @@ bool Responder::Answer(const cgi::Params& params, const Sink& sink, std::initial
     finish();
     _exit(0);
   }
-  Convert(params, checked, sink, sockets);
+  Convert(params, checked, sink, sockets, &thumb);
   return false;
 }
 
