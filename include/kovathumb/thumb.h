@@ -144,6 +144,11 @@ class KOVATHUMB_EXPORT Thumb {
   static const std::vector<std::string> size_vec;
 
   Thumb(const std::string& path, int options, bool allowHeicOriginal);
+  // The source of `looked`, a Thumb that already looked for this request
+  // (in a process this one was forked from, say), reached here by `path`:
+  // the file it opened and what its probe found are taken, neither opened
+  // nor probed again.
+  Thumb(const std::string& path, int options, bool allowHeicOriginal, const Thumb& looked);
   ~Thumb();
   Thumb(const Thumb&) = delete;
   Thumb& operator=(const Thumb&) = delete;

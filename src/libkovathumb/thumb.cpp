@@ -40,6 +40,21 @@ Thumb::Thumb(const std::string& path, int options, bool allowHeicOriginal)
   SetOption(options);
 }
 
+Thumb::Thumb(const std::string& path, int options, bool allowHeicOriginal, const Thumb& looked)
+    : outputType_(kThumbOutputNone),
+      path_(path),
+      isVideo_(IsSupportVideo(BaseName(path))),
+      allowHeicOriginal_(allowHeicOriginal),
+      info_(looked.info_),
+      needDelete_(false),
+      probed_(looked.probed_),
+      probeError_(looked.probeError_ ? new Error(*looked.probeError_) : nullptr),
+      pinned_(new Pinned) {
+  internal::ThumbInfoAccess::SetPath(&info_, path);
+  quality_ = looked.quality_;  // so that SetOption keeps the probe where the mode stays
+  SetOption(options);
+}
+
 Thumb::~Thumb() {
   QualityRelease();
   const std::string preview = info_.GetEXIFPreviewTmpPath();

@@ -147,7 +147,7 @@ tool::Wanted WantedOf(const Request& req) {
 }
 
 int Serve(const Params& params, const Checked& checked, const tool::Sink& sink, const SendChosen& send,
-          Thumb* looked) {
+          const Thumb* looked) {
   const char* program = program_invocation_short_name;
   const Request& req = checked.request;
   const auto answer = [&sink](const std::string& text) {
@@ -160,14 +160,10 @@ int Serve(const Params& params, const Checked& checked, const tool::Sink& sink, 
     return 0;
   }
   try {
-    std::unique_ptr<Thumb> made;
-    if (looked == nullptr) {
-      made.reset(new Thumb(checked.pinned.Path(), req.options, false));
-      made->Rotate(req.rotate);
-    } else {
-      looked->SetOption(req.options);
-    }
-    Thumb& thumb = looked != nullptr ? *looked : *made;
+    const std::unique_ptr<Thumb> made(looked != nullptr ? new Thumb(checked.pinned.Path(), req.options, false, *looked)
+                                                        : new Thumb(checked.pinned.Path(), req.options, false));
+    Thumb& thumb = *made;
+    thumb.Rotate(req.rotate);
     if (!send) {
       tool::SendThumbnail(thumb, WantedOf(req), true);
     } else if (tool::ChooseThumbnail(thumb, WantedOf(req)) && !send(thumb)) {

@@ -56,7 +56,7 @@ using SendChosen = std::function<bool(Thumb& thumb)>;
 // this request: what its probe found is used, not probed again.
 // Unbounded: run it in a bounded child.
 int Serve(const Params& params, const Checked& checked, const tool::Sink& sink = nullptr,
-          const SendChosen& send = nullptr, Thumb* looked = nullptr);
+          const SendChosen& send = nullptr, const Thumb* looked = nullptr);
 
 // A short text answer with `status`.
 std::string TextAnswer(const Params& params, int status, const std::string& text, const char* extra = "");

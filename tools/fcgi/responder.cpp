@@ -244,7 +244,7 @@ void Responder::Convert(const cgi::Params& params, const cgi::Checked& checked, 
   tool::RunBounded(
       [&](int out) {
         for (int fd : sockets) close(fd);
-        // The child's own, ended with it: what the request made now goes.
+        // The worker's look, as this process has it, goes with it.
         const std::unique_ptr<Thumb> looked = std::move(*thumb);
         const Sink pipe = [out](const char* p, size_t n) { return tool::WriteAll(out, p, n); };
         return cgi::Serve(params, checked, pipe, [&](Thumb& t) { return Send(t, params, pipe, false); }, looked.get());
