@@ -112,8 +112,16 @@ enum ThumbOption {
   kThumbOptStoredOnly = 256,
 };
 
+// No thumbnail is larger than this many bytes (16 MiB, or
+// KOVATHUMB_MAX_THUMB_BYTES in the environment, the administrator's): a
+// stored file beyond it is not a thumbnail and is never buffered, copied or
+// sent as one, whatever its name.
+KOVATHUMB_EXPORT long long MaxThumbBytes();
+
 // A request's answer as a value, for a front end that sends it its own way
 // (Output and HttpOutputFile send it as a CGI response on standard output).
+class Error;
+
 struct ThumbAnswer {
   // The bytes to send, open for reading (read them by position); the
   // Thumb's, valid until its next request or its end.
@@ -136,6 +144,11 @@ class KOVATHUMB_EXPORT Thumb {
   static const std::vector<std::string> size_vec;
 
   Thumb(const std::string& path, int options, bool allowHeicOriginal);
+  // The source of `looked`, a Thumb that already looked for this request
+  // (in a process this one was forked from, say), reached here by `path`:
+  // the file it opened and what its probe found are taken, neither opened
+  // nor probed again.
+  Thumb(const std::string& path, int options, bool allowHeicOriginal, const Thumb& looked);
   ~Thumb();
   Thumb(const Thumb&) = delete;
   Thumb& operator=(const Thumb&) = delete;
@@ -152,7 +165,10 @@ class KOVATHUMB_EXPORT Thumb {
   int Output(int edge);
   int OutputImpl();
 
-  // Chooses the output file for the current size; empty when none.
+  // Chooses the output file for the current size; empty when none. The
+  // source is probed by the first call only: a server may look in the
+  // store (kThumbOptStoredOnly) and, with the options changed, convert
+  // with what that look learned.
   std::string CalcOutputFile();
   // The same for size name `size`, falling back to smaller sizes when the
   // fallback option is set.
@@ -226,8 +242,10 @@ class KOVATHUMB_EXPORT Thumb {
   // both; videos are not probed. An unknown image type (602) leaves them
   // unread and the request goes on; any other Error is rethrown as a copy.
   KOVATHUMB_LOCAL void ProbeTolerant(bool facts, bool preview);
-  // Probes the source once for the batch members, which need its facts.
-  KOVATHUMB_LOCAL void ExtractForBatch();
+  // The source's facts, probed once for this object (its first request);
+  // later requests, the batch members and a conversion after a look in the
+  // store, take them, or the probe's Error, as found then.
+  KOVATHUMB_LOCAL void ProbeFacts();
   KOVATHUMB_LOCAL bool SetOutStored(const std::string& name, bool needEAPath, bool condition, int type);
   KOVATHUMB_LOCAL bool Fail();
   struct Pinned;
@@ -251,7 +269,8 @@ class KOVATHUMB_EXPORT Thumb {
   bool needDelete_;
   bool avatar_;                   // centre crop, the avatar's names only
   bool smallerFallback_;          // CalcOutputFile(size) may fall back to smaller sizes
-  bool batchExtracted_;
+  int probed_;                    // 0: not yet; 1: the facts; 2: the Error in probeError_
+  std::unique_ptr<Error> probeError_;
   std::unique_ptr<Pinned> pinned_;  // open files of the current request
 
   // Quality mode (quality.cpp).

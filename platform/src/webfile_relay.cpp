@@ -130,20 +130,18 @@ bool TagMatches(const std::string& list, const std::string& etag) {
   return false;
 }
 
-// The request as the CGI environment holds it.
-WebFileRelay::Request FromEnvironment() {
-  WebFileRelay::Request request;
-  request.head = IsHead();
-  request.ifNoneMatch = getenv("HTTP_IF_NONE_MATCH");
-  request.ifModifiedSince = getenv("HTTP_IF_MODIFIED_SINCE");
-  return request;
-}
-
-std::string ETag(const struct stat& st) {
-  char tag[64];
-  snprintf(tag, sizeof tag, "\"%llx-%llx.%lx\"", static_cast<unsigned long long>(st.st_size),
-           static_cast<unsigned long long>(st.st_mtim.tv_sec), static_cast<long>(st.st_mtim.tv_nsec));
-  return tag;
+// Whether the client's validators match this file's.
+bool NotModified(const std::string& etag, time_t mtime) {
+  if (const char* inm = getenv("HTTP_IF_NONE_MATCH")) {
+    // If-None-Match takes precedence over If-Modified-Since.
+    return TagMatches(inm, etag);
+  }
+  time_t since;
+  if (const char* ims = getenv("HTTP_IF_MODIFIED_SINCE")) {
+    // A date in the future is no validator.
+    if (ParseHttpDate(ims, &since) && since <= time(nullptr)) return mtime <= since;
+  }
+  return false;
 }
 
 bool SendBody(int in, off_t size) {
@@ -213,12 +211,19 @@ int WebFileRelay::Output(const char* path, const char* mime) {
     release();
     return SendError(500, "Internal Server Error");
   }
-  const WebFileRelay::Request request = FromEnvironment();
-  if (NotModified(st, request)) {
+  char tag[64];
+  snprintf(tag, sizeof tag, "\"%llx-%llx.%lx\"", static_cast<unsigned long long>(st.st_size),
+           static_cast<unsigned long long>(st.st_mtim.tv_sec), static_cast<long>(st.st_mtim.tv_nsec));
+  const std::string etag = tag;
+  const std::string validators =
+      "Last-Modified: " + HttpDate(st.st_mtime) + "\r\nETag: " + etag + "\r\n";
+  if (NotModified(etag, st.st_mtime)) {
     release();
-    return Send(Head(st, nullptr, nullptr, request)) ? 0 : 1;
+    return Send("Status: 304 Not Modified\r\n" + validators + "\r\n") ? 0 : 1;
   }
-  const std::string head = Head(st, PresentedName(path).c_str(), mime, request);
+  const std::string head = "Content-Type: " + SanitizeMime(mime) + "\r\nContent-Length: " +
+                           std::to_string(static_cast<long long>(st.st_size)) + "\r\n" +
+                           Disposition(PresentedName(path).c_str()) + validators + "\r\n";
   bool ok = Send(head);
   if (ok && !IsHead()) ok = SendBody(fd, st.st_size);
   release();
@@ -237,38 +242,11 @@ int WebFileRelay::Output(FILE* stream, const char* name, const char* mime) {
   } else {
     bool ok = Send("Content-Type: " + SanitizeMime(mime) + "\r\n" + Disposition(name) + "\r\n");
     if (ok && !IsHead()) {
-      // A stream of more than a thumbnail's bytes is not one: cut short.
-      long long left = KOVAMaxThumbBytes();
-      do {
-        ok = static_cast<long long>(n) <= left && WriteAll(fileno(stdout), buf, n);
-        left -= static_cast<long long>(n);
-      } while (ok && (n = fread(buf, 1, sizeof buf, stream)) > 0);
+      ok = WriteAll(fileno(stdout), buf, n);
+      while (ok && (n = fread(buf, 1, sizeof buf, stream)) > 0) ok = WriteAll(fileno(stdout), buf, n);
     }
     result = ok ? 0 : 1;
   }
   if (KLIBCPclose(stream) == -1) fclose(stream);
   return result;
-}
-
-bool WebFileRelay::NotModified(const struct stat& st, const Request& request) {
-  if (request.ifNoneMatch != nullptr) {
-    // If-None-Match takes precedence over If-Modified-Since.
-    return TagMatches(request.ifNoneMatch, ETag(st));
-  }
-  time_t since;
-  if (request.ifModifiedSince != nullptr) {
-    // A date in the future is no validator.
-    if (ParseHttpDate(request.ifModifiedSince, &since) && since <= time(nullptr)) return st.st_mtime <= since;
-  }
-  return false;
-}
-
-std::string WebFileRelay::Head(const struct stat& st, const char* name, const char* mime, const Request& request,
-                               const char* sendfile) {
-  const std::string validators = "Last-Modified: " + HttpDate(st.st_mtime) + "\r\nETag: " + ETag(st) + "\r\n";
-  if (NotModified(st, request)) return "Status: 304 Not Modified\r\n" + validators + "\r\n";
-  const std::string length = sendfile != nullptr && *sendfile != '\0'
-                                 ? "X-Sendfile: " + std::string(sendfile)
-                                 : "Content-Length: " + std::to_string(static_cast<long long>(st.st_size));
-  return "Content-Type: " + SanitizeMime(mime) + "\r\n" + length + "\r\n" + Disposition(name) + validators + "\r\n";
 }

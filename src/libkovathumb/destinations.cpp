@@ -64,7 +64,7 @@ bool Thumb::SetOutStored(const std::string& name, bool needEAPath, bool conditio
   struct stat64 st;
   safe_fs::Fd fd;
   if (!store::ServesAt(ea, name, internal::ThumbInfoAccess::ProbedMtime(info_), behaviour, &fd, &st) ||
-      st.st_size > KOVAMaxThumbBytes()) {
+      st.st_size > MaxThumbBytes()) {
     return Fail();
   }
   outputFile_ = path;

@@ -1,10 +1,12 @@
 // Thumb's response: the cache header, then the chosen file through the
 // platform's relay.
+#include <stdlib.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
 #include <cstdio>
 #include <string>
+#include <utility>
 
 #include "kovaplatform/kovaplatform.h"
 #include "kovaplatform/webfile_relay.h"
@@ -18,8 +20,33 @@
 namespace kovathumb {
 
 namespace {
+
 constexpr char kCache[] = "max-age=300, must-revalidate";
+
+// A gallery thumbnail turned by the user's rotation, made now from the
+// stored file `stored` into a file of its own; none when the tool fails or
+// writes more than a thumbnail can be.
+safe_fs::Fd Turned(const ThumbInfo& info, const std::string& stored) {
+  JpegTranCmd jpegtran(info, stored, "", true);
+  FILE* stream = jpegtran.popen();
+  safe_fs::Fd turned(memfd_create("kovathumb-turned", MFD_CLOEXEC));
+  long long left = MaxThumbBytes();
+  char buf[65536];
+  bool ok = stream != nullptr && turned.valid();
+  for (size_t n; ok && (n = fread(buf, 1, sizeof buf, stream)) > 0; left -= static_cast<long long>(n)) {
+    ok = static_cast<long long>(n) <= left && safe_fs::WriteAll(turned.get(), buf, n);
+  }
+  if (stream != nullptr && KLIBCPclose(stream) != 0) ok = false;
+  return ok ? std::move(turned) : safe_fs::Fd();
+}
+
 }  // namespace
+
+long long MaxThumbBytes() {
+  const char* v = getenv("KOVATHUMB_MAX_THUMB_BYTES");
+  const long long n = v != nullptr ? atoll(v) : 0;
+  return n > 0 ? n : 16LL << 20;
+}
 
 bool Thumb::HttpOutputFile(const std::string& mime) {
   // First and unconditionally, and flushed: the relay writes after it.
@@ -30,8 +57,10 @@ bool Thumb::HttpOutputFile(const std::string& mime) {
     // Stored gallery thumbnails are upright: apply only the user's turn.
     const Pinned& p = *pinned_;
     const bool pinned = p.output.valid() && p.outputPath == outputFile_;
-    JpegTranCmd jpegtran(info_, pinned ? safe_fs::ToolPath(p.output.get()) : outputFile_, "", true);
-    FILE* stream = jpegtran.popen();
+    // Streamed as the relay streams a tool's output, but only once it is
+    // known to be no more than a thumbnail: none at all (a 500) otherwise.
+    const safe_fs::Fd turned = Turned(info_, pinned ? safe_fs::ToolPath(p.output.get()) : outputFile_);
+    FILE* stream = turned.valid() && lseek(turned.get(), 0, SEEK_SET) == 0 ? fdopen(dup(turned.get()), "r") : nullptr;
     return relay.Output(stream, internal::BaseName(outputFile_).c_str(), mime.c_str()) == 0;
   }
   // Through the descriptor of the file that was checked.
@@ -64,23 +93,14 @@ bool Thumb::Answer(ThumbAnswer* answer) {
                      outputType_ == kThumbOutputCinevo;
     if (outputType_ == kThumbOutputPictavo && (info_.GetUserRotate() & 3) != 0) {
       // Stored gallery thumbnails are upright: the user's turn, made now.
-      JpegTranCmd jpegtran(info_, safe_fs::ToolPath(p.output.get()), "", true);
-      FILE* stream = jpegtran.popen();
-      p.turned.reset(memfd_create("kovathumb-turned", MFD_CLOEXEC));
-      long long left = KOVAMaxThumbBytes();
-      char buf[65536];
-      bool ok = stream != nullptr && p.turned.valid();
-      for (size_t n; ok && (n = fread(buf, 1, sizeof buf, stream)) > 0; left -= static_cast<long long>(n)) {
-        ok = static_cast<long long>(n) <= left && safe_fs::WriteAll(p.turned.get(), buf, n);
-      }
-      if (stream != nullptr && KLIBCPclose(stream) != 0) ok = false;
-      if (!ok) return false;
+      p.turned = Turned(info_, safe_fs::ToolPath(p.output.get()));
+      if (!p.turned.valid()) return false;
       answer->fd = p.turned.get();
       answer->stored = false;
     }
   }
   if (answer->fd < 0 || fstat(answer->fd, &answer->st) != 0 || !S_ISREG(answer->st.st_mode)) return false;
-  return answer->source || answer->st.st_size <= KOVAMaxThumbBytes();
+  return answer->source || answer->st.st_size <= MaxThumbBytes();
 }
 
 bool Thumb::OutputOriginalImage() {

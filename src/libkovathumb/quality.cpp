@@ -159,7 +159,7 @@ int Thumb::QualityConvert(std::vector<std::pair<std::string, ThumbDimension>> jo
   if (QualityPiped(&jobs, named, &made)) return made;
   for (const auto& job : jobs) {
     try {
-      ExtractForBatch();
+      ProbeFacts();
       if (qualityWork_ == nullptr) qualityWork_ = NewQualityWorkDir();
       SetSize(job.first, named ? strThumbSizeMap_.at(job.first) : job.second);
       const std::string name = GetOnlineOutputDest();
@@ -225,7 +225,7 @@ bool Thumb::QualityPiped(const std::vector<std::pair<std::string, ThumbDimension
   // itself serves.
   std::vector<std::pair<std::string, internal::ThumbPlan>> wants;
   try {
-    if (jobs != nullptr) ExtractForBatch();
+    if (jobs != nullptr) ProbeFacts();
     const int* fd = internal::ThumbInfoAccess::SourceFd(info_);
     if (!info_.IsGood() || fd == nullptr || info_.GetOutputMimeType() != kMimeJpeg) return false;
     source = {*fd, info_.GetMimeType(), info_.GetWidth(), info_.GetHeight(), info_.GetRotate(), info_.GetFlop(),

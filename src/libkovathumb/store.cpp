@@ -29,7 +29,7 @@ namespace kovathumb {
 namespace internal {
 
 bool IsStorable(int fd, const struct stat64& st, const std::string& mime) {
-  if (st.st_size > KOVAMaxThumbBytes()) return false;
+  if (st.st_size > MaxThumbBytes()) return false;
   char head[kProbeBytes];
   char tail[kProbeBytes];
   const off_t tailAt = std::max<off_t>(0, st.st_size - static_cast<off_t>(sizeof tail));
@@ -177,12 +177,6 @@ bool Thumb::SaveExistingThumbsToEA(std::vector<std::pair<std::string, std::strin
   return !failed;
 }
 
-void Thumb::ExtractForBatch() {
-  if (batchExtracted_ || isVideo_) return;
-  ProbeTolerant(true, false);
-  batchExtracted_ = true;
-}
-
 bool Thumb::ConvertAll() {
   return Convert(std::vector<std::string>(std::begin(kConvertibleSizes), std::end(kConvertibleSizes))) > 0;
 }
@@ -207,7 +201,7 @@ int Thumb::Convert(const std::vector<std::string>& sizes) {
   int made = 0;
   for (const std::string& size : sizes) {
     try {
-      ExtractForBatch();
+      ProbeFacts();
       SetSize(size);
       made += SetOutOnline() ? 1 : 0;
     } catch (...) {
@@ -226,7 +220,7 @@ int Thumb::Convert(const std::vector<ThumbDimension>& dimensions) {
   int made = 0;
   for (const ThumbDimension& dimension : dimensions) {
     try {
-      ExtractForBatch();
+      ProbeFacts();
       SetSize(kSizeCustom, dimension);
       made += SetOutOnline() ? 1 : 0;
     } catch (...) {

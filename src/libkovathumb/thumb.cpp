@@ -37,8 +37,23 @@ Thumb::Thumb(const std::string& path, int options, bool allowHeicOriginal)
       allowHeicOriginal_(allowHeicOriginal),
       info_(path, kSizeOriginal, {kUnlimited, kUnlimited}),
       needDelete_(false),
-      batchExtracted_(false),
+      probed_(0),
       pinned_(new Pinned) {
+  SetOption(options);
+}
+
+Thumb::Thumb(const std::string& path, int options, bool allowHeicOriginal, const Thumb& looked)
+    : outputType_(kThumbOutputNone),
+      path_(path),
+      isVideo_(IsSupportVideo(BaseName(path))),
+      allowHeicOriginal_(allowHeicOriginal),
+      info_(looked.info_),
+      needDelete_(false),
+      probed_(looked.probed_),
+      probeError_(looked.probeError_ ? new Error(*looked.probeError_) : nullptr),
+      pinned_(new Pinned) {
+  internal::ThumbInfoAccess::SetPath(&info_, path);
+  quality_ = looked.quality_;  // so that SetOption keeps the probe where the mode stays
   SetOption(options);
 }
 
@@ -60,6 +75,8 @@ void Thumb::SetOption(int options) {
   smallerFallback_ = (options & kThumbOptSmallerFallback) && !isVideo_;
   info_.SetEnableGIF(enableGIF_);
   info_.SetCropMode(avatar_);
+  // Quality mode reads more types: what was probed without it is no answer.
+  if (quality_ != static_cast<bool>(options & kThumbOptQuality)) probed_ = 0;
   quality_ = options & kThumbOptQuality;
   info_.SetQuality(quality_);
 }
@@ -85,6 +102,19 @@ void Thumb::ProbeTolerant(bool facts, bool preview) {
   }
 }
 
+void Thumb::ProbeFacts() {
+  if (probed_ == 2) throw Error(*probeError_);
+  if (probed_ == 1) return;
+  try {
+    ProbeTolerant(true, false);
+  } catch (const Error& e) {
+    probeError_.reset(new Error(e));
+    probed_ = 2;
+    throw;
+  }
+  probed_ = 1;
+}
+
 int Thumb::Output(const std::string& size) {
   SetSize(size);
   return OutputImpl();
@@ -107,7 +137,7 @@ std::string Thumb::CalcOutputFile() {
   // A preview an earlier request on this object left unused goes; this
   // request's is read if a conversion needs it.
   internal::ThumbInfoAccess::DropPreview(&info_);
-  ProbeTolerant(true, false);
+  ProbeFacts();
   if (info_.GetSize() == kSizeOriginal) {
     if (!info_.IsWebAcceptable()) return std::string();
     outputType_ = kThumbOutputOriginal;

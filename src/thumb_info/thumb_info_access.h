@@ -44,6 +44,10 @@ class ThumbInfoAccess {
     info->good_ = true;
   }
 
+  // A copy's own path to the same opened source (a pinned path is this
+  // process's).
+  static void SetPath(ThumbInfo* info, const std::string& path) { info->path_ = path; }
+
   // The descriptor of the opened source, or null when it could not be
   // opened for reading.
   static const int* SourceFd(const ThumbInfo& info) { return info.sourceFd_.get(); }

@@ -7,6 +7,7 @@
 
 #include <stdexcept>
 
+#include "kovathumb/error.h"
 #include "support/fake_platform.h"
 #include "support/test_util.h"
 
@@ -180,6 +181,14 @@ TEST_F(ThumbTest, OnlyGalleryThumbnailsAreTurnedForTheUser) {
     EXPECT_EQ(r.body == test::ReadFile(stored), !turned) << name << rotate;
     EXPECT_EQ(r.headers.count("content-length"), turned ? 0u : 1u);  // turned: streamed
   }
+  // Turned into more than a thumbnail can be (jpegtran's default tables
+  // make 687 bytes of the 312 stored): nothing of it.
+  setenv("KOVATHUMB_MAX_THUMB_BYTES", "400", 1);
+  Thumb thumb(src_, 1, false);
+  thumb.Rotate(1);
+  test::Response cut = Output(thumb, "big");
+  unsetenv("KOVATHUMB_MAX_THUMB_BYTES");
+  EXPECT_TRUE(cut.headers["status"] == "500 Internal Server Error" && cut.body.size() < 400) << cut.raw.substr(0, 200);
 }
 
 TEST_F(ThumbTest, EmbeddedPreviewBecomesTheThumbnailTurnedAsAsked) {
@@ -206,6 +215,23 @@ TEST_F(ThumbTest, EmbeddedPreviewBecomesTheThumbnailTurnedAsAsked) {
   }
   Thumb stored(src_, 2, false);  // answered from the store: the preview is never read
   EXPECT_TRUE(stored.CalcOutputFile("medium") == ea_ + "/KOVAFILE_THUMB_M_r1.jpg" && PreviewFiles().empty());
+  // A look in the store, then the request going on: one probe between
+  // them, its facts (the source rewritten upright since keeps its first
+  // name) and its failure alike.
+  Thumb looked(src_, kThumbOptStoredOnly | 2, false);
+  EXPECT_EQ(looked.CalcOutputFile("medium"), ea_ + "/KOVAFILE_THUMB_M_r1.jpg");
+  test::MakePhoto(dir_ / "upright.jpg");
+  test::MustSh("touch -r " + Quote(src_) + " " + Quote(dir_ / "t") + " && cat " + Quote(dir_ / "upright.jpg") + " > " +
+               Quote(src_) + " && touch -r " + Quote(dir_ / "t") + " " + Quote(src_));
+  looked.SetOption(2);
+  EXPECT_EQ(looked.CalcOutputFile("medium"), ea_ + "/KOVAFILE_THUMB_M_r1.jpg");
+  test::WriteFile(dir_ / "tiny.jpg", "garbage");
+  LogCapture log;
+  Thumb bad(dir_ / "tiny.jpg", kThumbOptStoredOnly | 2, false);
+  EXPECT_THROW(bad.CalcOutputFile("medium"), Error);
+  bad.SetOption(2);
+  EXPECT_THROW(bad.CalcOutputFile("medium"), Error);
+  EXPECT_EQ(log.Count("(ExtractImgInfo) \"Exiv2 exception: E"), 1);
 }
 
 }  // namespace

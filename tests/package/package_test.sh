@@ -47,7 +47,7 @@ ls /usr/lib/"$multiarch"/kovathumb/"$version"/libkovathumb_heif.so >/dev/null ||
 [ "$(realpath -m "$(pkg-config --variable=includedir kovathumb)")" = /usr/include ] || fail "pkg-config includedir"
 [ "$(realpath -m "$(pkg-config --variable=libdir kovathumb)")" = "/usr/lib/$multiarch" ] || fail "pkg-config libdir"
 ! nm -DC --defined-only /usr/lib/"$multiarch"/libkovathumb.so."${version%%.*}" |
-  grep -E 'Thumb::(Fail|SetOutStored|ExtractForBatch)\(|ThumbInfo::SizeLetter' || fail "private members exported"
+  grep -E 'Thumb::(Fail|SetOutStored|ProbeFacts)\(|ThumbInfo::SizeLetter' || fail "private members exported"
 grep -q cxx_std_17 /usr/lib/"$multiarch"/cmake/kovathumb/kovathumbTargets.cmake || fail "no C++17 on the target"
 
 cat >"$out/consumer/main.cpp" <<'CPP'

@@ -94,6 +94,15 @@ TEST_P(ServerTest, AnswersThumbnailsAndRefusesWhatItMust) {
   EXPECT_NE(list.body.find("\"path\":\"album/p 1.jpg\""), std::string::npos);
   EXPECT_EQ(list.body.find("leak"), std::string::npos);
   EXPECT_EQ(Http(port_, "GET", "/").status, 200);
+  // A source that fails its probe is probed once a request: by the
+  // FastCGI worker's look in the store and the conversion after it together.
+  test::WriteFile(root_ + "/album/tiny.jpg", "garbage");
+  const std::string log = test::Capture("REQUEST_METHOD=GET KOVATHUMB_LOG_STDERR=1 KOVATHUMB_ROOT=" + Quote(root_) +
+                                        " QUERY_STRING='path=album/tiny.jpg&size=small' " +
+                                        (GetParam() == std::string("fcgi") ? KOVATHUMB_FCGI_BIN : KOVATHUMB_CGI_BIN) + " 2>&1 >/dev/null");
+  size_t probes = 0;
+  for (size_t at = log.find("Exiv2 exception"); at != std::string::npos; at = log.find("Exiv2 exception", at + 1)) ++probes;
+  EXPECT_EQ(probes, 1u) << log;
 }
 
 INSTANTIATE_TEST_SUITE_P(Endpoints, ServerTest, ::testing::Values("cgi", "fcgi"));

@@ -7,6 +7,7 @@
 #include <syslog.h>
 
 #include <algorithm>
+#include <memory>
 #include <nlohmann/json.hpp>
 #include <vector>
 
@@ -148,7 +149,8 @@ tool::Wanted WantedOf(const Request& req) {
   return wanted;
 }
 
-int Serve(const Params& params, const Checked& checked, const tool::Sink& sink, const SendChosen& send) {
+int Serve(const Params& params, const Checked& checked, const tool::Sink& sink, const SendChosen& send,
+          const Thumb* looked) {
   const char* program = program_invocation_short_name;
   const Request& req = checked.request;
   const auto answer = [&sink](const std::string& text) {
@@ -161,7 +163,9 @@ int Serve(const Params& params, const Checked& checked, const tool::Sink& sink, 
     return 0;
   }
   try {
-    Thumb thumb(checked.pinned.Path(), req.options, false);
+    const std::unique_ptr<Thumb> made(looked != nullptr ? new Thumb(checked.pinned.Path(), req.options, false, *looked)
+                                                        : new Thumb(checked.pinned.Path(), req.options, false));
+    Thumb& thumb = *made;
     thumb.Rotate(req.rotate);
     if (!send) {
       tool::SendThumbnail(thumb, WantedOf(req), true);

@@ -52,9 +52,11 @@ using SendChosen = std::function<bool(Thumb& thumb)>;
 // Answers a checked request: the list, or the thumbnail with whatever the
 // library must do for it (conversions too). With `sink` and `send`, the
 // answer goes there; without, to standard output as the library writes it.
+// `looked`, where given, is the Thumb that already looked in the store for
+// this request: what its probe found is used, not probed again.
 // Unbounded: run it in a bounded child.
 int Serve(const Params& params, const Checked& checked, const tool::Sink& sink = nullptr,
-          const SendChosen& send = nullptr);
+          const SendChosen& send = nullptr, const Thumb* looked = nullptr);
 
 // A short text answer with `status`.
 std::string TextAnswer(const Params& params, int status, const std::string& text, const char* extra = "");

@@ -19,7 +19,6 @@
 
 #include "front_end/send.h"
 #include "front_end/watchdog.h"
-#include "kovaplatform/kovaplatform.h"
 #include "kovathumb/thumb.h"
 
 namespace kovathumb {
@@ -79,11 +78,11 @@ bool Handover::Open(const std::string& dir, std::string* error) {
   return false;
 }
 
-long long Handover::Bound() { return 4 * KOVAMaxThumbBytes(); }
+long long Handover::Bound() { return 4 * MaxThumbBytes(); }
 
 std::string Handover::Copy(const ThumbAnswer& answer) {
   const struct stat& before = answer.st;  // taken before anything was read
-  if (!answer.stored || before.st_size > KOVAMaxThumbBytes()) return std::string();
+  if (!answer.stored || before.st_size > MaxThumbBytes()) return std::string();
   const std::string name = CopyName(before);
   const int fd = openat(fd_, name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
   struct stat st;
@@ -228,24 +227,27 @@ bool Responder::Send(Thumb& thumb, const cgi::Params& params, const Sink& sink, 
 // is stored exactly as it would with conversions allowed, since converting
 // comes after that. A request that would convert answers nothing here and
 // goes to a child.
-bool Responder::AnswerStored(const cgi::Params& params, const cgi::Checked& checked, const Sink& sink) {
+bool Responder::AnswerStored(const cgi::Params& params, const cgi::Checked& checked, const Sink& sink,
+                             std::unique_ptr<Thumb>* thumb) {
   const cgi::Request& req = checked.request;
   try {
-    Thumb thumb(checked.pinned.Path(), req.options | kThumbOptNoOnline | kThumbOptStoredOnly, false);
-    thumb.Rotate(req.rotate);
-    return tool::ChooseThumbnail(thumb, cgi::WantedOf(req)) && Send(thumb, params, sink, true);
+    thumb->reset(new Thumb(checked.pinned.Path(), req.options | kThumbOptNoOnline | kThumbOptStoredOnly, false));
+    (*thumb)->Rotate(req.rotate);
+    return tool::ChooseThumbnail(**thumb, cgi::WantedOf(req)) && Send(**thumb, params, sink, true);
   } catch (const std::exception&) {
     return false;  // the child answers, and logs, as the CGI does
   }
 }
 
 void Responder::Convert(const cgi::Params& params, const cgi::Checked& checked, const Sink& sink,
-                        std::initializer_list<int> sockets) {
+                        std::initializer_list<int> sockets, std::unique_ptr<Thumb>* thumb) {
   tool::RunBounded(
       [&](int out) {
         for (int fd : sockets) close(fd);
+        // The worker's look, as this process has it, goes with it.
+        const std::unique_ptr<Thumb> looked = std::move(*thumb);
         const Sink pipe = [out](const char* p, size_t n) { return tool::WriteAll(out, p, n); };
-        return cgi::Serve(params, checked, pipe, [&](Thumb& thumb) { return Send(thumb, params, pipe, false); });
+        return cgi::Serve(params, checked, pipe, [&](Thumb& t) { return Send(t, params, pipe, false); }, looked.get());
       },
       cgi::BusyAnswer(params), cgi::FailedAnswer(params), sink);
 }
@@ -257,8 +259,9 @@ bool Responder::Answer(const cgi::Params& params, const Sink& sink, std::initial
   alarm(static_cast<unsigned>(OwnSeconds()));
   cgi::Checked checked;
   std::string text;
+  std::unique_ptr<Thumb> thumb;
   const bool serve = cgi::Check(params, root_, &checked, &text);
-  const bool answered = !serve || (!checked.request.list && AnswerStored(params, checked, sink));
+  const bool answered = !serve || (!checked.request.list && AnswerStored(params, checked, sink, &thumb));
   alarm(0);
   if (answered) {
     sink(text.data(), text.size());
@@ -278,7 +281,7 @@ bool Responder::Answer(const cgi::Params& params, const Sink& sink, std::initial
     const bool turn = slots_->Queue() && slots_->Take();
     alarm(0);
     if (turn) {
-      Convert(params, checked, sink, sockets);
+      Convert(params, checked, sink, sockets, &thumb);
     } else {
       text = cgi::BusyAnswer(params);
       sink(text.data(), text.size());
@@ -286,7 +289,7 @@ bool Responder::Answer(const cgi::Params& params, const Sink& sink, std::initial
     finish();
     _exit(0);
   }
-  Convert(params, checked, sink, sockets);
+  Convert(params, checked, sink, sockets, &thumb);
   return false;
 }
 

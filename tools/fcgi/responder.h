@@ -5,7 +5,8 @@
 // the tools' address space limit and an alarm far shorter than a child's
 // wall time: a crash or hang there ends the worker and its one request, and
 // the supervisor starts another. A request never takes that step again in
-// a child, so no slow step runs twice for it.
+// a child: the child goes on with the worker's Thumb, probe and all, so no
+// slow step runs twice for it.
 //
 // A request the worker cannot answer from the store is handed to a process
 // of its own, which waits its turn for a conversion slot (Slots) and
@@ -31,6 +32,7 @@
 
 #include <functional>
 #include <initializer_list>
+#include <memory>
 #include <string>
 
 #include "cgi/answer.h"
@@ -108,10 +110,13 @@ class Responder {
   static int OwnSeconds();
 
  private:
-  bool AnswerStored(const cgi::Params& params, const cgi::Checked& checked, const Sink& sink);
-  // Waits for a slot and answers in a bounded child.
+  // Leaves in `thumb` the Thumb that looked, for a conversion to go on with.
+  bool AnswerStored(const cgi::Params& params, const cgi::Checked& checked, const Sink& sink,
+                    std::unique_ptr<Thumb>* thumb);
+  // Waits for a slot and answers in a bounded child, with `thumb` where
+  // the worker looked in the store.
   void Convert(const cgi::Params& params, const cgi::Checked& checked, const Sink& sink,
-               std::initializer_list<int> sockets);
+               std::initializer_list<int> sockets, std::unique_ptr<Thumb>* thumb);
   // Sends the output `thumb` chose; with `handOver`, a stored thumbnail
   // by X-Sendfile where a hand-over directory is open.
   bool Send(Thumb& thumb, const cgi::Params& params, const Sink& sink, bool handOver);

@@ -3,10 +3,10 @@
 #ifndef KOVATHUMB_TOOLS_COMMON_SEND_H_
 #define KOVATHUMB_TOOLS_COMMON_SEND_H_
 
+#include <sys/stat.h>
+
 #include <functional>
 #include <string>
-
-#include "kovaplatform/webfile_relay.h"
 
 namespace kovathumb {
 
@@ -26,8 +26,22 @@ struct Wanted {
 
 // Receives a response's bytes; false once nobody reads any more.
 using Sink = std::function<bool(const char*, size_t)>;
-// A request's method and validators.
-using Validators = WebFileRelay::Request;
+// A request's method and validators, as it gave them.
+struct Validators {
+  bool head = false;
+  const char* ifNoneMatch = nullptr;      // If-None-Match, or null
+  const char* ifModifiedSince = nullptr;  // If-Modified-Since, or null
+};
+
+// Whether `validators` match file `st`: a 304 answers.
+bool NotModified(const struct stat& st, const Validators& validators);
+// The header block, to the empty line that ends it, that the platform's
+// relay writes for file `st` offered as `name` of type `mime` (a 304 where
+// the validators match), byte for byte: answers sent as values and the
+// CGI's are the same to a client and its cache. With `sendfile`, the web
+// server sends that file as the body (X-Sendfile) in place of a length.
+std::string AnswerHead(const struct stat& st, const char* name, const char* mime, const Validators& validators,
+                       const char* sendfile = nullptr);
 
 // Chooses the output for `wanted`; false when there is none.
 bool ChooseThumbnail(Thumb& thumb, const Wanted& wanted);

@@ -118,18 +118,6 @@ static inline int KOVAChildWallSeconds(void) {
   return n > 0 ? n : KOVA_CHILD_WALL_SECONDS;
 }
 
-// No thumbnail is larger than this: a stored file beyond it is not a
-// thumbnail and is never buffered, copied or sent as one, whatever its name
-// (KOVATHUMB_MAX_THUMB_BYTES in the environment, the administrator's, sets
-// another bound).
-#define KOVA_MAX_THUMB_BYTES (16LL << 20)
-
-static inline long long KOVAMaxThumbBytes(void) {
-  const char* v = getenv("KOVATHUMB_MAX_THUMB_BYTES");
-  const long long n = v != NULL ? atoll(v) : 0;
-  return n > 0 ? n : KOVA_MAX_THUMB_BYTES;
-}
-
 // Runs `path` with the null-terminated argument vector `argv` (argv[0] is
 // the name the program sees). With `wait` 1, waits for the child and returns
 // 0 only when it exited normally with status 0, 1 when it exited otherwise

@@ -18,9 +18,6 @@
 #define KOVAPLATFORM_WEBFILE_RELAY_H_
 
 #include <stdio.h>
-#include <sys/stat.h>
-
-#include <string>
 
 #include "kovaplatform/kovaplatform.h"
 
@@ -42,22 +39,6 @@ class KOVAPLATFORM_EXPORT WebFileRelay {
   // unreadable: 403; not a regular file or any other failure: 500. Returns 0 when the response (a body or a 304)
   // was sent.
   int Output(const char* path, const char* mime);
-
-  // Ours, for a server that sends responses its own way: the request as it
-  // was given, not as a CGI environment holds it.
-  struct Request {
-    bool head = false;
-    const char* ifNoneMatch = nullptr;      // If-None-Match, or null
-    const char* ifModifiedSince = nullptr;  // If-Modified-Since, or null
-  };
-  // Whether the validators of `request` match file `st` (a 304 answers).
-  static bool NotModified(const struct stat& st, const Request& request);
-  // The header block, to the empty line that ends it, that Output(path)
-  // writes for file `st` offered as `name` of type `mime`: a 304 where the
-  // validators match. With `sendfile`, the web server sends that file as
-  // the body (X-Sendfile) and its length.
-  static std::string Head(const struct stat& st, const char* name, const char* mime, const Request& request,
-                          const char* sendfile = nullptr);
 };
 
 #endif  // KOVAPLATFORM_WEBFILE_RELAY_H_
