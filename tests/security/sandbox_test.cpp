@@ -1,0 +1,180 @@
+// What a body run by sandbox::Run can reach, as root and as a user: only
+// the files it was shown, no network, no way back to root; its processes
+// end with it, and what it left in a writable directory is cleaned.
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <sys/prctl.h>
+#include <sys/socket.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+
+#include <gtest/gtest.h>
+
+#include "sandbox/sandbox.h"
+#include "support/attacker.h"
+#include "util/safe_fs.h"
+
+namespace kovathumb {
+namespace {
+
+using test::Quote;
+
+// What an exploit in the body tries; each entry answers true when it got through.
+struct Attempt {
+  const char* what;
+  std::function<bool()> escapes;
+};
+
+bool ConnectsTo(int port) {
+  const int fd = socket(AF_INET, SOCK_STREAM, 0);
+  if (fd < 0) return false;
+  sockaddr_in addr{};
+  addr.sin_family = AF_INET;
+  addr.sin_port = htons(static_cast<uint16_t>(port));
+  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  const bool ok = connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0;
+  close(fd);
+  return ok;
+}
+
+// Runs every attempt in one body; "1" for each that escaped, "0" else.
+std::string Attack(const sandbox::Spec& spec, const std::vector<Attempt>& attempts, sandbox::Outcome* outcome) {
+  std::string reply;
+  int status = -1;
+  *outcome = sandbox::Run(spec, [&](int fd) {
+    std::string r;
+    for (const Attempt& a : attempts) r += a.escapes() ? '1' : '0';
+    return write(fd, r.data(), r.size()) == static_cast<ssize_t>(r.size()) ? 0 : 1;
+  }, &reply, 1024, &status);
+  return reply;
+}
+
+class SandboxRootTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    KT_SKIP_UNLESS_ROOT();
+    test::MakePhoto(neighbour_, 64, 48);
+    test::MakePhoto(mine_, 64, 48);
+    ASSERT_EQ(chown(t_.mine.c_str(), test::kAttackerId, test::kAttackerId), 0);
+    listener_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t len = sizeof addr;
+    ASSERT_EQ(bind(listener_, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
+    ASSERT_EQ(listen(listener_, 4), 0);
+    getsockname(listener_, reinterpret_cast<sockaddr*>(&addr), &len);
+    port_ = ntohs(addr.sin_port);
+    source_.reset(open(mine_.c_str(), O_RDONLY | O_CLOEXEC));
+    work_.CreateAt("/var/tmp/kovathumb-sandbox-test_XXXXXX");
+    ASSERT_TRUE(source_.valid() && work_.valid());
+  }
+  void TearDown() override {
+    if (listener_ >= 0) close(listener_);
+  }
+
+  std::vector<Attempt> Attempts() const {
+    const std::string input = safe_fs::ToolPath(source_.get()), out = work_.ToolPath("out");
+    return {
+        {"read a root-only file outside the tree", [=] { return test::ReadFile(t_.secret).size() > 0; }},
+        {"read a neighbour's photo", [=] { return test::ReadFile(neighbour_).size() > 0; }},
+        {"create a file in the user's folder", [=] { return creat((t_.mine + "/dropped").c_str(), 0644) >= 0; }},
+        {"create a file outside", [=] { return creat((t_.top / "dropped").c_str(), 0644) >= 0; }},
+        {"connect to a loopback port", [=] { return ConnectsTo(port_); }},
+        {"be root", [] { return getuid() == 0 || geteuid() == 0; }},
+        {"become root again", [] { return setuid(0) == 0 || setresuid(0, 0, 0) == 0; }},
+        {"trace another process", [] { return ptrace_attach_works(); }},
+        {"make a namespace", [] { return unshare(CLONE_NEWUSER) == 0; }},
+        {"regain privileges through exec", [] { return prctl(PR_GET_NO_NEW_PRIVS, 0, 0, 0, 0) != 1; }},
+        // What it must still be able to do, negated.
+        {"not read its input by its pinned path", [=] { return test::ReadFile(input).size() == 0; }},
+        {"not write its output", [=] { return test::Sh("echo x > " + Quote(out)) != 0; }},
+    };
+  }
+  static bool ptrace_attach_works() { return ptrace_probe(); }
+  static bool ptrace_probe();
+
+  test::AttackTree t_;
+  std::string neighbour_ = t_.tree + "/bob.jpg", mine_ = t_.mine + "/photo.jpg";
+  int listener_ = -1, port_ = 0;
+  safe_fs::Fd source_;
+  safe_fs::PrivateDir work_;
+};
+
+bool SandboxRootTest::ptrace_probe() {
+  const pid_t parent = getppid();
+  return parent > 1 && syscall(SYS_ptrace, 16 /* PTRACE_ATTACH */, parent, 0, 0) == 0;
+}
+
+TEST_F(SandboxRootTest, EveryAttemptFailsAsRootAndAsAUser) {
+  const std::vector<Attempt> attempts = Attempts();
+  for (bool asUser : {false, true}) {
+    sandbox::Spec spec;
+    unsigned applied = 0;
+    spec.visible = {source_.get()};
+    spec.writable = {work_.fd()};
+    spec.applied = &applied;
+    std::string reply;
+    sandbox::Outcome outcome = sandbox::kNoChild;
+    if (asUser) {
+      // A caller that is not root to begin with: what it can apply, it does.
+      const int status = test::WithStandIns({}, [&] {
+        if (setresuid(test::kAttackerId, test::kAttackerId, test::kAttackerId) != 0) return 9;
+        reply = Attack(spec, {attempts[0], attempts[4], attempts[6], attempts[8], attempts[9]}, &outcome);
+        return reply == "00000" && outcome == sandbox::kExited &&
+                       applied == (sandbox::kUnprivileged | sandbox::kNoCapabilities | sandbox::kNoNewPrivs |
+                                   sandbox::kSyscallFilter)
+                   ? 0
+                   : 1;
+      });
+      if (status != test::kNoNamespace) {
+        EXPECT_EQ(status, 0) << "as a user";
+      }
+      continue;
+    }
+    reply = Attack(spec, attempts, &outcome);
+    ASSERT_EQ(outcome, sandbox::kExited);
+    ASSERT_EQ(reply.size(), attempts.size());
+    for (size_t i = 0; i < attempts.size(); ++i) EXPECT_EQ(reply[i], '0') << attempts[i].what;
+    // Each mechanism this kernel lacks is named.
+    for (auto [bit, name] : std::vector<std::pair<unsigned, const char*>>{
+             {sandbox::kUnprivileged, "sandbox account"}, {sandbox::kNoCapabilities, "capabilities dropped"},
+             {sandbox::kNoNewPrivs, "no_new_privs"}, {sandbox::kSyscallFilter, "seccomp"},
+             {sandbox::kNamespaces, "namespaces"}, {sandbox::kPidNamespace, "PID namespace"},
+             {sandbox::kFileView, "file view"}}) {
+      EXPECT_NE(applied & bit, 0u) << "missing on this kernel: " << name;
+    }
+    // The output is there for root to check, and only it.
+    EXPECT_EQ(test::ReadFile(work_.path() + "/out"), "x\n");
+  }
+  EXPECT_FALSE(test::Exists(t_.mine + "/dropped") || test::Exists(t_.top / "dropped"));
+  EXPECT_TRUE(test::Stat(work_.path()).st_uid == 0 && (test::Stat(work_.path()).st_mode & 07777) == 0700);
+}
+
+TEST_F(SandboxRootTest, LeftoversDieAndWhatWasPlantedIsRemoved) {
+  sandbox::Spec spec;
+  spec.writable = {work_.fd()};
+  spec.limits.wallSeconds = 2;
+  const std::string dir = work_.ToolPath("");
+  const auto shell = [](const std::string& script) {
+    return [script](int) { return execl("/bin/sh", "sh", "-c", script.c_str(), nullptr); };
+  };
+  const std::vector<std::tuple<const char*, std::function<int(int)>, sandbox::Outcome>> cases = {
+      {"a crash", [](int) -> int { __builtin_trap(); }, sandbox::kKilled},
+      {"a hang", shell("exec sleep 100"), sandbox::kTimedOut},
+      {"a daemon left behind, links and a FIFO planted",
+       shell("cd " + dir + " && ln -s /etc/shadow thumb.jpg; mkfifo pipe; mkdir sub; echo y > ok; "
+             "(setsid sleep 987.6 &) ; exit 0"),
+       sandbox::kExited},
+  };
+  for (const auto& [what, body, outcome] : cases) {
+    int status = -1;
+    EXPECT_EQ(sandbox::Run(spec, body, nullptr, 0, &status), outcome) << what;
+  }
+  EXPECT_EQ(test::Capture("ls -A " + Quote(work_.path())), "ok\n");
+  EXPECT_EQ(test::Capture("pgrep -f 'slee[p] 987.6'"), "");
+}
+
+}  // namespace
+}  // namespace kovathumb
