@@ -415,9 +415,19 @@ std::vector<Lent> Lend(const std::vector<int>& dirs, const Account& a) {
   if (geteuid() != 0) return lent;
   for (int fd : dirs) {
     Lent l{fd, {}};
-    if (fstat(fd, &l.before) == 0 && S_ISDIR(l.before.st_mode) && fchown(fd, a.uid, a.gid) == 0) {
-      lent.push_back(l);
+    if (fstat(fd, &l.before) != 0 || !S_ISDIR(l.before.st_mode) || fchown(fd, a.uid, a.gid) != 0) continue;
+    lent.push_back(l);
+    // What we made there for the tool to fill or read is the account's too.
+    const int dup = openat(fd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    DIR* d = dup >= 0 ? fdopendir(dup) : nullptr;
+    if (d == nullptr && dup >= 0) close(dup);
+    for (struct dirent* e; d != nullptr && (e = readdir(d)) != nullptr;) {
+      struct stat st;
+      if (fstatat(fd, e->d_name, &st, AT_SYMLINK_NOFOLLOW) == 0 && S_ISREG(st.st_mode) && st.st_nlink == 1) {
+        fchownat(fd, e->d_name, a.uid, a.gid, AT_SYMLINK_NOFOLLOW);
+      }
     }
+    if (d != nullptr) closedir(d);
   }
   return lent;
 }

@@ -56,7 +56,7 @@ std::vector<int> PinnedDescriptors(const std::vector<std::string>& args) {
   return fds;
 }
 
-bool RunTool(const char* path, const char* const argv[], int out) {
+bool RunTool(const char* path, const char* const argv[], int out, int err) {
   std::vector<std::string> args;
   for (const char* const* a = argv; *a != nullptr; ++a) args.push_back(*a);
   Spec spec;
@@ -66,12 +66,14 @@ bool RunTool(const char* path, const char* const argv[], int out) {
     (S_ISDIR(st.st_mode) ? spec.writable : spec.visible).push_back(fd);
   }
   if (out >= 0) spec.keep.push_back(out);
+  if (err >= 0) spec.keep.push_back(err);
   // The launcher bounds the tool; ours only has to outlast it.
   spec.limits.wallSeconds = static_cast<unsigned>(KOVAChildWallSeconds()) + 5;
   spec.limits.cpuSeconds = KOVA_CHILD_CPU_SECONDS + 5;
   spec.limits.addressSpace = KOVA_CHILD_ADDRESS_SPACE;
   int status = -1;
   const Outcome o = Run(spec, [&](int) {
+    if (err >= 0 && dup2(err, 2) != 2) return 1;
     if (out < 0) return KLIBCExecv(path, argv, 1) == 0 ? 0 : 1;
     FILE* pipe = KLIBCPopenv(path, "r", argv);
     if (pipe == nullptr) return 1;

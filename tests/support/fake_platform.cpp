@@ -3,18 +3,67 @@
 #include "support/fake_platform.h"
 
 #include <dlfcn.h>
+#include <sys/mman.h>
+
+#include <atomic>
+#include <cstring>
 
 #include "kovaplatform/kovaplatform.h"
 
 namespace kovathumb {
 namespace fake {
 
+namespace {
+
+// Tools start inside sandboxed children: their calls are recorded in memory
+// shared with every fork, NUL-separated fields and an empty one per call.
+struct Shared {
+  std::atomic<size_t> used;
+  char data[(4 << 20) - 64];
+};
+
+Shared* Calls() {
+  static Shared* shared = static_cast<Shared*>(
+      mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+  return shared;
+}
+// Made before any fork.
+[[maybe_unused]] const Shared* const kMadeAtLoad = Calls();
+size_t g_synced = 0;
+
+}  // namespace
+
+void Append(const std::vector<std::string>& call) {
+  std::string rec;
+  for (const std::string& f : call) rec.append(f).push_back('\0');
+  rec.push_back('\0');
+  Shared* s = Calls();
+  const size_t at = s->used.fetch_add(rec.size());
+  if (at + rec.size() <= sizeof s->data) memcpy(s->data + at, rec.data(), rec.size());
+}
+
 Platform& State() {
   static Platform state;
+  Shared* s = Calls();
+  const size_t used = std::min(s->used.load(), sizeof s->data);
+  while (g_synced < used) {
+    std::vector<std::string> call;
+    for (;;) {
+      std::string f(s->data + g_synced);
+      g_synced += f.size() + 1;
+      if (f.empty()) break;
+      call.push_back(f);
+    }
+    state.exec_calls.push_back(call);
+  }
   return state;
 }
 
-void Reset() { State() = Platform(); }
+void Reset() {
+  Calls()->used = 0;
+  g_synced = 0;
+  State() = Platform();
+}
 
 }  // namespace fake
 }  // namespace kovathumb
@@ -29,7 +78,7 @@ F Real(const char* name) {
 void Record(const char* path, const char* const argv[]) {
   std::vector<std::string> call{path ? path : ""};
   for (size_t i = 0; argv != nullptr && argv[i] != nullptr; ++i) call.emplace_back(argv[i]);
-  kovathumb::fake::State().exec_calls.push_back(call);
+  kovathumb::fake::Append(call);
 }
 
 }  // namespace

@@ -17,6 +17,7 @@
 #include "front_end/pin.h"
 #include "kovaplatform/kovaplatform.h"
 #include "kovathumb/error.h"
+#include "sandbox/sandbox.h"
 #include "kovathumb/file.h"
 #include "kovathumb/log.h"
 #include "kovathumb/thumb.h"
@@ -150,12 +151,14 @@ void MakeScreenshot(const PinnedFile& pinned, const StoredOf& stored, Outcome* o
     return;
   }
   const std::string input = "/proc/" + std::to_string(getpid()) + "/fd/" + std::to_string(src);
+  const int workFd = open(work, O_RDONLY | O_DIRECTORY | O_CLOEXEC);  // ffmpeg writes by its pinned path
   const std::string tmp = std::string(work) + "/" + name + ".jpg";
+  const std::string pinnedTmp = "/proc/" + std::to_string(getpid()) + "/fd/" + std::to_string(workFd) + "/" + name + ".jpg";
   const char* argv[] = {kFfmpeg, "-nostdin", "-v", "error", "-y", "-i", input.c_str(),
                         "-vf", "thumbnail=25,scale='min(1280,iw)':-2", "-frames:v", "1",
-                        "-q:v", "3", tmp.c_str(), nullptr};
+                        "-q:v", "3", pinnedTmp.c_str(), nullptr};
   Thumb thumb(path, 0, false);
-  if (KLIBCExecv(kFfmpeg, argv, 1) == 0 && stat(tmp.c_str(), &st) == 0 && st.st_size > 0 &&
+  if (sandbox::RunTool(kFfmpeg, argv) && stat(tmp.c_str(), &st) == 0 && st.st_size > 0 &&
       thumb.SaveThumbToEA(tmp, dst, 0)) {
     ++out->made;
   } else {
@@ -163,6 +166,7 @@ void MakeScreenshot(const PinnedFile& pinned, const StoredOf& stored, Outcome* o
     out->error = FailureReason("ffmpeg made no screenshot");
   }
   close(src);
+  if (workFd >= 0) close(workFd);
   unlink(tmp.c_str());
   rmdir(work);
 }
