@@ -232,7 +232,6 @@ class KOVATHUMB_EXPORT Thumb {
   std::unique_ptr<Pinned> pinned_;  // open files of the current request
 
   // Quality mode (quality.cpp).
-  KOVATHUMB_LOCAL bool QualityStoredOk(int fd) const;
   KOVATHUMB_LOCAL bool QualityFromPreview();
   KOVATHUMB_LOCAL bool QualityOnline(const std::string* derived = nullptr);
   KOVATHUMB_LOCAL bool QualityFromRaw();

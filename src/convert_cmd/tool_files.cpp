@@ -11,17 +11,11 @@
 #include <utility>
 
 #include "kovathumb/thumb_const.h"
+#include "store/image_facts.h"
 
 namespace kovathumb {
 namespace internal {
 
-namespace {
-
-bool StartsWith(const std::string& s, const char* prefix, size_t n, size_t at = 0) {
-  return s.size() >= at + n && s.compare(at, n, prefix, n) == 0;
-}
-
-}  // namespace
 
 std::string CoderFor(const std::string& mime) {
   static const std::pair<const char*, const char*> kCoders[] = {
@@ -36,18 +30,7 @@ std::string CoderFor(const std::string& mime) {
 
 std::string MagickCoder(const std::string& head, const std::string& mime) {
   if (head.empty()) return CoderFor(mime);
-  if (StartsWith(head, "\xFF\xD8\xFF", 3)) return "jpeg";
-  if (StartsWith(head, "\x89PNG\r\n\x1A\n", 8)) return "png";
-  if (StartsWith(head, "GIF87a", 6) || StartsWith(head, "GIF89a", 6)) return "gif";
-  if (StartsWith(head, "BM", 2)) return "bmp";
-  if (StartsWith(head, "II*\0", 4) || StartsWith(head, "MM\0*", 4)) return "tiff";
-  if (StartsWith(head, "P6", 2) || StartsWith(head, "P5", 2)) return "ppm";  // dcraw's previews
-  if (StartsWith(head, "ftyp", 4, 4)) {
-    for (const char* brand : {"heic", "heix", "mif1", "msf1"}) {
-      if (StartsWith(head, brand, 4, 8)) return "heic";
-    }
-  }
-  return "";
+  return store::SniffType(head);
 }
 
 int OpenInput(const std::string& path) {

@@ -14,6 +14,7 @@
 #include "libkovathumb/pinned.h"
 #include "libkovathumb/store_rules.h"
 #include "libkovathumb/thumb_shared.h"
+#include "store/fresh.h"
 #include "thumb_info/decisions.h"
 #include "thumb_info/thumb_info_access.h"
 #include "util/ea_dir.h"
@@ -31,7 +32,12 @@ bool Thumb::Fail() {
 
 int Thumb::EADir(bool make) {
   safe_fs::Fd& ea = pinned_->eaDir;
-  if (!ea.valid() && (!make || file::MakeEADir(path_))) ea = file::OpenEADir(path_);
+  if (!ea.valid()) ea = file::OpenEADir(path_);
+  if (!ea.valid() && make && file::MakeEADir(path_)) {
+    ea = file::OpenEADir(path_);
+    // Made for this request: it goes again if nothing is stored in it.
+    if (ea.valid()) pinned_->madeEADir = BaseName(path_);
+  }
   return ea.get();
 }
 
@@ -50,13 +56,12 @@ bool Thumb::SetOutStored(const std::string& name, bool needEAPath, bool conditio
   const std::string path = file::GetEAPath(path_, name);
   if (needEAPath && path.empty()) return Fail();
   if (path.empty() || !condition) return Fail();
-  // Anything but a regular file here (a link, FIFO, directory) is no
-  // thumbnail; the file checked is the one sent.
+  // The store's one rule decides, on the very file that is then sent.
   const int ea = EADir(false);
+  const store::Behaviour behaviour = quality_ ? store::Behaviour::kQuality : store::Behaviour::kAppliance;
   struct stat64 st;
-  safe_fs::Fd fd = ea < 0 ? safe_fs::Fd() : safe_fs::OpenRegularAt(ea, name, &st);
-  if (!fd.valid() || !info_.IsThumbUptoDate(safe_fs::SelfPath(fd.get()))) return Fail();
-  if (quality_ && !isVideo_ && !QualityStoredOk(fd.get())) return Fail();
+  safe_fs::Fd fd;
+  if (!store::ServesAt(ea, name, internal::ThumbInfoAccess::ProbedMtime(info_), behaviour, &fd, &st)) return Fail();
   outputFile_ = path;
   pinned_->SetOutput(path, std::move(fd), st);
   outputType_ = type;
@@ -101,7 +106,7 @@ bool Thumb::SetOutFromEXIFPreview() {
   const std::string preview = info_.GetEXIFPreviewTmpPath();
   const std::string dest = file::GetEAPath(path_, info_.GetDossivaThumbEAName());
   if (preview.empty()) return Fail();
-  if (!file::MakeEADir(path_)) {
+  if (EADir(true) < 0) {
     unlink(preview.c_str());
     return Fail();
   }

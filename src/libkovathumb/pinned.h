@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "kovathumb/thumb.h"
+#include "store/ea.h"
 #include "util/safe_fs.h"
 
 namespace kovathumb {
@@ -21,6 +22,14 @@ struct Thumb::Pinned {
   std::string outputPath;  // the output file this descriptor stands for
   struct stat64 outputStat;
   safe_fs::PrivateDir work;
+  // The EA directory's name when this request made it, "" when it was there.
+  std::string madeEADir;
+
+  // A request that stored nothing leaves no EA directory of its own behind.
+  ~Pinned() {
+    work.Remove();
+    if (!madeEADir.empty() && eaDir.valid()) store::RemoveIfEmpty(eaDir.get(), madeEADir);
+  }
 
   void SetOutput(const std::string& path, safe_fs::Fd fd, const struct stat64& st) {
     output = std::move(fd);

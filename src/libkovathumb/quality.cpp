@@ -37,27 +37,6 @@ using WorkDir = internal::QualityWorkDir;
 
 // ---- Thumb's quality members ------------------------------------------------------
 
-bool Thumb::QualityStoredOk(int fd) const {
-  // A stored file made by the appliance's rules may be a BMP or twice the box.
-  const std::string mime = info_.GetOutputMimeType();
-  unsigned char head[32] = {};
-  if (safe_fs::ReadAt(fd, reinterpret_cast<char*>(head), sizeof head, 0) < 24) return false;
-  uint32_t w = 0, h = 0;
-  if (mime == kMimeJpeg) {
-    const internal::JpegFacts f = internal::ScanJpegFd(fd);
-    w = f.ok ? f.width : 0;
-    h = f.ok ? f.height : 0;
-  } else if (mime == kMimePng && memcmp(head, "\x89PNG", 4) == 0) {
-    w = (uint32_t{head[16]} << 24) | (uint32_t{head[17]} << 16) | (uint32_t{head[18]} << 8) | head[19];
-    h = (uint32_t{head[20]} << 24) | (uint32_t{head[21]} << 16) | (uint32_t{head[22]} << 8) | head[23];
-  } else if (mime == kMimeGif && memcmp(head, "GIF8", 4) == 0) {
-    w = head[6] | (uint32_t{head[7]} << 8);
-    h = head[8] | (uint32_t{head[9]} << 8);
-  }
-  const ThumbDimension box = info_.GetDimension();
-  return w != 0 && h != 0 && w <= box.width && h <= box.height;
-}
-
 bool Thumb::QualityFromPreview() {
   const std::string preview = info_.GetEXIFPreviewTmpPath();
   if (!info_.IsGood() || preview.empty()) return Fail();

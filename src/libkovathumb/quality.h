@@ -12,24 +12,11 @@
 #include <vector>
 
 #include "kovathumb/thumb_info.h"
+#include "store/image_facts.h"
 #include "thumb_info/decisions.h"
 
 namespace kovathumb {
 namespace internal {
-
-// What the markers of a JPEG stream before its scan say.
-struct JpegFacts {
-  bool ok = false;  // a start-of-frame was found
-  uint32_t width = 0;
-  uint32_t height = 0;
-  int components = 0;  // 4: CMYK or YCCK
-  bool icc = false;    // an embedded colour profile
-};
-JpegFacts ScanJpeg(const unsigned char* data, size_t size);
-// The same from the first bytes of a file; not ok when it cannot be read.
-JpegFacts ScanJpegFile(const std::string& path);
-// The same from the start of the file open at `fd`, wherever its offset is.
-JpegFacts ScanJpegFd(int fd);
 
 // `w` x `h` scaled into `box`, aspect kept, never enlarged, at least 1 x 1.
 ThumbDimension FitInBox(uint32_t w, uint32_t h, ThumbDimension box);

@@ -1,21 +1,18 @@
 #include "libkovathumb/store_rules.h"
 
 #include <algorithm>
-#include <cctype>
 #include <cstdint>
 #include <string>
 #include <vector>
 
 #include "kovathumb/thumb_const.h"
+#include "store/ea.h"
+#include "store/image_facts.h"
 
 namespace kovathumb {
 namespace internal {
 
 namespace {
-
-bool StartsWith(const std::string& s, const char* prefix) {
-  return s.compare(0, std::char_traits<char>::length(prefix), prefix) == 0;
-}
 
 // A JPEG ends with its EOI marker; some writers pad after it.
 bool JpegEnds(std::string tail) {
@@ -36,29 +33,17 @@ bool IsStorableImage(const std::string& head, const std::string& tail, off_t siz
                      const std::string& outputMime) {
   if (size <= 0 || head.size() < 8) return false;
   const bool jpegOut = outputMime != kMimePng && outputMime != kMimeGif;
-  if (StartsWith(head, "\xff\xd8\xff")) return jpegOut && JpegEnds(tail);
-  if (StartsWith(head, "BM") && head.size() >= 6) {
-    return jpegOut && Le32(head, 2) <= static_cast<uint64_t>(size);
-  }
-  if (StartsWith(head, "\x89PNG\r\n\x1a\n")) {
+  const std::string type = store::SniffType(head);
+  if (type == "jpeg") return jpegOut && JpegEnds(tail);
+  if (type == "bmp" && head.size() >= 6) return jpegOut && Le32(head, 2) <= static_cast<uint64_t>(size);
+  if (type == "png") {
     return outputMime == kMimePng && tail.size() >= 8 && tail.compare(tail.size() - 8, 4, "IEND") == 0;
   }
-  if (StartsWith(head, "GIF87a") || StartsWith(head, "GIF89a")) {
-    return outputMime == kMimeGif && !tail.empty() && tail.back() == ';';
-  }
+  if (type == "gif") return outputMime == kMimeGif && !tail.empty() && tail.back() == ';';
   return false;
 }
 
-bool IsBoxThumbName(const std::string& name) {
-  if (StartsWith(name, "KOVAAVATAR_")) return true;
-  static const std::string kFile = "KOVAFILE_THUMB_";
-  if (!StartsWith(name, kFile.c_str())) return false;
-  size_t i = kFile.size();
-  const size_t w = i;
-  while (i < name.size() && isdigit(static_cast<unsigned char>(name[i]))) ++i;
-  if (i == w || i >= name.size() || name[i] != 'x') return false;
-  return i + 1 < name.size() && isdigit(static_cast<unsigned char>(name[i + 1]));
-}
+bool IsBoxThumbName(const std::string& name) { return store::Classify(name) == store::Stored::kBoxThumb; }
 
 std::vector<std::string> BoxThumbsToRemove(std::vector<StoredThumb> stored, const std::string& keep) {
   stored.erase(std::remove_if(stored.begin(), stored.end(),

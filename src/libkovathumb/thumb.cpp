@@ -12,6 +12,7 @@
 #include "kovathumb/thumb_const.h"
 #include "libkovathumb/pinned.h"
 #include "libkovathumb/thumb_shared.h"
+#include "store/names.h"
 #include "thumb_info/thumb_info_access.h"
 #include "util/safe_fs.h"
 
@@ -20,10 +21,11 @@ namespace kovathumb {
 using internal::BaseName;
 using internal::kUnlimited;
 
-const std::map<std::string, ThumbDimension> Thumb::strThumbSizeMap_ = {
-    {kSizeSmall, {120, 120}},   {kSizeMedium, {360, 360}},  {kSizeBig, {640, 640}},
-    {kSizeLarge, {1280, 1280}}, {kSizeXLarge, {1280, 1280}}, {kSizeOriginal, {kUnlimited, kUnlimited}},
-};
+const std::map<std::string, ThumbDimension> Thumb::strThumbSizeMap_ = [] {
+  std::map<std::string, ThumbDimension> sizes;
+  for (const store::SizeRow& row : store::Sizes()) sizes[row.size] = row.box;
+  return sizes;
+}();
 
 const std::vector<std::string> Thumb::size_vec = {kSizeOriginal, kSizeXLarge, kSizeLarge,
                                                   kSizeBig,      kSizeMedium, kSizeSmall};

@@ -1,42 +1,46 @@
-// File names of stored thumbnails, one scheme per application.
-#include <unistd.h>
-
+// ThumbInfo's stored names: the store builds them from its facts.
 #include <map>
 #include <string>
 
 #include "kovathumb/thumb_const.h"
 #include "kovathumb/thumb_info.h"
+#include "store/names.h"
 #include "thumb_info/decisions.h"
 
 namespace kovathumb {
 
 namespace {
 
-// "large" and "xlarge" share a letter: both are stored under one name.
-const std::map<std::string, std::string> sizeSuffixMap = {
-    {kSizeSmall, kLetterSmall}, {kSizeMedium, kLetterMedium}, {kSizeBig, kLetterBig},
-    {kSizeLarge, kLetterXLarge}, {kSizeXLarge, kLetterXLarge},
-};
-
-constexpr char kPictavoPrefix[] = "KOVAPHOTO_THUMB_";
-constexpr char kPictavoOldPrefix[] = "KOVAPHOTO:THUMB_";
-constexpr char kDossivaPrefix[] = "KOVAFILE_THUMB_";
-constexpr char kDossivaTmpPrefix[] = "KOVAFILETMP_THUMB";
-constexpr char kAvatarPrefix[] = "KOVAAVATAR_";
-constexpr char kCinevoName[] = "KOVAVIDEO_VIDEO_SCREENSHOT.jpg";
+store::StoredName Named(store::Scheme scheme, const std::string& letter, ThumbDimension box, int32_t turnSum,
+                        const std::string& ext) {
+  store::StoredName n;
+  n.scheme = scheme;
+  n.letter = letter;
+  n.box = letter.empty() ? box : ThumbDimension{0, 0};
+  n.turns = turnSum % 4;
+  n.ext = ext;
+  return n;
+}
 
 }  // namespace
 
 namespace internal {
 
-std::string RotateSuffix(int32_t sum) {
-  const int32_t r = sum % 4;  // truncates toward zero: the sign of the sum
-  return r == 0 ? std::string() : "_r" + std::to_string(r);
-}
+std::string RotateSuffix(int32_t sum) { return store::RotateSuffix(sum); }
 
 }  // namespace internal
 
-const std::string& ThumbInfo::SizeLetter() const { return sizeSuffixMap.at(size_); }
+const std::string& ThumbInfo::SizeLetter() const {
+  // Throws std::out_of_range, as the size table does, for a size never stored.
+  static const std::map<std::string, std::string> letters = [] {
+    std::map<std::string, std::string> m;
+    for (const store::SizeRow& row : store::Sizes()) {
+      if (*row.letter != '\0') m[row.size] = row.letter;
+    }
+    return m;
+  }();
+  return letters.at(size_);
+}
 
 std::string ThumbInfo::GetXString() const {
   const ThumbDimension box = GetTargetDimension();
@@ -48,28 +52,31 @@ std::string ThumbInfo::GetRotateSuffix() const {
 }
 
 std::string ThumbInfo::GetPictavoThumbEAName() const {
-  return kPictavoPrefix + SizeLetter() + GetOutputExtension();
+  return store::Build(Named(store::Scheme::kPictavo, SizeLetter(), {0, 0}, 0, GetOutputExtension()));
 }
 
 std::string ThumbInfo::GetPictavoOldThumbEAName() const {
-  return kPictavoOldPrefix + SizeLetter() + GetOutputExtension();
+  return store::Build(Named(store::Scheme::kPictavoOld, SizeLetter(), {0, 0}, 0, GetOutputExtension()));
 }
 
 std::string ThumbInfo::GetDossivaThumbEAName() const {
-  const std::string token = size_ == kSizeCustom ? GetXString() : SizeLetter();
-  return kDossivaPrefix + token + GetRotateSuffix() + GetOutputExtension();
+  const std::string letter = size_ == kSizeCustom ? std::string() : SizeLetter();
+  return store::Build(Named(store::Scheme::kDossiva, letter, GetTargetDimension(),
+                            internal::TurnSum(rotate_, userRotate_), GetOutputExtension()));
 }
 
 std::string ThumbInfo::GetDossivaTmpThumbEAName() const {
-  return kDossivaTmpPrefix + GetRotateSuffix() + "_" +
-         std::to_string(static_cast<int>(getpid())) + GetOutputExtension();
+  return store::WorkName(internal::TurnSum(rotate_, userRotate_), GetOutputExtension());
 }
 
 std::string ThumbInfo::GetAvatarThumbEAName() const {
-  return kAvatarPrefix + GetXString() + GetRotateSuffix() + GetOutputExtension();
+  return store::Build(Named(store::Scheme::kAvatar, std::string(), GetTargetDimension(),
+                            internal::TurnSum(rotate_, userRotate_), GetOutputExtension()));
 }
 
-std::string ThumbInfo::GetCinevoThumbEAName() const { return kCinevoName; }
+std::string ThumbInfo::GetCinevoThumbEAName() const {
+  return store::Build(Named(store::Scheme::kCinevo, std::string(), {0, 0}, 0, ".jpg"));
+}
 
 std::string ThumbInfo::GetEXIFPreviewTmpPath() const { return exifPreviewTmpPath_; }
 

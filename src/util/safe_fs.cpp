@@ -67,23 +67,6 @@ std::string RandomSuffix() {
   return s;
 }
 
-// The names in the directory open at `dir`, but "." and "..".
-std::vector<std::string> Names(int dir) {
-  std::vector<std::string> names;
-  const int copy = openat(dir, ".", kDirFlags);
-  DIR* d = copy < 0 ? nullptr : fdopendir(copy);
-  if (d == nullptr) {
-    if (copy >= 0) close(copy);
-    return names;
-  }
-  while (struct dirent* e = readdir(d)) {
-    const std::string name = e->d_name;
-    if (name != "." && name != "..") names.push_back(name);
-  }
-  closedir(d);
-  return names;
-}
-
 void EmptyDir(int dir) {
   // Nothing but our tools writes here; they make files only.
   for (const std::string& name : Names(dir)) unlinkat(dir, name.c_str(), 0);
@@ -256,6 +239,22 @@ bool UnlinkIfSame(int dir, const std::string& name, const struct stat64& st) {
   if (fstatat64(dir, name.c_str(), &now, AT_SYMLINK_NOFOLLOW) != 0) return false;
   if (now.st_dev != st.st_dev || now.st_ino != st.st_ino) return false;
   return internal::Sys().unlinkat(dir, name.c_str(), 0) == 0;
+}
+
+std::vector<std::string> Names(int dir) {
+  std::vector<std::string> names;
+  const int copy = openat(dir, ".", kDirFlags);
+  DIR* d = copy < 0 ? nullptr : fdopendir(copy);
+  if (d == nullptr) {
+    if (copy >= 0) close(copy);
+    return names;
+  }
+  while (struct dirent* e = readdir(d)) {
+    const std::string name = e->d_name;
+    if (name != "." && name != "..") names.push_back(name);
+  }
+  closedir(d);
+  return names;
 }
 
 std::vector<Entry> ListRegular(int dir) {

@@ -106,6 +106,9 @@ bool RenameAt(int fromDir, const std::string& from, int toDir, const std::string
 // Unlinks `name` in `dir` when it is still the file `st` describes.
 bool UnlinkIfSame(int dir, const std::string& name, const struct stat64& st);
 
+// The names in the directory open at `dir` (O_PATH will do), but "." and "..".
+std::vector<std::string> Names(int dir);
+
 // Regular files of a directory, with what pruning needs.
 struct Entry {
   std::string name;

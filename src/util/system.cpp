@@ -10,7 +10,7 @@ namespace internal {
 
 namespace {
 const System kReal = {::fchmod,  ::fchown,  ::futimens,  ::renameat, ::unlinkat,
-                      ::geteuid, ::getegid, ::setresuid, ::setresgid};
+                      ::geteuid, ::getegid, ::setresuid, ::setresgid, ::mkdirat};
 }  // namespace
 
 System& Sys() {

@@ -21,6 +21,7 @@ struct System {
   gid_t (*getegid)();
   int (*setresuid)(uid_t ruid, uid_t euid, uid_t suid);
   int (*setresgid)(gid_t rgid, gid_t egid, gid_t sgid);
+  int (*mkdirat)(int dir, const char* name, mode_t mode);
 };
 
 // The calls in force: the C library's unless a test has replaced some.

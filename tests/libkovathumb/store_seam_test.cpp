@@ -63,7 +63,7 @@ TEST(StoreSeamTest, OwnerModeTimesAndTheirFailureLines) {
     test::WriteFile(dir / "made.jpg", "\xff\xd8\xff\xe0" + std::string(16, '\0') + "\xff\xd9");
     g = {c.euid, c.refuse, {}};
     internal::System& sys = internal::Sys();
-    sys = {Chmod, Chown, Times, sys.renameat, sys.unlinkat, Euid, Euid, SetIds, SetIds};
+    sys = {Chmod, Chown, Times, sys.renameat, sys.unlinkat, Euid, Euid, SetIds, SetIds, sys.mkdirat};
     test::LogCapture log;
     Thumb thumb(dir / "photo.jpg", 0, false);
     const bool stored = thumb.SaveThumbToEA(dir / "made.jpg", dir / "stored.jpg", c.mtime);

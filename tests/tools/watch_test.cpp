@@ -44,13 +44,6 @@ TEST(UpkeepRulesTest, EventsRenamesSettlingAndPruning) {
   settler.ForgetDir(1);
   EXPECT_EQ(settler.size(), 0u);
 
-  const struct { const char* name; Stored kind; } names[] = {
-      {"KOVAFILE_THUMB_S.jpg", Stored::kThumb}, {"KOVAFILE_THUMB_XL_r-3.png", Stored::kThumb},
-      {"KOVAPHOTO:THUMB_B.gif", Stored::kThumb}, {"KOVAVIDEO_VIDEO_SCREENSHOT.jpg", Stored::kThumb},
-      {"KOVAFILE_THUMB_640x480_r1.jpg", Stored::kBoxThumb}, {"KOVAAVATAR_64x64.png", Stored::kBoxThumb},
-      {"KOVAFILE_THUMB_S.jpg.bak", Stored::kNotOurs}, {"KOVAFILE_THUMB_Q.jpg", Stored::kNotOurs},
-      {"KOVAFILE_THUMB_x480.jpg", Stored::kNotOurs}, {"notes.txt", Stored::kNotOurs}};
-  for (const auto& n : names) EXPECT_EQ(tool::ClassifyStored(n.name), n.kind) << n.name;
   EXPECT_EQ(tool::LastWanted(0, 500), 500);  // never read since stored
   for (auto [kind, orphan, wanted, removed] : {std::tuple(Stored::kThumb, true, 1000, true), {Stored::kThumb, false, 0, false},
                                                {Stored::kBoxThumb, false, 899, true}, {Stored::kBoxThumb, false, 900, false},

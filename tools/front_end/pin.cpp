@@ -7,7 +7,6 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-#include "kovathumb/file.h"
 
 namespace kovathumb {
 namespace tool {
@@ -15,15 +14,6 @@ namespace tool {
 namespace {
 
 constexpr int kDirFlags = O_PATH | O_DIRECTORY | O_CLOEXEC;
-
-// The first component after "/d/" of the EA path the platform gives "/d/f".
-std::string DeriveEADirName() {
-  const std::string probe = file::GetEAPath("/d/f", "n");
-  if (probe.compare(0, 3, "/d/") != 0) return std::string();
-  const size_t slash = probe.find('/', 3);
-  const std::string name = probe.substr(3, slash == std::string::npos ? std::string::npos : slash - 3);
-  return name == "f" ? std::string() : name;  // EA files beside the source: no directory to keep out of
-}
 
 int Fail(int err) {
   errno = err;
@@ -53,13 +43,6 @@ int Walk(int rootfd, const std::string& rel) {
 }
 
 }  // namespace
-
-const std::string& EADirName() {
-  static const std::string eaDirName = DeriveEADirName();
-  return eaDirName;
-}
-
-bool IsEADirName(const std::string& name) { return !EADirName().empty() && name == EADirName(); }
 
 int OpenDirBeneath(int rootfd, const std::string& rel, bool walk) {
   if (!walk) {

@@ -11,15 +11,15 @@
 
 #include <string>
 
+#include "store/ea.h"
+
 namespace kovathumb {
 namespace tool {
 
-// Whether `name` (one path component) is the platform's EA directory name.
-// Asked of the platform once, so a build against another platform keeps
-// out of its EA directories too.
-bool IsEADirName(const std::string& name);
-// That name ("" where the platform keeps EA files beside the source).
-const std::string& EADirName();
+// The platform's EA directory name, as the store knows it: walks and pins
+// keep out of it.
+using store::EADirName;
+using store::IsEADirName;
 
 // Opens directory `rel` (relative; "" or "." is `rootfd` itself) beneath
 // `rootfd` as an O_PATH descriptor, following no link and never leaving

@@ -21,6 +21,7 @@
 #include "front_end/pin.h"
 #include "kovathumb/thumb.h"
 #include "kovathumb/thumb_const.h"
+#include "store/names.h"
 #include "watcher.h"
 
 namespace kovathumb {
@@ -43,8 +44,7 @@ void OnStop(int) {
 std::set<std::string> Letters(const std::vector<std::string>& sizes) {
   std::set<std::string> letters;
   for (const std::string& s : sizes) {
-    letters.insert(s == kSizeSmall ? kLetterSmall : s == kSizeMedium ? kLetterMedium : s == kSizeBig ? kLetterBig
-                                                                                                    : kLetterXLarge);
+    if (const store::SizeRow* row = store::FindSize(s)) letters.insert(row->letter);
   }
   return letters;
 }

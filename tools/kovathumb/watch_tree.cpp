@@ -16,6 +16,8 @@
 #include "front_end/tree.h"
 #include "kovathumb/file.h"
 #include "kovathumb/thumb_const.h"
+#include "store/fresh.h"
+#include "util/safe_fs.h"
 #include "watcher.h"
 
 namespace kovathumb {
@@ -105,30 +107,24 @@ void Watcher::AddTree(size_t root, int parent, const std::string& name, int fd, 
   closedir(d);
 }
 
-// Whether a photo lacks a stored thumbnail of a size, or has a stale one.
-// Sizes served by the source itself store nothing: such a photo goes to a
-// worker, which finds that out again cheaply.
+// Whether a photo lacks a stored thumbnail of a size that serves, by the
+// store's rule for watch's behaviour. Sizes served by the source itself
+// store nothing: such a photo goes to a worker, which finds that out again
+// cheaply.
 bool Watcher::NeedsWork(int ea, const struct stat& src) const {
-  DIR* d = TakeDir(openat(ea, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  if (d == nullptr) return true;
+  const store::Behaviour behaviour = args_.appliance ? store::Behaviour::kAppliance : store::Behaviour::kQuality;
   std::set<std::string> fresh;
-  const std::string prefix = "KOVAFILE_THUMB_";
-  while (struct dirent* e = readdir(d)) {
-    const std::string n = e->d_name;
-    struct stat st;
-    if (ClassifyStored(n) != Stored::kThumb || fstatat(dirfd(d), n.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0 ||
-        st.st_mtime < src.st_mtime) {
+  for (const std::string& n : safe_fs::Names(ea)) {
+    store::StoredName name;
+    if (!store::Parse(n, &name)) continue;
+    const bool screenshot = name.scheme == store::Scheme::kCinevo;
+    if (!screenshot && (name.scheme != store::Scheme::kDossiva || name.letter.empty() || fresh.count(name.letter))) {
       continue;
     }
-    if (n == "KOVAVIDEO_VIDEO_SCREENSHOT.jpg") {
-      closedir(d);
-      return false;
-    }
-    if (n.compare(0, prefix.size(), prefix) == 0) {
-      fresh.insert(n.compare(prefix.size(), 2, kLetterXLarge) == 0 ? kLetterXLarge : n.substr(prefix.size(), 1));
-    }
+    if (!store::ServesAt(ea, n, src.st_mtime, behaviour)) continue;
+    if (screenshot) return false;
+    fresh.insert(name.letter);
   }
-  closedir(d);
   for (const std::string& l : letters_) {
     if (fresh.count(l) == 0) return true;
   }

@@ -41,22 +41,21 @@ void OnStopWorker(int) { g_stopWorker = 1; }
 
 // `shared`, when given, makes every size of the file: in quality mode it
 // makes smaller sizes from larger ones.
-void MakeSize(const std::string& path, const StoredOf& stored, const std::string& size, int options, Thumb* shared,
-              Outcome* out) {
-  ThumbInfo info(path, size, Thumb::strThumbSizeMap_.at(size));
-  try {
-    info.ExtractImgInfo(false);
-  } catch (const Error& e) {
-    if (e.Code() != kErrorUnknownType) throw;
-  }
-  if (stored.Fresh(info.GetDossivaThumbEAName())) {
-    ++out->upToDate;
-    return;
-  }
+void MakeSize(const std::string& path, const std::string& size, int options, Thumb* shared, Outcome* out) {
   ClearLogReason();
   std::unique_ptr<Thumb> own;
   if (shared == nullptr) own.reset(new Thumb(path, options, false));
   Thumb& thumb = shared != nullptr ? *shared : *own;
+  // Up to date when a request of the same behaviour is answered from the
+  // store: the library's names and the store's rule, as get and the
+  // endpoints find them.
+  thumb.SetOption((options & kThumbOptQuality) | kThumbOptDossivaEA | kThumbOptStoredOnly);
+  const bool stored = !thumb.CalcOutputFile(size).empty();
+  thumb.SetOption(options);
+  if (stored) {
+    ++out->upToDate;
+    return;
+  }
   if (thumb.Convert({size}) > 0) {
     ++out->made;
   } else if (thumb.GetOutputType() == "Original") {
@@ -107,7 +106,7 @@ Outcome WorkOn(const FileJob& job, const std::vector<std::string>& sizes, int op
         out.interrupted = true;
         break;
       }
-      MakeSize(path, stored, size, options, shared.get(), &out);
+      MakeSize(path, size, options, shared.get(), &out);
     }
   } catch (const Error& e) {
     out.error = pinned.Unpinned(e.what(), job.rel);
