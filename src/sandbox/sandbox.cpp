@@ -82,11 +82,14 @@ void ApplyLimits(const Limits& l) {
 bool Listed(const std::vector<int>& v, int fd) { return std::find(v.begin(), v.end(), fd) != v.end(); }
 
 // Closes every descriptor but those the child still needs.
-void CloseOthers(const Spec& spec, int reply) {
+void CloseOthers(const Spec& spec, int reply, const std::vector<std::pair<int, int>>& copies) {
   long max = sysconf(_SC_OPEN_MAX);
   if (max < 0 || max > 65536) max = 65536;
   for (int fd = 3; fd < max; ++fd) {
-    if (fd != reply && !Listed(spec.keep, fd) && !Listed(spec.visible, fd) && !Listed(spec.writable, fd)) {
+    bool shown = false;
+    for (const Spec::Shown& s : spec.shown) shown = shown || s.fd == fd;
+    for (const auto& c : copies) shown = shown || c.second == fd;
+    if (fd != reply && !shown && !Listed(spec.keep, fd) && !Listed(spec.visible, fd) && !Listed(spec.writable, fd)) {
       close(fd);
     }
   }
@@ -97,7 +100,7 @@ void CloseOthers(const Spec& spec, int reply) {
 constexpr char kViewRoot[] = "/tmp";  // any directory: the view is mounted over it
 const char* const kSystemDirs[] = {"/usr", "/lib", "/lib64", "/lib32", "/libx32", "/bin", "/sbin"};
 // Configuration the tools and libraries read.
-const char* const kSystemFiles[] = {"/etc/ld.so.cache", "/etc/ImageMagick-6", "/etc/ImageMagick-7",
+const char* const kSystemFiles[] = {"/etc/ld.so.cache", "/etc/alternatives", "/etc/ImageMagick-6", "/etc/ImageMagick-7",
                                     "/etc/fonts", "/etc/localtime", "/etc/passwd", "/etc/group",
 #ifdef KOVATHUMB_SANDBOX_BUILD_PATHS
                                     KOVATHUMB_SANDBOX_BUILD_PATHS,
@@ -156,27 +159,39 @@ bool System(const char* dir) {
 // A copy of the mount of each descriptor's file, taken in the caller's
 // mount namespace: a new one cannot bind what the old one holds.
 struct Tree {
-  int fd;
+  int fd;    // the caller's number, which names it
   int tree;
   bool writable;
+  std::string path;  // in the view
 };
 
-std::vector<Tree> CloneTrees(const Spec& spec) {
+std::vector<Tree> CloneTrees(const Spec& spec, pid_t caller, const std::vector<std::pair<int, int>>& copies) {
   std::vector<Tree> trees;
-  for (const std::vector<int>* list : {&spec.visible, &spec.writable}) {
-    for (int fd : *list) {
-      const int tree = static_cast<int>(syscall(SYS_open_tree, fd, "", 1 /* OPEN_TREE_CLONE */ | O_CLOEXEC |
-                                                                          AT_EMPTY_PATH));
-      trees.push_back({fd, tree, list == &spec.writable});
-    }
-  }
+  const auto clone = [&](int fd, const std::string& path, bool writable) {
+    int content = fd;
+    for (const auto& c : copies) content = c.first == fd ? c.second : content;
+    const int tree = static_cast<int>(syscall(SYS_open_tree, content, "", 1 /* OPEN_TREE_CLONE */ | O_CLOEXEC |
+                                                                             AT_EMPTY_PATH));
+    trees.push_back({fd, tree, writable, path});
+  };
+  const std::string pinned = "/proc/" + std::to_string(caller) + "/fd/";
+  for (int fd : spec.visible) clone(fd, pinned + std::to_string(fd), false);
+  for (int fd : spec.writable) clone(fd, pinned + std::to_string(fd), true);
+  for (const Spec::Shown& s : spec.shown) clone(s.fd, s.path, s.writable);
+  // Directories before what is shown inside them.
+  std::stable_sort(trees.begin(), trees.end(),
+                   [](const Tree& a, const Tree& b) { return a.path.size() < b.path.size(); });
   return trees;
 }
 
-// Attaches `tree` at `path` of the view, read-only unless `writable`.
-bool Attach(const Tree& t, const std::string& path) {
+// Attaches `t` at its path in the view, read-only unless writable.
+bool Attach(const Tree& t) {
   const std::string self = "/proc/self/fd/" + std::to_string(t.fd);
-  if (t.tree < 0 || !MountPoint(path, self.c_str())) return false;
+  const std::string& path = t.path;
+  if (t.tree < 0 || path.empty() || path[0] != '/' || path.find("/..") != std::string::npos ||
+      !MountPoint(path, self.c_str())) {
+    return false;
+  }
   const std::string to = In(path);
   if (syscall(SYS_move_mount, t.tree, "", AT_FDCWD, to.c_str(), 4 /* MOVE_MOUNT_F_EMPTY_PATH */) != 0) return false;
   const unsigned long flags = MS_BIND | MS_REMOUNT | kSafeFlags | (t.writable ? MS_NOEXEC : MS_RDONLY);
@@ -185,7 +200,7 @@ bool Attach(const Tree& t, const std::string& path) {
 
 // Builds the view in a fresh tmpfs and makes it our root. Pinned paths of
 // the caller stay valid names: "/proc/<pid>/fd/N" is a bind of that file.
-bool EnterView(const Spec& spec, const std::vector<Tree>& trees, pid_t caller) {
+bool EnterView(const Spec& spec, const std::vector<Tree>& trees) {
   if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) return false;
   if (mount("none", kViewRoot, "tmpfs", kSafeFlags | MS_NOEXEC, "mode=0755,size=64k,nr_inodes=4096") != 0) {
     return false;
@@ -196,21 +211,19 @@ bool EnterView(const Spec& spec, const std::vector<Tree>& trees, pid_t caller) {
   for (const char* file : kSystemFiles) {
     if (access(file, F_OK) == 0 && !Bind(file, file, false)) return false;
   }
-  const std::string pinned = "/proc/" + std::to_string(caller) + "/fd/";
-  for (const Tree& t : trees) {
-    if (!Attach(t, pinned + std::to_string(t.fd))) return false;
-    close(t.tree);
-  }
-  // Scratch space for tools that spill to temporary files; gone with the view.
+  // Scratch space for tools that spill to temporary files; gone with the
+  // view. Before what is shown: a caller's files may have names in /tmp.
   if (mkdir(In("/tmp").c_str(), 01777) != 0 ||
       mount("none", In("/tmp").c_str(), "tmpfs", kSafeFlags | MS_NOEXEC, "mode=01777,size=256m") != 0) {
     return false;
   }
+  for (const Tree& t : trees) {
+    if (!Attach(t)) return false;
+    close(t.tree);
+  }
   // Descriptors of directories outside the view would lead back out.
-  for (const std::vector<int>* list : {&spec.visible, &spec.writable}) {
-    for (int fd : *list) {
-      if (!Listed(spec.keep, fd)) close(fd);
-    }
+  for (const Tree& t : trees) {
+    if (!Listed(spec.keep, t.fd)) close(t.fd);
   }
   if (mount(nullptr, kViewRoot, nullptr, MS_REMOUNT | MS_RDONLY | kSafeFlags | MS_NOEXEC, nullptr) != 0) {
     return false;
@@ -303,13 +316,15 @@ constexpr unsigned kRefusedBit = 1u << 31;
 
 // Enters everything this kernel offers; returns the Mechanism bits, with
 // kRefusedBit when root could not be given up.
-unsigned EnterIsolation(const Spec& spec, const std::vector<Tree>& trees, pid_t caller, bool namespaces,
+unsigned EnterIsolation(const Spec& spec, const std::vector<Tree>& trees, bool namespaces,
                         const Account& account) {
   unsigned applied = 0;
   if (geteuid() == 0) {
     if (namespaces) {
       applied |= kNamespaces;
-      if (EnterView(spec, trees, caller)) applied |= kFileView;
+      // Namespaces without the view they are for: something is wrong here.
+      if (!EnterView(spec, trees)) return applied | kRefusedBit;
+      applied |= kFileView;
     }
     if (!DropCapabilityBounds() || !BecomeSandboxAccount(account)) return applied | kRefusedBit;
   }
@@ -350,9 +365,9 @@ bool WriteAllTo(int fd, const void* data, size_t size) {
 
 // The child: keeper, then the body's process.
 [[noreturn]] void Child(const Spec& spec, const std::function<int(int)>& body, int reply, pid_t caller,
-                        const Account& account) {
-  CloseOthers(spec, reply);
-  const std::vector<Tree> trees = geteuid() == 0 ? CloneTrees(spec) : std::vector<Tree>();
+                        const Account& account, const std::vector<std::pair<int, int>>& copies) {
+  CloseOthers(spec, reply, copies);
+  const std::vector<Tree> trees = geteuid() == 0 ? CloneTrees(spec, caller, copies) : std::vector<Tree>();
   bool pidNamespace = false;
   const bool namespaces = EnterNamespaces(&pidNamespace);
   if (pidNamespace) {
@@ -370,6 +385,9 @@ bool WriteAllTo(int fd, const void* data, size_t size) {
       for (const std::vector<int>* list : {&spec.keep, &spec.visible, &spec.writable}) {
         for (int fd : *list) close(fd);
       }
+      for (const Tree& t : trees) close(t.tree);
+      for (const auto& c : copies) close(c.second);
+      for (const Spec::Shown& s : spec.shown) close(s.fd);
       int ws = 0;
       while (waitpid(inner, &ws, 0) < 0 && errno == EINTR) {
       }
@@ -387,7 +405,8 @@ bool WriteAllTo(int fd, const void* data, size_t size) {
     if (poll(&p, 1, 0) != 0) _exit(126);  // the keeper already died
     close(life[0]);
   }
-  unsigned applied = EnterIsolation(spec, trees, caller, namespaces, account);
+  unsigned applied = EnterIsolation(spec, trees, namespaces, account);
+  for (const auto& c : copies) close(c.second);
   if (pidNamespace) applied |= kPidNamespace;
   if (!WriteAllTo(reply, &applied, sizeof applied) || (applied & kRefusedBit) != 0) _exit(126);
   int rc = 126;
@@ -458,6 +477,56 @@ void TakeBack(const std::vector<Lent>& lent) {
   }
 }
 
+// Copies of the shown files the account may not read (a user's private
+// photo): the tools open them by name, as the account.
+class Copies : public std::vector<std::pair<int, int>> {
+ public:
+  Copies(const Spec& spec, const Account& a) {
+    if (geteuid() != 0) return;
+    std::vector<int> files = spec.visible;
+    for (const Spec::Shown& s : spec.shown) {
+      if (!s.writable) files.push_back(s.fd);
+    }
+    for (int fd : files) {
+      struct stat st;
+      if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode) || Readable(st, a)) continue;
+      // Named while the run lasts: an unlinked file cannot be mounted.
+      char dir[] = "/var/tmp/kovathumb-copy.XXXXXX";
+      if (mkdtemp(dir) == nullptr) continue;
+      dirs_.push_back(dir);
+      const int copy = open((dirs_.back() + "/f").c_str(), O_CREAT | O_EXCL | O_RDWR | O_NOFOLLOW | O_CLOEXEC, 0400);
+      bool ok = copy >= 0;
+      off_t in = 0;
+      for (ssize_t n = 1; ok && n > 0;) {
+        n = copy_file_range(fd, &in, copy, nullptr, size_t{1} << 30, 0);
+        ok = n >= 0;
+      }
+      if (ok && fchown(copy, a.uid, a.gid) == 0) {
+        emplace_back(fd, copy);
+      } else if (copy >= 0) {
+        close(copy);
+      }
+    }
+  }
+  ~Copies() {
+    for (const auto& c : *this) close(c.second);
+    for (const std::string& d : dirs_) {
+      unlink((d + "/f").c_str());
+      rmdir(d.c_str());
+    }
+  }
+  Copies(const Copies&) = delete;
+  Copies& operator=(const Copies&) = delete;
+
+ private:
+  std::vector<std::string> dirs_;
+
+  static bool Readable(const struct stat& st, const Account& a) {
+    return (st.st_mode & S_IROTH) != 0 || (st.st_gid == a.gid && (st.st_mode & S_IRGRP) != 0) ||
+           (st.st_uid == a.uid && (st.st_mode & S_IRUSR) != 0);
+  }
+};
+
 #ifdef KOVATHUMB_SANDBOX_IN_PROCESS
 // Fuzzing builds: the body runs here, so a crash is the fuzzer's to see.
 Outcome RunHere(const Spec& spec, const std::function<int(int)>& body, std::string* reply, size_t maxReply,
@@ -495,7 +564,12 @@ Outcome Run(const Spec& spec, const std::function<int(int)>& body, std::string* 
   const pid_t caller = getpid();
   int fds[2];
   if (pipe2(fds, O_CLOEXEC) != 0) return kNoChild;
-  const std::vector<Lent> lent = Lend(spec.writable, account);
+  std::vector<int> lend = spec.writable;
+  for (const Spec::Shown& s : spec.shown) {
+    if (s.writable) lend.push_back(s.fd);
+  }
+  const std::vector<Lent> lent = Lend(lend, account);
+  const Copies copies(spec, account);
   const pid_t pid = fork();
   if (pid < 0) {
     close(fds[0]);
@@ -505,7 +579,7 @@ Outcome Run(const Spec& spec, const std::function<int(int)>& body, std::string* 
   }
   if (pid == 0) {
     close(fds[0]);
-    Child(spec, body, fds[1], caller, account);
+    Child(spec, body, fds[1], caller, account, copies);
   }
   close(fds[1]);
   const int64_t deadline = NowMs() + int64_t{spec.limits.wallSeconds} * 1000 + 1000;

@@ -60,6 +60,14 @@ struct Spec {
   // they belong to the sandbox account; afterwards everything in them but
   // regular files with one link is removed and they are given back.
   std::vector<int> writable;
+  // Descriptors shown at other names (absolute paths) in the view; a
+  // writable one is a directory, lent as those above are.
+  struct Shown {
+    int fd;
+    std::string path;
+    bool writable;
+  };
+  std::vector<Shown> shown;
   // Set to the Mechanism bits the child entered, when not null.
   unsigned* applied = nullptr;
 };

@@ -1,12 +1,15 @@
 // The tools we start, started from inside a sandbox: they inherit its
 // isolation and receive the very argument vectors the launcher is given.
 #include <errno.h>
+#include <fcntl.h>
 #include <poll.h>
 #include <stdio.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -37,6 +40,94 @@ bool Copy(int in, int out) {
   }
 }
 
+// The file named by a tool argument such as "/a/b.jpg", "jpeg:/a/b.jpg[0]";
+// "" when it names none outside what every view holds.
+std::string PlainPath(const std::string& arg) {
+  std::string p = arg;
+  const size_t colon = p.find(':');
+  if (colon != std::string::npos && colon > 0 && colon < 16 && p[0] != '/') p.erase(0, colon + 1);
+  if (!p.empty() && p.back() == ']' && p.rfind('[') != std::string::npos) p.erase(p.rfind('['));
+  if (p.empty() || p[0] != '/' || p.compare(0, 6, "/proc/") == 0) return "";
+  for (const char* system : {"/usr/", "/etc/", "/dev/", "/lib"}) {
+    if (p.compare(0, strlen(system), system) == 0) return "";
+  }
+  return p;
+}
+
+// Files a caller names by path rather than by descriptor (the library's
+// command classes take any path). Inputs are shown where they are; the
+// outputs' directory is shown as a fresh one, whose files are moved to
+// their names afterwards, as the caller: the tool never sees the rest of
+// that directory.
+class PlainFiles {
+ public:
+  ~PlainFiles() {
+    for (int fd : opened_) close(fd);
+    if (outDir_ >= 0) {
+      for (const auto& o : outputs_) unlinkat(outDir_, o.second.c_str(), 0);
+      close(outDir_);
+      rmdir(outPath_.c_str());
+    }
+  }
+  void Add(const std::string& path, Spec* spec) {
+    struct stat st;
+    // An empty file the caller made is a name reserved for the tool to fill.
+    if (stat(path.c_str(), &st) == 0 && !(S_ISREG(st.st_mode) && st.st_size == 0 && st.st_uid == geteuid())) {
+      if (!S_ISREG(st.st_mode)) return;
+      const int fd = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+      if (fd < 0) return;
+      opened_.push_back(fd);
+      spec->shown.push_back({fd, path, false});
+      return;
+    }
+    const size_t slash = path.rfind('/');
+    const std::string dir = slash == 0 ? "/" : path.substr(0, slash);
+    struct stat parent;
+    if (stat(dir.c_str(), &parent) != 0 || !S_ISDIR(parent.st_mode)) return;  // the tool fails as it would
+    if (outDir_ < 0) {
+      char tmpl[] = "/var/tmp/kovathumb-out.XXXXXX";
+      if (mkdtemp(tmpl) == nullptr) return;
+      outPath_ = tmpl;
+      outDir_ = open(tmpl, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+      if (outDir_ < 0) return;
+      outParent_ = dir;
+      spec->shown.push_back({outDir_, dir, true});
+    }
+    if (dir == outParent_) outputs_.emplace_back(path, path.substr(slash + 1));
+  }
+  // Moves what the tool made to the names it was given; false when one
+  // could not be.
+  bool Deliver() {
+    bool ok = true;
+    for (const auto& o : outputs_) {
+      struct stat st;
+      if (fstatat(outDir_, o.second.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0 || !S_ISREG(st.st_mode)) continue;
+      if (renameat(outDir_, o.second.c_str(), AT_FDCWD, o.first.c_str()) != 0) {
+        const int in = openat(outDir_, o.second.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
+        const int out = in < 0 ? -1 : open(o.first.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+        ok = ok && out >= 0 && Copy(in, out);
+        if (out >= 0) close(out);
+        if (in >= 0) close(in);
+        continue;
+      }
+      // As the tool would have made it, running as the caller.
+      const mode_t mask = umask(0);
+      umask(mask);
+      if (chown(o.first.c_str(), geteuid(), getegid()) != 0 || chmod(o.first.c_str(), 0666 & ~mask) != 0) {
+        unlink(o.first.c_str());
+        ok = false;
+      }
+    }
+    return ok;
+  }
+
+ private:
+  std::vector<int> opened_;
+  int outDir_ = -1;
+  std::string outPath_, outParent_;
+  std::vector<std::pair<std::string, std::string>> outputs_;  // the caller's name, the name in outDir_
+};
+
 }  // namespace
 
 std::vector<int> PinnedDescriptors(const std::vector<std::string>& args) {
@@ -45,7 +136,7 @@ std::vector<int> PinnedDescriptors(const std::vector<std::string>& args) {
   for (const std::string& a : args) {
     for (size_t at = a.find(mine); at != std::string::npos; at = a.find(mine, at + 1)) {
       const size_t digits = at + mine.size();
-      const size_t end = a.find_first_not_of("0123456789", digits);
+      const size_t end = std::min(a.find_first_not_of("0123456789", digits), a.size());
       if (end == digits || end - digits > 9) continue;
       const int fd = std::atoi(a.substr(digits, end - digits).c_str());
       bool seen = false;
@@ -65,6 +156,11 @@ bool RunTool(const char* path, const char* const argv[], int out, int err) {
     if (fstat(fd, &st) != 0) continue;
     (S_ISDIR(st.st_mode) ? spec.writable : spec.visible).push_back(fd);
   }
+  PlainFiles plain;
+  for (const std::string& a : args) {
+    const std::string p = PlainPath(a);
+    if (!p.empty() && a != args[0]) plain.Add(p, &spec);
+  }
   if (out >= 0) spec.keep.push_back(out);
   if (err >= 0) spec.keep.push_back(err);
   // The launcher bounds the tool; ours only has to outlast it.
@@ -80,7 +176,8 @@ bool RunTool(const char* path, const char* const argv[], int out, int err) {
     const bool copied = Copy(fileno(pipe), out);
     return KLIBCPclose(pipe) == 0 && copied ? 0 : 1;
   }, nullptr, 0, &status);
-  return o == kExited && status == 0;
+  const bool delivered = plain.Deliver();
+  return o == kExited && status == 0 && delivered;
 }
 
 }  // namespace sandbox

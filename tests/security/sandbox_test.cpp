@@ -13,6 +13,7 @@
 
 #include "sandbox/sandbox.h"
 #include "support/attacker.h"
+#include "support/dng.h"
 #include "util/safe_fs.h"
 
 namespace kovathumb {
@@ -174,6 +175,77 @@ TEST_F(SandboxRootTest, LeftoversDieAndWhatWasPlantedIsRemoved) {
   }
   EXPECT_EQ(test::Capture("ls -A " + Quote(work_.path())), "ok\n");
   EXPECT_EQ(test::Capture("pgrep -f 'slee[p] 987.6'"), "");
+}
+
+}  // namespace
+}  // namespace kovathumb
+
+namespace kovathumb {
+namespace {
+
+// Every tool replaced by a hostile stand-in that tries what an exploit
+// would and says on standard error what got through; the programs run as
+// root, in both behaviours, through each front end.
+TEST_F(SandboxRootTest, HostileToolsGetNothingThroughAnyFrontEnd) {
+  const std::string tree = t_.tree, out = t_.top / "out", err = t_.top / "err";
+  test::MakePhoto(t_.mine + "/turned.jpg", 1600, 1200, 6);
+  test::MakeImage(t_.mine + "/pic.png", 900, 600);
+  test::MustSh("ffmpeg -v quiet -f lavfi -i testsrc=size=320x240:rate=5 -t 1 " + Quote(t_.mine + "/clip.mp4"));
+  test::WriteFile(t_.mine + "/raw.dng", test::MakeDng(256, 192, "", 0, 0), 0644);
+  test::MustSh("chown -R 65534:65534 " + Quote(t_.mine));
+  const std::string script =
+      "t=$(basename \"$0\"); r=\n"
+      "cat " + Quote(t_.secret) + " >/dev/null 2>&1 && r=\"$r secret\"\n"
+      "cat " + Quote(neighbour_) + " >/dev/null 2>&1 && r=\"$r neighbour\"\n"
+      "touch " + Quote(t_.top / "pwned") + " 2>/dev/null && r=\"$r outside\"\n"
+      "touch " + Quote(t_.mine + "/pwned") + " 2>/dev/null && r=\"$r folder\"\n"
+      "bash -c 'exec 3<>/dev/tcp/127.0.0.1/" + std::to_string(port_) + "' 2>/dev/null && r=\"$r network\"\n"
+      "[ \"$(id -u)\" = 0 ] && r=\"$r root\"\n"
+      "echo \"stand-in $t escaped:[$r]\" >&2\nexit 1\n";
+  std::map<std::string, std::string> standIns;
+  for (const char* tool : {"djpeg", "cjpeg", "convert", "dcraw", "jpegtran", "heif-convert", "ffmpeg"}) {
+    standIns[std::string("/usr/bin/") + tool] = script;
+  }
+  const std::string env = "KOVATHUMB_LOG_STDERR=1 ";
+  struct FrontEnd {
+    const char* name;
+    std::vector<std::string> commands;  // each run with standard error to `err`
+    std::vector<const char*> tools;     // whose stand-ins must have run
+  };
+  std::vector<FrontEnd> frontEnds;
+  for (const char* bin : {KOVATHUMB_CGI_BIN, KOVATHUMB_FCGI_BIN}) {
+    FrontEnd f{bin == std::string(KOVATHUMB_CGI_BIN) ? "cgi" : "fcgi", {}, {"djpeg", "convert", "dcraw"}};
+    for (const char* file : {"turned.jpg", "pic.png", "raw.dng"}) {
+      for (const char* quality : {"0", "1"}) {
+        f.commands.push_back(env + "REQUEST_METHOD=GET KOVATHUMB_ROOT=" + Quote(tree) + " QUERY_STRING=" +
+                             Quote(std::string("path=alice/") + file + "&size=big&quality=" + quality) + " " + bin);
+      }
+    }
+    frontEnds.push_back(f);
+  }
+  frontEnds.push_back({"index",
+                       {env + KOVATHUMB_CLI " index --no-progress --sizes big " + Quote(tree),
+                        env + KOVATHUMB_CLI " index --no-progress --quality --sizes big " + Quote(tree)},
+                       {"djpeg", "convert", "dcraw", "ffmpeg"}});
+  for (const FrontEnd& f : frontEnds) {
+    const int status = test::WithStandIns(standIns, [&] {
+      for (const std::string& c : f.commands) test::Sh(c + " >" + Quote(out) + " 2>>" + Quote(err));
+      return 0;
+    });
+    if (status == test::kNoNamespace) GTEST_SKIP() << "needs a private mount namespace";
+    const std::string said = test::ReadFile(err);
+    for (const char* tool : f.tools) {
+      EXPECT_NE(said.find(std::string("stand-in ") + tool + " escaped:[]"), std::string::npos) << f.name << " " << tool;
+    }
+    EXPECT_EQ(said.find("escaped:[ "), std::string::npos) << f.name << "\n" << said;
+    EXPECT_FALSE(t_.Leaks(test::ReadFile(out))) << f.name;
+    unlink(err.c_str());
+  }
+  EXPECT_FALSE(test::Exists(t_.top / "pwned") || test::Exists(t_.mine + "/pwned"));
+  EXPECT_FALSE(t_.Leaks(test::Capture("find " + Quote(tree) + " -path '*.kovaea*' -type f | xargs -r cat")));
+  // Nobody reached the listener.
+  fcntl(listener_, F_SETFL, O_NONBLOCK);
+  EXPECT_LT(accept(listener_, nullptr, nullptr), 0);
 }
 
 }  // namespace
