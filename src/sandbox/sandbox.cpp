@@ -370,6 +370,7 @@ bool WriteAllTo(int fd, const void* data, size_t size) {
   const std::vector<Tree> trees = geteuid() == 0 ? CloneTrees(spec, caller, copies) : std::vector<Tree>();
   bool pidNamespace = false;
   const bool namespaces = EnterNamespaces(&pidNamespace);
+  int keeperLife = -1;
   if (pidNamespace) {
     // The body's process is the first of the new namespace; this one only
     // waits for it and passes on how it ended.
@@ -399,13 +400,18 @@ bool WriteAllTo(int fd, const void* data, size_t size) {
       }
       _exit(WIFEXITED(ws) ? WEXITSTATUS(ws) : 126);
     }
-    prctl(PR_SET_PDEATHSIG, SIGKILL, 0, 0, 0);
     close(life[1]);
-    struct pollfd p = {life[0], POLLIN, 0};
-    if (poll(&p, 1, 0) != 0) _exit(126);  // the keeper already died
-    close(life[0]);
+    keeperLife = life[0];
   }
   unsigned applied = EnterIsolation(spec, trees, namespaces, account);
+  if (keeperLife >= 0) {
+    // Set after the change of account, which clears it: the namespace's
+    // processes die with the keeper, which Run() kills when time is up.
+    prctl(PR_SET_PDEATHSIG, SIGKILL, 0, 0, 0);
+    struct pollfd p = {keeperLife, POLLIN, 0};
+    if (poll(&p, 1, 0) != 0) _exit(126);  // the keeper already died
+    close(keeperLife);
+  }
   for (const auto& c : copies) close(c.second);
   if (pidNamespace) applied |= kPidNamespace;
   if (!WriteAllTo(reply, &applied, sizeof applied) || (applied & kRefusedBit) != 0) _exit(126);

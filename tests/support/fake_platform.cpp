@@ -5,7 +5,11 @@
 #include <dlfcn.h>
 #include <sys/mman.h>
 
+#include <unistd.h>
+
 #include <atomic>
+#include <mutex>
+#include <thread>
 #include <cstring>
 
 #include "kovaplatform/kovaplatform.h"
@@ -18,6 +22,7 @@ namespace {
 // Tools start inside sandboxed children: their calls are recorded in memory
 // shared with every fork, NUL-separated fields and an empty one per call.
 struct Shared {
+  std::atomic<int> hookAsked;  // a forked caller waits for before_exec to run in the test's process
   std::atomic<size_t> used;
   char data[(4 << 20) - 64];
 };
@@ -30,6 +35,35 @@ Shared* Calls() {
 // Made before any fork.
 [[maybe_unused]] const Shared* const kMadeAtLoad = Calls();
 size_t g_synced = 0;
+const pid_t g_testProcess = getpid();
+
+// Runs before_exec here for calls from sandboxed children, which see
+// nothing of the test's files; started with the first such call's wait.
+void ServeHooks() {
+  static std::once_flag once;
+  std::call_once(once, [] {
+    std::thread([] {
+      for (;;) {
+        if (Calls()->hookAsked.load() == 1) {
+          Platform& s = State();
+          if (s.before_exec && !s.exec_calls.empty()) s.before_exec(s.exec_calls.back());
+          Calls()->hookAsked = 0;
+        }
+        usleep(1000);
+      }
+    }).detach();
+  });
+}
+
+}  // namespace
+
+// In a forked child: asks the test's process to run the hook, and waits.
+void RunHookInTestProcess() {
+  Calls()->hookAsked = 1;
+  for (int i = 0; i < 10000 && Calls()->hookAsked.load() == 1; ++i) usleep(1000);
+}
+
+namespace {
 
 }  // namespace
 
@@ -60,6 +94,7 @@ Platform& State() {
 }
 
 void Reset() {
+  ServeHooks();
   Calls()->used = 0;
   g_synced = 0;
   State() = Platform();
@@ -99,7 +134,13 @@ int KOVAEAMKDir(int flags, const char* eadir) {
 
 int KLIBCExecv(const char* path, const char* const argv[], int wait) {
   Record(path, argv);
-  if (kovathumb::fake::State().before_exec) kovathumb::fake::State().before_exec(kovathumb::fake::State().exec_calls.back());
+  if (kovathumb::fake::State().before_exec) {
+    if (getpid() == kovathumb::fake::g_testProcess) {
+      kovathumb::fake::State().before_exec(kovathumb::fake::State().exec_calls.back());
+    } else {
+      kovathumb::fake::RunHookInTestProcess();
+    }
+  }
   if (kovathumb::fake::State().exec_result != -2) return kovathumb::fake::State().exec_result;
   static auto real = Real<int (*)(const char*, const char* const*, int)>("KLIBCExecv");
   return real(path, argv, wait);
