@@ -14,6 +14,7 @@
 #include "sandbox/sandbox.h"
 #include "support/attacker.h"
 #include "support/dng.h"
+#include "thumb_info/probe.h"
 #include "util/safe_fs.h"
 
 namespace kovathumb {
@@ -177,11 +178,6 @@ TEST_F(SandboxRootTest, LeftoversDieAndWhatWasPlantedIsRemoved) {
   EXPECT_EQ(test::Capture("pgrep -f 'slee[p] 987.6'"), "");
 }
 
-}  // namespace
-}  // namespace kovathumb
-
-namespace kovathumb {
-namespace {
 
 // Every tool replaced by a hostile stand-in that tries what an exploit
 // would and says on standard error what got through; the programs run as
@@ -246,6 +242,60 @@ TEST_F(SandboxRootTest, HostileToolsGetNothingThroughAnyFrontEnd) {
   // Nobody reached the listener.
   fcntl(listener_, F_SETFL, O_NONBLOCK);
   EXPECT_LT(accept(listener_, nullptr, nullptr), 0);
+}
+
+}  // namespace
+}  // namespace kovathumb
+
+
+// The process that has just read a source's bytes with Exiv2 tries the
+// same escapes; the probe answers only when none got through.
+TEST_F(SandboxRootTest, TheProbeReadsWithoutRootUnderTheFilter) {
+  const std::vector<Attempt> attempts = Attempts();
+  for (bool preview : {false, true}) {
+    const internal::ProbeRequest request{
+        source_.get(), mine_, safe_fs::SelfPath(source_.get()), true, preview,
+        [](const std::vector<internal::PreviewProps>&) { return -1; },
+        [&](Exiv2::Image&) {
+          for (size_t i = 0; i + 2 < attempts.size(); ++i) {
+            if (attempts[i].escapes()) return 100 + static_cast<int>(i);
+          }
+          return prctl(PR_GET_NO_NEW_PRIVS, 0, 0, 0, 0) == 1 ? 0 : 99;
+        }};
+    const internal::Probed p = internal::ProbeInSandbox(request, 8);
+    EXPECT_FALSE(p.failed) << p.text;
+    EXPECT_TRUE(p.mime == "image/jpeg" && p.width == 64 && p.height == 48) << p.mime;
+  }
+}
+
+// What a child may answer is checked field by field; and the descriptors a
+// tool's arguments name are found wherever the argument puts them.
+TEST(SandboxAnswerTest, MalformedAnswersAndPinnedArguments) {
+  internal::Probed good;
+  good.mime = "image/jpeg";
+  good.width = 10;
+  good.previewFound = true;
+  good.extension = ".jpg";
+  good.data = "bytes";
+  const std::string encoded = internal::Encode(good);
+  internal::Probed back;
+  ASSERT_TRUE(internal::Decode(encoded, &back));
+  EXPECT_TRUE(back.mime == good.mime && back.width == 10 && back.extension == ".jpg" && back.data == "bytes");
+  const auto with = [&](const std::function<void(internal::Probed*)>& change) {
+    internal::Probed p = good;
+    change(&p);
+    return internal::Encode(p);
+  };
+  for (const std::string& bad : {encoded.substr(0, encoded.size() - 1), encoded + "x",
+                                 with([](internal::Probed* p) { p->extension = "/../x"; }),
+                                 with([](internal::Probed* p) { p->mime = std::string(200, 'm'); }),
+                                 with([](internal::Probed* p) { p->index = 65; }), std::string()}) {
+    EXPECT_FALSE(internal::Decode(bad, &back)) << bad.size();
+  }
+  const std::string me = "/proc/" + std::to_string(getpid()) + "/fd/";
+  EXPECT_EQ(sandbox::PinnedDescriptors({"/usr/bin/convert", "jpeg:" + me + "7[0]", me + "12/out.jpg", me + "7",
+                                        "/proc/1/fd/3", me, me + "x", "-scale"}),
+            (std::vector<int>{7, 12}));
 }
 
 }  // namespace
