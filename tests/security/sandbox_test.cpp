@@ -244,10 +244,6 @@ TEST_F(SandboxRootTest, HostileToolsGetNothingThroughAnyFrontEnd) {
   EXPECT_LT(accept(listener_, nullptr, nullptr), 0);
 }
 
-}  // namespace
-}  // namespace kovathumb
-
-
 // The process that has just read a source's bytes with Exiv2 tries the
 // same escapes; the probe answers only when none got through.
 TEST_F(SandboxRootTest, TheProbeReadsWithoutRootUnderTheFilter) {
