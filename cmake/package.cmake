@@ -21,12 +21,15 @@ set(_so ${PROJECT_VERSION_MAJOR})
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME libkovathumb${_so})
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
 # The library starts these programs to convert.
-set(CPACK_DEBIAN_RUNTIME_PACKAGE_DEPENDS "imagemagick, libjpeg-turbo-progs, dcraw")
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_DEPENDS "imagemagick, libjpeg-turbo-progs, dcraw, libseccomp2, adduser")
+# Makes the account parsers and tools run as.
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA ${CMAKE_CURRENT_SOURCE_DIR}/packaging/debian/runtime/postinst)
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 set(CPACK_COMPONENT_RUNTIME_DESCRIPTION "thumbnail library: shared libraries and HEIF module")
 
 set(CPACK_DEBIAN_DEV_PACKAGE_NAME libkovathumb-dev)
 set(CPACK_DEBIAN_DEV_PACKAGE_SECTION libdevel)
-set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS "libkovathumb${_so} (= ${PROJECT_VERSION}), libexiv2-dev, pkg-config")
+set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS "libkovathumb${_so} (= ${PROJECT_VERSION}), libexiv2-dev, libseccomp-dev, pkg-config")
 set(CPACK_COMPONENT_DEV_DESCRIPTION "thumbnail library: headers, pkg-config and CMake files")
 
 set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME kovathumb)
