@@ -223,6 +223,16 @@ TEST_F(SandboxRootTest, HostileToolsGetNothingThroughAnyFrontEnd) {
                        {env + KOVATHUMB_CLI " index --no-progress --sizes big " + Quote(tree),
                         env + KOVATHUMB_CLI " index --no-progress --quality --sizes big " + Quote(tree)},
                        {"djpeg", "convert", "dcraw", "ffmpeg"}});
+  // watch, until its stand-ins have spoken (the sources touched meanwhile, so it has work).
+  FrontEnd watch{"watch", {}, {"djpeg", "convert", "dcraw"}};
+  for (const char* mode : {"--appliance", ""}) {
+    watch.commands.push_back(
+        "sh -c " + Quote(env + KOVATHUMB_CLI " watch --settle 0 --sizes big " + mode + " " + Quote(tree) +
+                         " 2>>" + Quote(err) + " & w=$!; i=0; while [ $i -lt 300 ] && ! { grep -q 'stand-in djpeg' " +
+                         Quote(err) + " && grep -q 'stand-in dcraw' " + Quote(err) + "; }; do touch " +
+                         Quote(t_.mine) + "/*.*; sleep 0.2; i=$((i+1)); done; kill $w; wait $w"));
+  }
+  frontEnds.push_back(watch);
   for (const FrontEnd& f : frontEnds) {
     const int status = test::WithStandIns(standIns, [&] {
       for (const std::string& c : f.commands) test::Sh(c + " >" + Quote(out) + " 2>>" + Quote(err));
