@@ -237,13 +237,16 @@ bool EnterView(const Spec& spec, const std::vector<Tree>& trees) {
   for (const Tree& t : trees) {
     if (!Listed(spec.keep, t.fd)) close(t.fd);
   }
+  if (!spec.cwd.empty() && spec.cwd[0] == '/') {
+    MakeParents(spec.cwd + "/");
+  }
   if (mount(nullptr, kViewRoot, nullptr, MS_REMOUNT | MS_RDONLY | kSafeFlags | MS_NOEXEC, nullptr) != 0) {
     return false;
   }
   if (chdir(kViewRoot) != 0 || syscall(SYS_pivot_root, ".", ".") != 0) return false;
   // The old root is stacked beneath the new one: let it go.
   if (umount2(".", MNT_DETACH) != 0) return false;
-  return chdir("/") == 0;
+  return chdir(spec.cwd.empty() || chdir(spec.cwd.c_str()) != 0 ? "/" : ".") == 0;
 }
 
 // ---- Privilege -----------------------------------------------------------------

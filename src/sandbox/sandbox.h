@@ -68,6 +68,9 @@ struct Spec {
     bool writable;
   };
   std::vector<Shown> shown;
+  // Where the body starts in the view (a caller's relative names resolve
+  // there); "" for its root.
+  std::string cwd;
   // Set to the Mechanism bits the child entered, when not null.
   unsigned* applied = nullptr;
 };

@@ -42,12 +42,16 @@ bool Copy(int in, int out) {
 
 // The file named by a tool argument such as "/a/b.jpg", "jpeg:/a/b.jpg[0]";
 // "" when it names none outside what every view holds.
-std::string PlainPath(const std::string& arg) {
+std::string PlainPath(const std::string& arg, const std::string& cwd) {
   std::string p = arg;
   const size_t colon = p.find(':');
   if (colon != std::string::npos && colon > 0 && colon < 16 && p[0] != '/') p.erase(0, colon + 1);
   if (!p.empty() && p.back() == ']' && p.rfind('[') != std::string::npos) p.erase(p.rfind('['));
-  if (p.empty() || p[0] != '/' || p.compare(0, 6, "/proc/") == 0) return "";
+  // A relative file name (with an extension: not an option's value) in the caller's directory.
+  if (!p.empty() && p[0] != '/' && p[0] != '-' && p.find('.') != std::string::npos && !cwd.empty() && cwd != "/") {
+    p = cwd + "/" + p;
+  }
+  if (p.empty() || p[0] != '/' || p.compare(0, 6, "/proc/") == 0 || p.find("/../") != std::string::npos) return "";
   for (const char* system : {"/usr/", "/etc/", "/dev/", "/lib"}) {
     if (p.compare(0, strlen(system), system) == 0) return "";
   }
@@ -63,10 +67,10 @@ class PlainFiles {
  public:
   ~PlainFiles() {
     for (int fd : opened_) close(fd);
-    if (outDir_ >= 0) {
-      for (const auto& o : outputs_) unlinkat(outDir_, o.second.c_str(), 0);
-      close(outDir_);
-      rmdir(outPath_.c_str());
+    for (const OutDir& d : dirs_) {
+      for (const auto& o : d.outputs) unlinkat(d.fd, o.second.c_str(), 0);
+      close(d.fd);
+      rmdir(d.path.c_str());
     }
   }
   void Add(const std::string& path, Spec* spec) {
@@ -81,51 +85,61 @@ class PlainFiles {
       return;
     }
     const size_t slash = path.rfind('/');
-    const std::string dir = slash == 0 ? "/" : path.substr(0, slash);
+    const std::string dir = path.substr(0, slash);
     struct stat parent;
-    if (stat(dir.c_str(), &parent) != 0 || !S_ISDIR(parent.st_mode)) return;  // the tool fails as it would
-    if (outDir_ < 0) {
+    if (dir.empty() || stat(dir.c_str(), &parent) != 0 || !S_ISDIR(parent.st_mode)) return;  // fails as it would
+    OutDir* out = nullptr;
+    for (OutDir& d : dirs_) out = d.parent == dir ? &d : out;
+    if (out == nullptr) {
       char tmpl[] = "/var/tmp/kovathumb-out.XXXXXX";
       if (mkdtemp(tmpl) == nullptr) return;
-      outPath_ = tmpl;
-      outDir_ = open(tmpl, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-      if (outDir_ < 0) return;
-      outParent_ = dir;
-      spec->shown.push_back({outDir_, dir, true});
+      const int fd = open(tmpl, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+      if (fd < 0) {
+        rmdir(tmpl);
+        return;
+      }
+      dirs_.push_back({dir, tmpl, fd, {}});
+      out = &dirs_.back();
+      spec->shown.push_back({fd, dir, true});
     }
-    if (dir == outParent_) outputs_.emplace_back(path, path.substr(slash + 1));
+    out->outputs.emplace_back(path, path.substr(slash + 1));
   }
   // Moves what the tool made to the names it was given; false when one
   // could not be.
   bool Deliver() {
     bool ok = true;
-    for (const auto& o : outputs_) {
-      struct stat st;
-      if (fstatat(outDir_, o.second.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0 || !S_ISREG(st.st_mode)) continue;
-      if (renameat(outDir_, o.second.c_str(), AT_FDCWD, o.first.c_str()) != 0) {
-        const int in = openat(outDir_, o.second.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
-        const int out = in < 0 ? -1 : open(o.first.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
-        ok = ok && out >= 0 && Copy(in, out);
-        if (out >= 0) close(out);
-        if (in >= 0) close(in);
-        continue;
-      }
-      // As the tool would have made it, running as the caller.
-      const mode_t mask = umask(0);
-      umask(mask);
-      if (chown(o.first.c_str(), geteuid(), getegid()) != 0 || chmod(o.first.c_str(), 0666 & ~mask) != 0) {
-        unlink(o.first.c_str());
-        ok = false;
+    const mode_t mask = umask(0);
+    umask(mask);
+    for (const OutDir& d : dirs_) {
+      for (const auto& o : d.outputs) {
+        struct stat st;
+        if (fstatat(d.fd, o.second.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0 || !S_ISREG(st.st_mode)) continue;
+        if (renameat(d.fd, o.second.c_str(), AT_FDCWD, o.first.c_str()) != 0) {
+          const int in = openat(d.fd, o.second.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
+          const int out = in < 0 ? -1 : open(o.first.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+          ok = ok && out >= 0 && Copy(in, out);
+          if (out >= 0) close(out);
+          if (in >= 0) close(in);
+          continue;
+        }
+        // As the tool would have made it, running as the caller.
+        if (chown(o.first.c_str(), geteuid(), getegid()) != 0 || chmod(o.first.c_str(), 0666 & ~mask) != 0) {
+          unlink(o.first.c_str());
+          ok = false;
+        }
       }
     }
     return ok;
   }
 
  private:
+  struct OutDir {
+    std::string parent, path;
+    int fd;
+    std::vector<std::pair<std::string, std::string>> outputs;  // the caller's name, the name here
+  };
   std::vector<int> opened_;
-  int outDir_ = -1;
-  std::string outPath_, outParent_;
-  std::vector<std::pair<std::string, std::string>> outputs_;  // the caller's name, the name in outDir_
+  std::vector<OutDir> dirs_;
 };
 
 }  // namespace
@@ -157,8 +171,11 @@ bool RunTool(const char* path, const char* const argv[], int out, int err) {
     (S_ISDIR(st.st_mode) ? spec.writable : spec.visible).push_back(fd);
   }
   PlainFiles plain;
+  char* cwd = getcwd(nullptr, 0);
+  spec.cwd = cwd != nullptr ? cwd : "";
+  free(cwd);
   for (const std::string& a : args) {
-    const std::string p = PlainPath(a);
+    const std::string p = PlainPath(a, spec.cwd);
     if (!p.empty() && a != args[0]) plain.Add(p, &spec);
   }
   if (out >= 0) spec.keep.push_back(out);
