@@ -1,5 +1,6 @@
 // The tools we start, started from inside a sandbox: they inherit its
 // isolation and receive the very argument vectors the launcher is given.
+#include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <poll.h>
@@ -68,7 +69,17 @@ class PlainFiles {
   ~PlainFiles() {
     for (int fd : opened_) close(fd);
     for (const OutDir& d : dirs_) {
-      for (const auto& o : d.outputs) unlinkat(d.fd, o.second.c_str(), 0);
+      // Ours alone: what the tool left, and the points the view mounted its
+      // inputs on.
+      const int dup = openat(d.fd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+      DIR* dir = dup >= 0 ? fdopendir(dup) : nullptr;
+      if (dir == nullptr && dup >= 0) close(dup);
+      for (struct dirent* e; dir != nullptr && (e = readdir(dir)) != nullptr;) {
+        if (strcmp(e->d_name, ".") != 0 && strcmp(e->d_name, "..") != 0 && unlinkat(d.fd, e->d_name, 0) != 0) {
+          unlinkat(d.fd, e->d_name, AT_REMOVEDIR);
+        }
+      }
+      if (dir != nullptr) closedir(dir);
       close(d.fd);
       rmdir(d.path.c_str());
     }
