@@ -7,12 +7,19 @@ exec 1>&2
 packages=(
   cmake g++ make pkg-config help2man
   libexiv2-dev libheif-dev libwebp-dev libjxl-dev libraw-dev liblcms2-dev libjpeg62-turbo-dev
-  libcli11-dev nlohmann-json3-dev libgtest-dev
+  libcli11-dev nlohmann-json3-dev libgtest-dev libseccomp-dev
   imagemagick libjpeg-turbo-progs dcraw colord-data
   exiv2 libheif-examples libjxl-tools webp libimage-exiftool-perl libvips-tools
   lighttpd libfcgi-dev ffmpeg chromium curl
   clang libclang-rt-14-dev valgrind wrk
 )
+
+SUDO=""
+[ "$(id -u)" -ne 0 ] && SUDO="sudo"
+# The account parsers and tools run as (the package makes it on the appliance).
+getent passwd kovathumb-sandbox >/dev/null ||
+  $SUDO useradd --system --user-group --no-create-home --home-dir /nonexistent --shell /usr/sbin/nologin \
+    kovathumb-sandbox
 
 missing=()
 for p in "${packages[@]}"; do
@@ -20,8 +27,6 @@ for p in "${packages[@]}"; do
 done
 [ ${#missing[@]} -eq 0 ] && exit 0
 
-SUDO=""
-[ "$(id -u)" -ne 0 ] && SUDO="sudo"
 export DEBIAN_FRONTEND=noninteractive
 $SUDO apt-get update -qq
 $SUDO apt-get install -y -qq --no-install-recommends "${missing[@]}"

@@ -116,11 +116,8 @@ class KOVATHUMB_EXPORT ThumbInfo {
   // go through this internal type.
   friend class internal::ThumbInfoAccess;
 
-  // Exiv2 0.27 hands images out as std::auto_ptr.
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wdeprecated-declarations"
-  KOVATHUMB_LOCAL void ExtractEXIFPreviewInfo(const std::auto_ptr<Exiv2::Image>& image);
-#pragma GCC diagnostic pop
+  // Writes the embedded preview a probe read out to a file of ours.
+  KOVATHUMB_LOCAL void StoreEXIFPreview(const std::string& extension, const std::string& data);
   // Reads the facts (type, size, orientation), the embedded preview, or
   // both, from one opening of the source; ExtractImgInfo's errors.
   KOVATHUMB_LOCAL void Read(bool facts, bool preview);

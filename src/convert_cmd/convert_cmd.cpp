@@ -5,6 +5,7 @@
 #include "kovaplatform/kovaplatform.h"
 #include "convert_cmd/tool_files.h"
 #include "kovathumb/convert_cmd.h"
+#include "sandbox/sandbox.h"
 
 namespace kovathumb {
 
@@ -64,7 +65,7 @@ std::string ConvertCmd::getConvertPath() {
 bool ConvertCmd::exec() {
   // Not a format we convert: fails like a converter that cannot read it.
   const std::string path = getConvertPath();
-  if (!coder_.empty() && KLIBCExecv(path.c_str(), argv.data(), 1) == 0) return true;
+  if (!coder_.empty() && sandbox::RunTool(path.c_str(), argv.data())) return true;
   unlink(dst.c_str());
   return false;
 }

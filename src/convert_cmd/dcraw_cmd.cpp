@@ -1,12 +1,10 @@
 #include <errno.h>
 #include <fcntl.h>
-#include <poll.h>
 #include <stdio.h>
 #include <time.h>
 #include <unistd.h>
 
 #include <cstdint>
-#include <mutex>
 #include <string>
 
 #include "convert_cmd/tool_files.h"
@@ -14,6 +12,7 @@
 #include "kovathumb/convert_cmd.h"
 #include "kovathumb/error.h"
 #include "kovathumb/log.h"
+#include "sandbox/sandbox.h"
 #include "thumb_info/thumb_info_access.h"
 
 namespace kovathumb {
@@ -26,40 +25,13 @@ constexpr char kProbeSizeName[] = "__CUSTOM__";
 
 // dcraw is a first attempt: what it says of a file it cannot read (every
 // HEIC "has no thumbnail") is noise before the converter's try, so it shows
-// only where the library's own log lines do.
-FILE* PopenQuietly(const char* path, const char* const argv[]) {
-  if (LogsToStderr()) return KLIBCPopenv(path, "r", argv);
-  static std::mutex mutex;  // standard error is the process's
-  std::lock_guard<std::mutex> lock(mutex);
-  const int saved = fcntl(2, F_DUPFD_CLOEXEC, 3);
+// only where the library's own log lines do. Its output goes to `out`.
+bool RunQuietly(const char* path, const char* const argv[], int out) {
+  if (LogsToStderr()) return sandbox::RunTool(path, argv, out);
   const int devnull = open("/dev/null", O_WRONLY | O_CLOEXEC);
-  const bool quiet = saved >= 0 && devnull >= 0 && dup2(devnull, 2) == 2;
-  FILE* pipe = KLIBCPopenv(path, "r", argv);
-  if (quiet) dup2(saved, 2);
-  if (saved >= 0) close(saved);
+  const bool ok = devnull >= 0 && sandbox::RunTool(path, argv, out, devnull);
   if (devnull >= 0) close(devnull);
-  return pipe;
-}
-
-// Copies everything from `in` to `out` with read(2) and write(2); false on
-// an error, a short write, an empty input, or an input still open when a
-// tool's wall-time limit has passed.
-bool copyStream(int out, int in) {
-  char buf[4096];
-  uint64_t total = 0;
-  const time_t deadline = time(nullptr) + KOVAChildWallSeconds();
-  for (;;) {
-    const time_t left = deadline - time(nullptr);
-    struct pollfd p = {in, POLLIN, 0};
-    const int ready = left > 0 ? poll(&p, 1, static_cast<int>(left) * 1000) : 0;
-    if (ready < 0 && errno == EINTR) continue;
-    if (ready <= 0) return false;
-    const ssize_t n = read(in, buf, sizeof buf);
-    if (n == -1) return false;
-    if (n == 0) return total > 0;
-    if (write(out, buf, static_cast<size_t>(n)) != n) return false;
-    total += static_cast<uint64_t>(n);
-  }
+  return ok;
 }
 
 }  // namespace
@@ -90,8 +62,7 @@ void DcrawCmd::setupRawThumbPath() {
       unlink(rawThumbPath.c_str());
       throw Error(kErrorUnknownType);
     }
-    pipe = PopenQuietly(kDcraw.c_str(), argv.data());
-    if (pipe == nullptr || !copyStream(fileno(outFile), fileno(pipe))) {
+    if (!RunQuietly(kDcraw.c_str(), argv.data(), fileno(outFile))) {
       unlink(rawThumbPath.c_str());
       throw Error(kErrorUnknownType);
     }

@@ -6,6 +6,7 @@
 
 #include "kovaplatform/kovaplatform.h"
 #include "kovathumb/convert_cmd.h"
+#include "sandbox/sandbox.h"
 #include "thumb_info/decisions.h"
 
 namespace kovathumb {
@@ -53,7 +54,7 @@ unsigned DJpegCmd::GetConvertBytes() const {
 bool DJpegCmd::IsNeedDelete() const { return GetConvertBytes() + 524288U > info.GetFileSize(); }
 
 bool DJpegCmd::exec() {
-  if (KLIBCExecv(kDjpeg.c_str(), argv.data(), 1) != 0) return false;
+  if (!sandbox::RunTool(kDjpeg.c_str(), argv.data())) return false;
   if (outPath == dst) return true;
   // From the unchanged `info`: geometry and crop offsets are the full
   // source's though the decoded picture is smaller; kept as the appliance

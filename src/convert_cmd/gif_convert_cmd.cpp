@@ -6,6 +6,7 @@
 #include "convert_cmd/tool_files.h"
 #include "kovaplatform/kovaplatform.h"
 #include "kovathumb/convert_cmd.h"
+#include "sandbox/sandbox.h"
 #include "util/path.h"
 
 namespace kovathumb {
@@ -42,7 +43,7 @@ void GIFConvertCmd::setupCoalesceTmpPath() {
   const std::string in = "gif:" + src;
   const std::string out = "gif:" + coalescePath;
   const char* coalesce[] = {kConvert.c_str(), in.c_str(), "-coalesce", out.c_str(), nullptr};
-  if (KLIBCExecv(kConvert.c_str(), coalesce, 1) != 0) {
+  if (!sandbox::RunTool(kConvert.c_str(), coalesce)) {
     unlink(coalescePath.c_str());
     coalescePath.clear();
   }
@@ -58,7 +59,7 @@ bool GIFConvertCmd::exec() {
   argv.push_back(userRotateDegrees.c_str());
   argv.push_back(dst.c_str());
   argv.push_back(nullptr);
-  if (KLIBCExecv(kConvert.c_str(), argv.data(), 1) == 0) {
+  if (sandbox::RunTool(kConvert.c_str(), argv.data())) {
     unlink(coalescePath.c_str());
     return true;
   }

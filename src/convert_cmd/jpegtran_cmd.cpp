@@ -2,6 +2,7 @@
 
 #include "kovaplatform/kovaplatform.h"
 #include "kovathumb/convert_cmd.h"
+#include "sandbox/sandbox.h"
 #include "thumb_info/decisions.h"
 
 namespace kovathumb {
@@ -23,7 +24,7 @@ JpegTranCmd::JpegTranCmd(ThumbInfo info_, const std::string& src_, const std::st
 
 JpegTranCmd::~JpegTranCmd() = default;
 
-bool JpegTranCmd::exec() { return KLIBCExecv(kJpegtran.c_str(), argv.data(), 1) == 0; }
+bool JpegTranCmd::exec() { return sandbox::RunTool(kJpegtran.c_str(), argv.data()); }
 
 FILE* JpegTranCmd::popen() { return KLIBCPopenv(kJpegtran.c_str(), "r", argv.data()); }
 

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <stdio.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <string>
 #include <vector>
@@ -11,6 +12,7 @@
 #include "convert_cmd/tool_files.h"
 #include "kovathumb/convert_cmd.h"
 #include "kovathumb/thumb_const.h"
+#include "sandbox/sandbox.h"
 #include "thumb_info/decisions.h"
 
 namespace kovathumb {
@@ -29,7 +31,7 @@ bool Run(const std::vector<std::string>& args) {
   std::vector<const char*> argv;
   for (const std::string& a : args) argv.push_back(a.c_str());
   argv.push_back(nullptr);
-  return KLIBCExecv(args[0].c_str(), argv.data(), 1) == 0;
+  return sandbox::RunTool(args[0].c_str(), argv.data());
 }
 
 std::string Geometry(ThumbDimension d, const char* flag) {
@@ -127,18 +129,10 @@ bool MakeQualityThumb(const QualityInput& in, ThumbDimension box, bool crop, con
 
 bool ExtractRawPreview(const std::string& source, const QualityWorkDir& wd, const std::string& name) {
   const char* argv[] = {"dcraw", "-c", "-e", source.c_str(), nullptr};
-  FILE* pipe = KLIBCPopenv(ThumbConvertCmd::kDcraw.c_str(), "r", argv);
-  if (pipe == nullptr) return false;
-  FILE* out = fopen(wd.File(name).c_str(), "wbx");
-  bool ok = out != nullptr;
-  char buf[65536];
-  size_t total = 0;
-  for (size_t n; ok && (n = fread(buf, 1, sizeof buf, pipe)) > 0; total += n) {
-    ok = fwrite(buf, 1, n, out) == n;
-  }
-  if (out != nullptr && fclose(out) != 0) ok = false;
-  if (KLIBCPclose(pipe) != 0 || total == 0) ok = false;
-  return ok;
+  const int out = CreateExclusive(wd.File(name));
+  if (out < 0) return false;
+  const bool ok = sandbox::RunTool(ThumbConvertCmd::kDcraw.c_str(), argv, out);
+  return close(out) == 0 && ok;
 }
 
 bool DecodeHeif(const std::string& source, const QualityWorkDir& wd, const std::string& name) {

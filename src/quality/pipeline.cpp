@@ -159,6 +159,7 @@ bool RunPipeline(const PipelineSource& source, std::vector<PipelineSize>* sizes,
   if (sizes->empty() || source.fd < 0 || workDir < 0) return false;
   sandbox::Spec spec;
   spec.keep = {source.fd, workDir};
+  spec.writable = {workDir};  // the body runs as the sandbox account
   spec.limits = PipelineLimits(uint64_t{source.width} * source.height);
   std::string reply;
   int status = -1;

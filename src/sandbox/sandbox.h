@@ -37,9 +37,42 @@ struct Limits {
   uint64_t addressSpace = uint64_t{1} << 30;  // not applied in sanitizer builds
 };
 
+// What isolation a child entered (Spec::applied), one bit each.
+enum Mechanism : unsigned {
+  kUnprivileged = 1u << 0,   // runs as the sandbox account (or was never root)
+  kNoCapabilities = 1u << 1, // none left, bounding set included
+  kNoNewPrivs = 1u << 2,
+  kSyscallFilter = 1u << 3,  // the seccomp filter
+  kNamespaces = 1u << 4,     // own mount, network, IPC and host-name namespaces
+  kPidNamespace = 1u << 5,   // its processes die with it
+  kFileView = 1u << 6,       // a root holding only the libraries, tools and its files
+};
+
 struct Spec {
   std::vector<int> keep;  // descriptors the body may use, at their numbers
   Limits limits;
+  // Descriptors of this process the body's tools reach by their pinned
+  // paths (safe_fs::ToolPath: "/proc/<our pid>/fd/N"): the same names
+  // resolve inside the body's view, read-only. Closed in the child unless
+  // also kept.
+  std::vector<int> visible;
+  // Directories among those pinned paths the body writes into. For the run
+  // they belong to the sandbox account; afterwards everything in them but
+  // regular files with one link is removed and they are given back.
+  std::vector<int> writable;
+  // Descriptors shown at other names (absolute paths) in the view; a
+  // writable one is a directory, lent as those above are.
+  struct Shown {
+    int fd;
+    std::string path;
+    bool writable;
+  };
+  std::vector<Shown> shown;
+  // Where the body starts in the view (a caller's relative names resolve
+  // there); "" for its root.
+  std::string cwd;
+  // Set to the Mechanism bits the child entered, when not null.
+  unsigned* applied = nullptr;
 };
 
 // What Run() reports beside the reply.
@@ -48,7 +81,20 @@ enum Outcome {
   kKilled = 1,    // ended by a signal (a crash, a limit)
   kTimedOut = 2,  // wall time up: killed
   kNoChild = 3,   // could not start one
+  kRefused = 4,   // isolation could not be entered (root could not be given up): the body did not run
 };
+
+// The pinned paths of this process's descriptors in `args` (each a tool
+// argument such as "ppm:/proc/<pid>/fd/7/a.ppm"): the descriptor numbers,
+// files and directories alike, in order of appearance, without repeats.
+std::vector<int> PinnedDescriptors(const std::vector<std::string>& args);
+
+// Starts the tool `path` with `argv` through the platform's launcher inside
+// Run(): descriptors named by pinned paths in argv are visible, directories
+// among them writable. With `out` >= 0 the tool's standard output is copied
+// there; with `err` >= 0 its standard error goes there. True when the tool
+// ran and succeeded.
+bool RunTool(const char* path, const char* const argv[], int out = -1, int err = -1);
 
 // Runs `body` in an isolated child (see above). `reply` may be null.
 Outcome Run(const Spec& spec, const std::function<int(int replyFd)>& body, std::string* reply,

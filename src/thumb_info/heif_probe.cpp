@@ -2,6 +2,10 @@
 // as HEIC only when its primary image's first metadata block is Exif; in
 // quality mode whenever libheif reads its primary image. The libheif work is
 // done by a module loaded on the first HEIF source.
+#include <dlfcn.h>
+#include <stdio.h>
+#include <string.h>
+
 #include <mutex>
 #include <string>
 
@@ -9,6 +13,9 @@
 #include "thumb_info/decisions.h"
 #include "thumb_info/heif_module.h"
 #include "util/modules.h"
+#include "kovaplatform/kovaplatform.h"
+#include "sandbox/sandbox.h"
+#include "util/safe_fs.h"
 #include "util/log.h"
 
 namespace kovathumb {
@@ -43,8 +50,34 @@ void ThumbInfo::CheckAndGetHeif() {
     KT_LOG("runtime error: %s", ("no HEIF support: " + loadError).c_str());
     return;
   }
-  KovathumbHeifResult result;
-  const int outcome = probe(PinnedSource().c_str(), &result);
+  // libheif reads the source in a sandboxed child (the module is loaded
+  // here, where its files are); the answer is a fixed-size record.
+  KovathumbHeifResult result{};
+  int outcome = KOVATHUMB_HEIF_RUNTIME_ERROR;
+  if (sourceFd_) {
+    sandbox::Spec spec;
+    spec.visible = {*sourceFd_};
+    spec.limits.wallSeconds = 20;
+    spec.limits.cpuSeconds = 20;
+    spec.limits.addressSpace = KOVA_CHILD_ADDRESS_SPACE;
+    const std::string source = safe_fs::ToolPath(*sourceFd_);
+    std::string reply;
+    int status = -1;
+    const sandbox::Outcome o = sandbox::Run(spec, [&](int fd) {
+      KovathumbHeifResult r{};
+      const int got = probe(source.c_str(), &r);
+      return safe_fs::WriteAll(fd, &got, sizeof got) && safe_fs::WriteAll(fd, &r, sizeof r) ? 0 : 1;
+    }, &reply, sizeof outcome + sizeof result, &status);
+    if (o == sandbox::kExited && status == 0 && reply.size() == sizeof outcome + sizeof result) {
+      memcpy(&outcome, reply.data(), sizeof outcome);
+      memcpy(&result, reply.data() + sizeof outcome, sizeof result);
+      result.message[sizeof result.message - 1] = '\0';
+    } else {
+      snprintf(result.message, sizeof result.message, "the HEIF reader stopped");
+    }
+  } else {
+    snprintf(result.message, sizeof result.message, "cannot read the source");
+  }
   const bool readable = result.width != 0 && result.height != 0;
   switch (outcome) {
     case KOVATHUMB_HEIF_ACCEPTED:

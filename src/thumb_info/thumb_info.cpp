@@ -16,6 +16,8 @@
 #include "store/fresh.h"
 #include "thumb_info/decisions.h"
 #include "thumb_info/exiv2_io.h"
+#include "thumb_info/probe.h"
+#include "libkovathumb/quality.h"
 #include "util/log.h"
 #include "util/path.h"
 #include "util/safe_fs.h"
@@ -76,39 +78,32 @@ void ThumbInfo::ExtractImgInfo(bool withPreview) { Read(true, withPreview); }
 void ThumbInfo::Read(bool facts, bool preview) {
   if (IsSupportVideo(internal::BaseName(path_))) return;
 
-  bool failed = false;
-  int code = 0;
-  std::string text;
-  int index = 0;
+  // Exiv2 reads the source in a sandboxed child; what comes back is data,
+  // checked before it is taken.
+  internal::Probed probed;
   {
     std::lock_guard<std::mutex> lock(exiv2_mutex_);
-    internal::RouteExiv2Log();
-    try {
-      if (!sourceFd_) {  // there, but not readable by us
-        throw Exiv2::Error(Exiv2::kerDataSourceOpenFailed, path_, strerror(EACCES));
-      }
-      // Exiv2 0.27 takes and gives std::auto_ptr, which clang flags when
-      // named; null for a type it does not know.
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wdeprecated-declarations"
-      auto image = Exiv2::ImageFactory::open(Exiv2::BasicIo::AutoPtr(internal::NewPinnedIo(*sourceFd_, PinnedSource())));
-#pragma GCC diagnostic pop
-      if (image.get() == nullptr) throw Exiv2::Error(Exiv2::kerFileContainsUnknownImageType, PinnedSource());
-      if (internal::IsVideoContainer(*image)) throw Exiv2::Error(Exiv2::kerFileContainsUnknownImageType, path_);
-      image->readMetadata();
-      const std::string mimeType = image->mimeType();
-      if (facts) {
-        mimeType_ = mimeType;
-        width_ = static_cast<uint32_t>(image->pixelWidth());
-        height_ = static_cast<uint32_t>(image->pixelHeight());
-      }
-      if (preview) ExtractEXIFPreviewInfo(image);
-      if (facts) index = ResolveOrientationIndex(*image);
-    } catch (const Exiv2::AnyError& e) {
-      failed = true;
-      code = e.code();
-      text = e.what();
-    }
+    const internal::ProbeRequest request{sourceFd_ ? *sourceFd_ : -1, path_, PinnedSource(), facts, preview,
+                                         [this](const std::vector<internal::PreviewProps>& props) {
+                                           return quality_ ? internal::ChooseQualityPreview(props, width_, height_,
+                                                                                            dimension_)
+                                                           : internal::ChoosePreview(props, mimeType_, dimension_);
+                                         },
+                                         [this](Exiv2::Image& image) { return ResolveOrientationIndex(image); }};
+    probed = internal::ProbeInSandbox(request, rotateFlopMappingList_.size());
+  }
+  const bool failed = probed.failed;
+  const int code = probed.code;
+  const std::string& text = probed.text;
+  const int index = probed.index;
+  if (!failed && facts) {
+    mimeType_ = probed.mime;
+    width_ = probed.width;
+    height_ = probed.height;
+  }
+  if (!failed && preview) {
+    exifPreviewTmpPath_.clear();
+    if (probed.previewFound) StoreEXIFPreview(probed.extension, probed.data);
   }
 
   if (failed) {

@@ -3,18 +3,102 @@
 #include "support/fake_platform.h"
 
 #include <dlfcn.h>
+#include <sys/mman.h>
+
+#include <unistd.h>
+
+#include <atomic>
+#include <mutex>
+#include <thread>
+#include <cstring>
 
 #include "kovaplatform/kovaplatform.h"
 
 namespace kovathumb {
 namespace fake {
 
+namespace {
+
+// Tools start inside sandboxed children: their calls are recorded in memory
+// shared with every fork, NUL-separated fields and an empty one per call.
+struct Shared {
+  std::atomic<int> hookAsked;  // a forked caller waits for before_exec to run in the test's process
+  std::atomic<size_t> used;
+  char data[(4 << 20) - 64];
+};
+
+Shared* Calls() {
+  static Shared* shared = static_cast<Shared*>(
+      mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+  return shared;
+}
+// Made before any fork.
+[[maybe_unused]] const Shared* const kMadeAtLoad = Calls();
+size_t g_synced = 0;
+const pid_t g_testProcess = getpid();
+
+// Runs before_exec here for calls from sandboxed children, which see
+// nothing of the test's files; started with the first such call's wait.
+void ServeHooks() {
+  static std::once_flag once;
+  std::call_once(once, [] {
+    std::thread([] {
+      for (;;) {
+        if (Calls()->hookAsked.load() == 1) {
+          Platform& s = State();
+          if (s.before_exec && !s.exec_calls.empty()) s.before_exec(s.exec_calls.back());
+          Calls()->hookAsked = 0;
+        }
+        usleep(1000);
+      }
+    }).detach();
+  });
+}
+
+}  // namespace
+
+// In a forked child: asks the test's process to run the hook, and waits.
+void RunHookInTestProcess() {
+  Calls()->hookAsked = 1;
+  for (int i = 0; i < 10000 && Calls()->hookAsked.load() == 1; ++i) usleep(1000);
+}
+
+namespace {
+
+}  // namespace
+
+void Append(const std::vector<std::string>& call) {
+  std::string rec;
+  for (const std::string& f : call) rec.append(f).push_back('\0');
+  rec.push_back('\0');
+  Shared* s = Calls();
+  const size_t at = s->used.fetch_add(rec.size());
+  if (at + rec.size() <= sizeof s->data) memcpy(s->data + at, rec.data(), rec.size());
+}
+
 Platform& State() {
   static Platform state;
+  Shared* s = Calls();
+  const size_t used = std::min(s->used.load(), sizeof s->data);
+  while (g_synced < used) {
+    std::vector<std::string> call;
+    for (;;) {
+      std::string f(s->data + g_synced);
+      g_synced += f.size() + 1;
+      if (f.empty()) break;
+      call.push_back(f);
+    }
+    state.exec_calls.push_back(call);
+  }
   return state;
 }
 
-void Reset() { State() = Platform(); }
+void Reset() {
+  ServeHooks();
+  Calls()->used = 0;
+  g_synced = 0;
+  State() = Platform();
+}
 
 }  // namespace fake
 }  // namespace kovathumb
@@ -29,7 +113,7 @@ F Real(const char* name) {
 void Record(const char* path, const char* const argv[]) {
   std::vector<std::string> call{path ? path : ""};
   for (size_t i = 0; argv != nullptr && argv[i] != nullptr; ++i) call.emplace_back(argv[i]);
-  kovathumb::fake::State().exec_calls.push_back(call);
+  kovathumb::fake::Append(call);
 }
 
 }  // namespace
@@ -50,7 +134,13 @@ int KOVAEAMKDir(int flags, const char* eadir) {
 
 int KLIBCExecv(const char* path, const char* const argv[], int wait) {
   Record(path, argv);
-  if (kovathumb::fake::State().before_exec) kovathumb::fake::State().before_exec(kovathumb::fake::State().exec_calls.back());
+  if (kovathumb::fake::State().before_exec) {
+    if (getpid() == kovathumb::fake::g_testProcess) {
+      kovathumb::fake::State().before_exec(kovathumb::fake::State().exec_calls.back());
+    } else {
+      kovathumb::fake::RunHookInTestProcess();
+    }
+  }
   if (kovathumb::fake::State().exec_result != -2) return kovathumb::fake::State().exec_result;
   static auto real = Real<int (*)(const char*, const char* const*, int)>("KLIBCExecv");
   return real(path, argv, wait);

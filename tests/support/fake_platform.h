@@ -25,6 +25,7 @@ struct Platform {
 };
 
 Platform& State();
+void Append(const std::vector<std::string>& call);  // records a call, from any process
 void Reset();
 
 }  // namespace fake

@@ -135,9 +135,12 @@ int WithStandIns(const std::map<std::string, std::string>& standIns, const std::
   if (pid == 0) {
     alarm(30);
     if (unshare(CLONE_NEWNS) != 0 || mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) _exit(kNoNamespace);
+    // The real tools where a sandboxed stand-in still sees them: under /usr.
+    const std::string reals = "/usr/local/src";
+    if (!standIns.empty() && mount("none", reals.c_str(), "tmpfs", 0, "mode=0755") != 0) _exit(kNoNamespace);
     int n = 0;
     for (const auto& tool : standIns) {
-      const std::string real = dir / ("real" + std::to_string(n)), script = dir / ("stand-in" + std::to_string(n++));
+      const std::string real = reals + "/real" + std::to_string(n), script = dir / ("stand-in" + std::to_string(n++));
       if (Sh("cp " + Quote(tool.first) + " " + Quote(real)) != 0) _exit(kNoNamespace);
       WriteFile(script, "#!/bin/sh\nREAL=" + Quote(real) + "\n" + tool.second, 0755);
       if (mount(script.c_str(), tool.first.c_str(), nullptr, MS_BIND, nullptr) != 0) _exit(kNoNamespace);

@@ -18,6 +18,7 @@
 #include "front_end/video.h"
 #include "kovaplatform/kovaplatform.h"
 #include "kovathumb/error.h"
+#include "sandbox/sandbox.h"
 #include "kovathumb/file.h"
 #include "kovathumb/log.h"
 #include "kovathumb/thumb.h"
@@ -162,13 +163,15 @@ void MakeScreenshot(const PinnedFile& pinned, const StoredOf& stored, Outcome* o
     return;
   }
   const std::string input = "/proc/" + std::to_string(getpid()) + "/fd/" + std::to_string(src);
+  const int workFd = open(work, O_RDONLY | O_DIRECTORY | O_CLOEXEC);  // ffmpeg writes by its pinned path
   const std::string tmp = std::string(work) + "/" + name + ".jpg";
-  const std::vector<std::string> args = ScreenshotArgs(demuxer, input, tmp);
+  const std::string pinnedTmp = "/proc/" + std::to_string(getpid()) + "/fd/" + std::to_string(workFd) + "/" + name + ".jpg";
+  const std::vector<std::string> args = ScreenshotArgs(demuxer, input, pinnedTmp);
   std::vector<const char*> argv = {kFfmpeg};
   for (const std::string& a : args) argv.push_back(a.c_str());
   argv.push_back(nullptr);
   Thumb thumb(path, 0, false);
-  if (KLIBCExecv(kFfmpeg, argv.data(), 1) == 0 && stat(tmp.c_str(), &st) == 0 && st.st_size > 0 &&
+  if (sandbox::RunTool(kFfmpeg, argv.data()) && stat(tmp.c_str(), &st) == 0 && st.st_size > 0 &&
       thumb.SaveThumbToEA(tmp, dst, 0)) {
     ++out->made;
   } else {
@@ -176,6 +179,7 @@ void MakeScreenshot(const PinnedFile& pinned, const StoredOf& stored, Outcome* o
     out->error = FailureReason("ffmpeg made no screenshot");
   }
   close(src);
+  if (workFd >= 0) close(workFd);
   unlink(tmp.c_str());
   rmdir(work);
 }
