@@ -284,7 +284,7 @@ TEST(CorpusTest, ModernTypesProbeDecodeAndKeepTheirColours) {
   // index makes every size of each, then nothing.
   const std::string index = std::string(KOVATHUMB_CLI) + " index --json " + Quote(dir.path()) + " 2>/dev/null | tail -1";
   const std::string first = test::Capture(index), second = test::Capture(index);
-  EXPECT_NE(first.find("\"made\":" + std::to_string(5 * std::size(rows)) + ","), std::string::npos) << first;
+  EXPECT_NE(first.find("\"made\":" + std::to_string(4 * std::size(rows)) + ","), std::string::npos) << first;  // large and xlarge share a file
   EXPECT_NE(second.find("\"made\":0,"), std::string::npos) << second;
   EXPECT_EQ(test::EALeftovers(dir.path()), "");
 }

@@ -107,9 +107,13 @@ std::string Handover::Copy(const ThumbAnswer& answer) {
   struct stat after;
   bool ok = offset == before.st_size && fstat(answer.fd, &after) == 0 && SameFile(before, after);
   if (ok && temp.empty()) {
-    // Another worker may have put the same file in place meanwhile.
-    ok = linkat(AT_FDCWD, ("/proc/self/fd/" + std::to_string(to)).c_str(), fd_, name.c_str(), AT_SYMLINK_FOLLOW) == 0 ||
-         errno == EEXIST;
+    // What holds the name now failed the check above (cut short, say): it
+    // goes. Another worker putting the same file in place meanwhile is fine.
+    const std::string self = "/proc/self/fd/" + std::to_string(to);
+    ok = linkat(AT_FDCWD, self.c_str(), fd_, name.c_str(), AT_SYMLINK_FOLLOW) == 0;
+    if (!ok && errno == EEXIST && unlinkat(fd_, name.c_str(), 0) == 0) {
+      ok = linkat(AT_FDCWD, self.c_str(), fd_, name.c_str(), AT_SYMLINK_FOLLOW) == 0 || errno == EEXIST;
+    }
   } else if (ok) {
     ok = renameat(fd_, temp.c_str(), fd_, name.c_str()) == 0;
   }
