@@ -109,9 +109,9 @@ F src/libkovathumb/store.cpp :: import stores a thumbnail of another type
 F src/thumb_info/thumb_info.cpp :: .heif sources never reach the HEIF probe
 - ext == "heif" || ext == "heic"
 + ext == "heic"
-F src/libkovathumb/quality.cpp :: quality mode serves a stored thumbnail larger than the box
-- w <= box.width && h <= box.height;
-+ w <= box.width * 2 && h <= box.height * 2;
+F src/store/fresh.cpp :: quality mode serves a stored thumbnail larger than the box
+- f.image.width <= box.width && f.image.height <= box.height;
++ f.image.width <= box.width * 2 && f.image.height <= box.height * 2;
 F src/libkovathumb/quality_pixels.cpp :: quality mode mirrors about the wrong axis (in process)
 - if (flop) ax = w1 - 1 - ax;
 + if (flop) ay = h1 - 1 - ay;
@@ -145,18 +145,24 @@ F tools/front_end/pin.cpp :: a path given on the command line may be a link
 F tools/front_end/tree.cpp :: lists and index do not skip the EA directory
 - && !IsEADirName(name)) names.push_back(name);
 + ) names.push_back(name);
-F tools/fcgi/responder.cpp :: validators of one request leak into the next on a worker
-- unsetenv(kNames[i]);
-+
-F tools/fcgi/responder.cpp :: the hand-over copy starts two bytes early
-- Copy(out_, static_cast<off_t>(end + 2), static_cast<size_t>(size) - end - 2, file)
-+ Copy(out_, static_cast<off_t>(end), static_cast<size_t>(size) - end, file)
+F tools/fcgi/responder.cpp :: the hand-over copy starts two bytes late
+- off_t offset = 0;
++ off_t offset = 2;
 F tools/fcgi/responder.cpp :: a hand-over copy of another length is handed again
-- S_ISREG(st.st_mode) && static_cast<size_t>(st.st_size) == size) {
+- S_ISREG(st.st_mode) && st.st_size == before.st_size) {
 + S_ISREG(st.st_mode)) {
-F tools/kovathumb/ea_store.cpp :: prune and watch follow a link planted in an EA directory
+F src/store/ea.cpp :: prune and watch follow a link planted in an EA directory
 - kPathFlags = O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
 + kPathFlags = O_PATH | O_DIRECTORY | O_CLOEXEC;
+F src/sandbox/sandbox.cpp :: the sandbox keeps root
+- setresuid(a.uid, a.uid, a.uid) != 0) {
++ false) {
+F src/sandbox/sandbox.cpp :: the sandbox's filter lets sockets through
+- SCMP_SYS(socket), SCMP_SYS(socketpair), SCMP_SYS(connect),
++ SCMP_SYS(socketpair),
+F src/sandbox/sandbox.cpp :: the sandbox skips no_new_privs
+- if (prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0) applied |= kNoNewPrivs;
++ applied |= kNoNewPrivs;
 EOF
 }
 
