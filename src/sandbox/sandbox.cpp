@@ -38,6 +38,8 @@
 #include <string>
 #include <thread>
 
+#include "util/safe_fs.h"
+
 namespace kovathumb {
 namespace sandbox {
 
@@ -366,18 +368,6 @@ bool EnterNamespaces(bool* pid) {
   return true;
 }
 
-bool WriteAllTo(int fd, const void* data, size_t size) {
-  const char* p = static_cast<const char*>(data);
-  while (size > 0) {
-    const ssize_t n = write(fd, p, size);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) return false;
-    p += n;
-    size -= static_cast<size_t>(n);
-  }
-  return true;
-}
-
 // The child: keeper, then the body's process.
 [[noreturn]] void Child(const Spec& spec, const std::function<int(int)>& body, int reply, pid_t caller,
                         const Account& account, const std::vector<std::pair<int, int>>& copies) {
@@ -429,7 +419,7 @@ bool WriteAllTo(int fd, const void* data, size_t size) {
   }
   for (const auto& c : copies) close(c.second);
   if (pidNamespace) applied |= kPidNamespace;
-  if (!WriteAllTo(reply, &applied, sizeof applied) || (applied & kRefusedBit) != 0) _exit(126);
+  if (!safe_fs::WriteAll(reply, &applied, sizeof applied) || (applied & kRefusedBit) != 0) _exit(126);
   int rc = 126;
   try {
     rc = body(reply);
