@@ -150,38 +150,32 @@ void MakeScreenshot(const PinnedFile& pinned, const StoredOf& stored, Outcome* o
     out->error = demuxer.empty() && src >= 0 ? "not a video container we read: refused" : "cannot read the video";
     return;
   }
-  if (dst.empty() || !file::MakeEADir(path)) {
+  // Made by the platform, then held by descriptor without following a link.
+  const bool made = !dst.empty() && file::MakeEADir(path);
+  const safe_fs::Fd ea(made ? OpenEADirOf(pinned.Dir(), pinned.Base()) : -1);
+  safe_fs::PrivateDir work;
+  if (!ea.valid() || !work.CreateAt("/var/tmp/kovathumb_shot_XXXXXX")) {
     close(src);
     ++out->failed;
     out->error = "cannot make the EA directory";
     return;
   }
-  char work[] = "/var/tmp/kovathumb_shot_XXXXXX";
-  if (mkdtemp(work) == nullptr) {
-    close(src);
-    ++out->failed;
-    return;
-  }
   const std::string input = "/proc/" + std::to_string(getpid()) + "/fd/" + std::to_string(src);
-  const int workFd = open(work, O_RDONLY | O_DIRECTORY | O_CLOEXEC);  // ffmpeg writes by its pinned path
-  const std::string tmp = std::string(work) + "/" + name + ".jpg";
-  const std::string pinnedTmp = "/proc/" + std::to_string(getpid()) + "/fd/" + std::to_string(workFd) + "/" + name + ".jpg";
-  const std::vector<std::string> args = ScreenshotArgs(demuxer, input, pinnedTmp);
+  const std::string shot = name + ".jpg";
+  const std::vector<std::string> args = ScreenshotArgs(demuxer, input, work.ToolPath(shot));
   std::vector<const char*> argv = {kFfmpeg};
   for (const std::string& a : args) argv.push_back(a.c_str());
   argv.push_back(nullptr);
   Thumb thumb(path, 0, false);
-  if (sandbox::RunTool(kFfmpeg, argv.data()) && stat(tmp.c_str(), &st) == 0 && st.st_size > 0 &&
-      thumb.SaveThumbToEA(tmp, dst, 0)) {
+  if (sandbox::RunTool(kFfmpeg, argv.data()) && fstatat(work.fd(), shot.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0 &&
+      S_ISREG(st.st_mode) && st.st_size > 0 && thumb.SaveThumbToEA(work.path() + "/" + shot, dst, 0)) {
     ++out->made;
   } else {
     ++out->failed;
     out->error = FailureReason("ffmpeg made no screenshot");
+    store::RemoveIfEmpty(ea.get(), pinned.Base());
   }
   close(src);
-  if (workFd >= 0) close(workFd);
-  unlink(tmp.c_str());
-  rmdir(work);
 }
 
 Json OutcomeJson(const std::string& path, const Outcome& o) {
