@@ -41,18 +41,6 @@ TEST(StoreRulesTest, WholeImagesOfTheOutputTypeAreStorable) {
   EXPECT_EQ(store::SniffType(std::string(4, '\0') + "ftypheic"), "heic");
 }
 
-TEST(StoreRulesTest, BoxThumbnailsKeepTheNewestWithinCountAndBytes) {
-  std::vector<StoredThumb> stored = {{"KOVAFILE_THUMB_S.jpg", 10, {1, 0}}, {"notes.txt", 10, {1, 0}}};
-  for (int i = 0; i < 10; ++i) {
-    stored.push_back({"KOVAFILE_THUMB_" + std::to_string(100 + i) + "x100.jpg", 100, {100 + i, 0}});
-  }
-  // The two oldest go; the one just stored stays though it is the oldest.
-  EXPECT_EQ(BoxThumbsToRemove(stored, "KOVAFILE_THUMB_100x100.jpg"),
-            (std::vector<std::string>{"KOVAFILE_THUMB_102x100.jpg", "KOVAFILE_THUMB_101x100.jpg"}));
-  stored = {{"KOVAAVATAR_9x9.jpg", kMaxBoxThumbBytes, {2, 0}}, {"KOVAAVATAR_8x8.jpg", 1, {1, 0}}};
-  EXPECT_EQ(BoxThumbsToRemove(stored, "KOVAAVATAR_9x9.jpg"), std::vector<std::string>{"KOVAAVATAR_8x8.jpg"});
-}
-
 TEST(QualityDecisionsTest, FitScaleAspectPreviewAndOriginal) {
   const struct { uint32_t w, h; ThumbDimension box; uint32_t fw, fh; } fits[] = {
       {4000, 3000, {640, 640}, 640, 480}, {3000, 4000, {640, 640}, 480, 640}, {500, 400, {640, 640}, 500, 400},

@@ -95,6 +95,10 @@ TEST(StoreRulesTest, BoxThumbnailsAreBoundedByCountAndBytes) {
     for (size_t i = 1; i <= sizes.size(); ++i) stored.push_back({box(i), sizes[i - 1], {static_cast<time_t>(i), 0}});
     EXPECT_EQ(internal::BoxThumbsToRemove(stored, box(sizes.size())), removed) << sizes.size() << " " << sizes.back();
   }
+  // The one just stored stays though it is the oldest; an avatar is a box; a user's file counts for nothing.
+  std::vector<internal::StoredThumb> stored = {{"notes.txt", 1 << 30, {0, 0}}, {"KOVAAVATAR_9x9.jpg", 1, {9, 0}}};
+  for (size_t i = 1; i <= 8; ++i) stored.push_back({box(i), 1, {static_cast<time_t>(i), 0}});
+  EXPECT_EQ(internal::BoxThumbsToRemove(stored, box(1)), std::vector<std::string>{box(2)});
 }
 
 // The EA directory's operations, removing and making through the same table:
