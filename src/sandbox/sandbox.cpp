@@ -309,7 +309,9 @@ bool InstallFilter() {
   scmp_filter_ctx ctx = seccomp_init(SCMP_ACT_ALLOW);
   if (ctx == nullptr) return false;
   const uint32_t refuse = SCMP_ACT_ERRNO(EPERM);
-  bool ok = true;
+  // no_new_privs is set by us, before: libseccomp's own setting of it here
+  // would hide that ours went missing.
+  bool ok = seccomp_attr_set(ctx, SCMP_FLTATR_CTL_NNP, 0) == 0;
   for (int call : kRefusedCalls) {
     if (call >= 0) ok = ok && seccomp_rule_add(ctx, refuse, call, 0) == 0;
   }

@@ -57,6 +57,9 @@ const Case kCases[] = {
     {"adobe+o2", PHOTO "-flop -profile /usr/share/color/icc/colord/sRGB.icc -profile /usr/share/color/icc/colord/AdobeRGB1998.icc @",
      2, 0, 0, "small", "jpeg", 120, 90, 0.25, 0.25},
     {"png", PHOTO "-resize 800x600 png:@", 0, 0, 0, "medium", "png", 360, 270, 0.25, 0.25},
+    // ImageMagick's way: turned and converted to sRGB by its arguments.
+    {"prophoto+o2", PHOTO "-flop -profile /usr/share/color/icc/colord/sRGB.icc -profile /usr/share/color/icc/colord/ProPhotoRGB.icc tiff:@",
+     2, 0, 0, "small", "jpeg", 120, 90, 0.25, 0.25},
     {"gif", "-size 200x150 xc:blue -fill 'rgb(200,40,40)' -draw 'rectangle 0,0 99,74' "
             "\\( +clone -fill white -draw 'point 199,149' \\) -loop 0 gif:@",
      0, 0, kThumbOptEnableGIF, "small", "gif", 120, 90, 0.25, 0.25},
@@ -80,16 +83,19 @@ class QualityTest : public ::testing::Test {
 TEST_F(QualityTest, ThumbnailsAreTheirTypeFitTheBoxUprightAndSrgb) {
   for (const Case& c : kCases) {
     SCOPED_TRACE(c.name);
-    const std::string type = c.type;
-    const std::string src = Make(c.name + std::string(type == "png" ? ".png" : type == "gif" ? ".gif" : ".jpg"), c.make,
-                                 c.orientation);
+    const std::string type = c.type, make = c.make;
+    const std::string ext = make.find("png:@") != std::string::npos    ? ".png"
+                            : make.find("gif:@") != std::string::npos  ? ".gif"
+                            : make.find("tiff:@") != std::string::npos ? ".tif"
+                                                                       : ".jpg";
+    const std::string src = Make(c.name + ext, make, c.orientation);
     fake::Reset();
     Thumb thumb(src, kThumbOptQuality | c.options, false);
     thumb.Rotate(c.userRotate);
     const std::string out = thumb.CalcOutputFile(c.size);
     ASSERT_FALSE(out.empty());
     // JPEGs (profiled and CMYK ones too) are made in our own child; the rest by the tools.
-    const bool inProcess = type == "jpeg";
+    const bool inProcess = type == "jpeg" && ext == ".jpg";
     EXPECT_EQ(fake::State().exec_calls.empty(), inProcess || type == "original");
     EXPECT_EQ(thumb.GetOutputType(), type == "original" ? "Original" : "Dossiva");
     if (type == "original") {
