@@ -163,6 +163,9 @@ F src/sandbox/sandbox.cpp :: the sandbox's filter lets sockets through
 F src/sandbox/sandbox.cpp :: the sandbox skips no_new_privs
 - if (prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0) applied |= kNoNewPrivs;
 + applied |= kNoNewPrivs;
+F tools/front_end/send.cpp :: our front ends ask If-Modified-Since when If-None-Match does not match
+- if (validators.ifNoneMatch != nullptr) return TagMatches(validators.ifNoneMatch, ETag(st));
++ if (validators.ifNoneMatch != nullptr && TagMatches(validators.ifNoneMatch, ETag(st))) return true;
 F tools/kovathumb/workers.cpp :: a failed video screenshot leaves its EA directory behind
 - store::RemoveIfEmpty(ea.get(), pinned.Base());
 +
