@@ -6,8 +6,6 @@
 
 #include <gtest/gtest.h>
 
-#include <chrono>
-
 #include "kovathumb/file.h"
 #include "kovathumb/thumb.h"
 #include "kovathumb/thumb_const.h"
@@ -91,9 +89,7 @@ TEST_F(BadInputTest, BombsAreBoundedAndGiveNoThumbnail) {
   }
   for (int b = 0; b < 4; ++b) png[ihdr + 17 + b] = static_cast<char>((~crc >> (24 - 8 * b)) & 0xFF);
   test::WriteFile(dir_ / "bomb.png", png);
-  const auto start = std::chrono::steady_clock::now();
-  EXPECT_EQ(GetCleanly(dir_ / "bomb.png"), 1);
-  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(60));
+  EXPECT_EQ(GetCleanly(dir_ / "bomb.png"), 1);  // an unbounded decode would outlast the test's own limit
 }
 
 TEST_F(BadInputTest, DirectoriesVanishingSourcesAndHardNames) {
@@ -142,13 +138,12 @@ TEST_F(FaultsRootTest, ToolsThatFailDieHangOrAreMissing) {
   test::MakePhoto(src_);
   setenv("KOVAPLATFORM_CHILD_WALL_SECONDS", "2", 1);
   for (const char* script : {"exit 1\n", "kill -9 $$\n", "exec sleep 1000\n", "exec /no/such/tool\n"}) {
-    const auto start = std::chrono::steady_clock::now();
+    // A tool that outlives its wall time is killed, or the stand-ins' own alarm fails this.
     const int status = test::WithStandIns(
         {{"/usr/bin/djpeg", script}, {"/usr/bin/convert", script}, {"/usr/bin/dcraw", script}},
         [&] { return RequestFailsCleanly(src_); });
     if (status == test::kNoNamespace) GTEST_SKIP() << "needs root for a private mount namespace";
     EXPECT_EQ(status, 0) << script;
-    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(30)) << script;
   }
   unsetenv("KOVAPLATFORM_CHILD_WALL_SECONDS");
 }

@@ -9,7 +9,6 @@
 #include <gtest/gtest.h>
 
 #include <array>
-#include <chrono>
 
 #include "convert_cmd/tool_files.h"
 #include "front_end/watchdog.h"
@@ -234,13 +233,12 @@ TEST(ToolAttackRootTest, PipedToolsAndRequestsEndWithTheirWallTime) {
   EXPECT_EQ(Answer([] { return printf("2") + fflush(stdout) + sleep(60) > 0; }), "2");  // no second answer
   EXPECT_EQ(Answer([]() -> int { abort(); }), "500");
   const char* const argv[] = {"/bin/sleep", "60", nullptr};
-  const auto start = std::chrono::steady_clock::now();
   FILE* stream = KLIBCPopenv("/bin/sleep", "r", argv);
   char buf[16];
   EXPECT_TRUE(stream != nullptr && fread(buf, 1, sizeof buf, stream) == 0u);
-  if (stream != nullptr) KLIBCPclose(stream);
+  // Its own alarm ended it, not the end of its sleep.
+  EXPECT_TRUE(stream != nullptr && KLIBCPclose(stream) == 1);
   unsetenv("KOVAPLATFORM_CHILD_WALL_SECONDS");
-  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));
 }
 
 }  // namespace
