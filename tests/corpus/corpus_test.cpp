@@ -5,6 +5,7 @@
 #include <nlohmann/json.hpp>
 
 #include <fcntl.h>
+#include <signal.h>
 
 #include <cmath>
 #include <fstream>
@@ -293,27 +294,41 @@ TEST(CorpusTest, ModernTypesProbeDecodeAndKeepTheirColours) {
 // over), quality's index and a quality request judge every stored file
 // alike; a second index, HEICs with an orientation among its files,
 // makes nothing.
-TEST(CorpusTest, AfterTheAppliancesIndexQualityIndexAndRequestsAgree) {
+TEST(CorpusTest, AfterTheAppliancesIndexQualityIndexWatchAndRequestsAgree) {
   if (access((CorpusDir() + "/MANIFEST.tsv").c_str(), R_OK) != 0) GTEST_SKIP() << CorpusDir() << " is absent";
   test::TempDir dir;
-  const std::string cli = KOVATHUMB_CLI, c = CorpusDir() + "/";
-  test::MustSh("cd " + Quote(dir.path()) + " && mkdir a && cp " + Quote(c + "heif/iphone_7.heic") + " " +
-               Quote(c + "orientation/landscape_6.jpg") + " " + Quote(c + "jpeg/nikon_d90.jpg") + " " +
-               Quote(c + "jpeg/canon_hdr.jpg") + " a/ && " + cli + " index --appliance --no-progress a >/dev/null; " +
-               "cp -a a b && cp -a a before");
+  const std::string cli = KOVATHUMB_CLI, a = dir / "a";
+  // Every file of the corpus, after the appliance's own thumbnails.
+  test::MustSh("cd " + Quote(dir.path()) + " && mkdir a && cp -r " + Quote(CorpusDir()) + "/*/ a/ && " + cli +
+               " index --appliance --no-progress a >/dev/null; cp -a a b && cp -a a before");
   const auto summary = [&](const std::string& tree) {
     return nlohmann::json::parse(test::Capture(cli + " index --json --no-progress " + Quote(dir / tree) + " | tail -n 1"));
   };
   EXPECT_GT(summary("a")["made"].get<int>(), 0);  // the BMPs and the oversized
-  test::MustSh("cd " + Quote(dir / "b") + " && for f in *.*; do for s in xlarge large big medium small; do " + cli +
-               " get --quality --dossiva $s \"$f\" >/dev/null; done; done");
+  test::MustSh("cd " + Quote(dir / "b") + " && find . -type f ! -path '*/.kovaea/*' | while read -r f; do for s in xlarge "
+               "big medium small; do " + cli + " get --quality --dossiva $s \"$f\" >/dev/null 2>&1; done; done");
   const std::string stored = "find . -path '*/.kovaea/*' -type f | sort";
-  EXPECT_EQ(test::Capture("cd " + Quote(dir / "a") + " && " + stored), test::Capture("cd " + Quote(dir / "b") + " && " + stored));
+  EXPECT_EQ(test::Capture("cd " + Quote(a) + " && " + stored), test::Capture("cd " + Quote(dir / "b") + " && " + stored));
   EXPECT_EQ(test::Capture("cd " + Quote(dir / "before") + " && for f in $(" + stored + "); do cmp -s $f ../a/$f; a=$?; " +
                           "cmp -s $f ../b/$f; [ $a = $? ] || echo $f; done"), "");
-  EXPECT_TRUE(test::Exists(dir / "a/.kovaea/iphone_7.heic/KOVAFILE_THUMB_S_r1.jpg"));  // turned by its orientation
+  EXPECT_TRUE(test::Exists(a + "/heif/.kovaea/iphone_7.heic/KOVAFILE_THUMB_S_r1.jpg"));  // turned by its orientation
   const nlohmann::json again = summary("a");
   EXPECT_EQ(again["made"], 0) << again;
+  // Watch's catch-up finds the same tree in step: one worker, so a photo
+  // added once it watches is made after anything it caught up with.
+  const std::string out = dir / "watch.json";
+  const pid_t watch = test::StartCli("watch --json -j 1 --settle 0.2 " + Quote(a), out);
+  const std::string watches = "grep -q '^inotify wd:' /proc/" + std::to_string(watch) + "/fdinfo/* 2>/dev/null";
+  EXPECT_TRUE(test::WaitFor([&] { return test::Sh(watches) == 0; }, 60));
+  test::MustSh("cp " + Quote(a + "/jpeg/nikon_d90.jpg") + " " + Quote(a + "/added.jpg"));
+  EXPECT_TRUE(test::WaitFor([&] { return test::ReadFile(out).find("/added.jpg\"") != std::string::npos; }, 120));
+  kill(watch, SIGTERM);
+  EXPECT_EQ(test::WaitExit(watch), 0);
+  std::istringstream lines(test::ReadFile(out));
+  for (std::string line; std::getline(lines, line);) {
+    const nlohmann::json j = nlohmann::json::parse(line);
+    EXPECT_EQ(j["made"].get<int>() > 0, j["path"] == a + "/added.jpg") << line;
+  }
 }
 
 }  // namespace
