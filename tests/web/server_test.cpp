@@ -114,7 +114,12 @@ TEST_P(FcgiTest, WorkersCrashingMidRequestAnswer503AreReplacedAndMemoryStaysFlat
   ASSERT_EQ(first.size(), 2u);
   int cut = 0;
   std::thread slow([&] { cut = Http(port_, "GET", "/thumb?path=album/p%201.jpg&w=1000&h=999").status; });
-  usleep(200000);
+  // Mid-request: a worker has started the request's own process.
+  EXPECT_TRUE(test::WaitFor([&] {
+    return std::any_of(first.begin(), first.end(), [](int pid) {
+      return !test::ReadFile("/proc/" + std::to_string(pid) + "/task/" + std::to_string(pid) + "/children").empty();
+    });
+  }, 30));
   for (int pid : first) kill(pid, SIGSEGV);
   slow.join();
   EXPECT_TRUE(cut == 503 || cut == 200) << cut;  // the worker's last word or, had it finished first, the thumbnail
