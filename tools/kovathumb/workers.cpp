@@ -191,6 +191,20 @@ size_t DefaultJobs() { return static_cast<size_t>(std::max(1L, sysconf(_SC_NPROC
 
 // ---- The pool, in the parent ---------------------------------------------------------
 
+namespace {
+
+// A worker killed mid-file leaves its private work directory, a half-made
+// thumbnail in it, in the file's EA directory: it goes with the worker.
+void SweepAfter(const FileJob& job) {
+  PinnedFile pinned;
+  if (PinBeneath(job.root, job.rel, &pinned) != 0) return;
+  const safe_fs::Fd ea(OpenEADirOf(pinned.Dir(), pinned.Base()));
+  if (ea.valid()) store::SweepAbandonedWork(ea.get());
+}
+
+}  // namespace
+
+
 WorkerPool::WorkerPool(size_t jobs, std::vector<std::string> sizes, int thumbOptions)
     : jobs_(std::max<size_t>(1, jobs)), sizes_(std::move(sizes)), thumbOptions_(thumbOptions) {}
 
@@ -199,6 +213,7 @@ WorkerPool::~WorkerPool() {
     kill(-w.pid, SIGKILL);
     close(w.fd);
     waitpid(w.pid, nullptr, 0);
+    SweepAfter(w.job);
   }
 }
 
@@ -279,6 +294,7 @@ void WorkerPool::Reap(Worker& w, const Done& done) {
   while (waitpid(w.pid, &status, 0) < 0 && errno == EINTR) {
   }
   kill(-w.pid, SIGKILL);  // tools it left behind, if any
+  if (!WIFEXITED(status)) SweepAfter(w.job);
   Json j = Json::parse(w.output, nullptr, false);
   if ((j.is_discarded() || !WIFEXITED(status)) && stopping_) {
     // Stopped by us, not by a fault of the file: a re-run makes it.
