@@ -109,6 +109,15 @@ F src/libkovathumb/store.cpp :: import stores a thumbnail of another type
 F src/thumb_info/thumb_info.cpp :: .heif sources never reach the HEIF probe
 - ext == "heif" || ext == "heic"
 + ext == "heic"
+F src/store/fresh.cpp :: a stored file larger than any thumbnail serves
+- f.size <= 0 || f.size > MaxThumbBytes() ||
++ f.size <= 0 ||
+F src/libkovathumb/destinations.cpp :: before the probe, the first of two fresh turns is taken
+- if (!only.empty()) return false;
++ if (!only.empty()) continue;
+F src/libkovathumb/destinations.cpp :: a stored PNG found before the probe is sent as a JPEG
+- if (served) pinned_->unprobedMime = store::MimeOfExt(n.ext);
++ (void)served;
 F src/store/fresh.cpp :: quality mode serves a stored thumbnail larger than the box
 - f.image.width <= box.width && f.image.height <= box.height;
 + f.image.width <= box.width * 2 && f.image.height <= box.height * 2;

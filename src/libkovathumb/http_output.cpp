@@ -1,6 +1,5 @@
 // Thumb's response: the cache header, then the chosen file through the
 // platform's relay.
-#include <stdlib.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -14,6 +13,7 @@
 #include "kovathumb/thumb.h"
 #include "libkovathumb/pinned.h"
 #include "libkovathumb/thumb_shared.h"
+#include "store/fresh.h"
 #include "thumb_info/thumb_info_access.h"
 #include "util/safe_fs.h"
 
@@ -42,11 +42,7 @@ safe_fs::Fd Turned(const ThumbInfo& info, const std::string& stored) {
 
 }  // namespace
 
-long long MaxThumbBytes() {
-  const char* v = getenv("KOVATHUMB_MAX_THUMB_BYTES");
-  const long long n = v != nullptr ? atoll(v) : 0;
-  return n > 0 ? n : 16LL << 20;
-}
+long long MaxThumbBytes() { return store::MaxThumbBytes(); }
 
 bool Thumb::HttpOutputFile(const std::string& mime) {
   // First and unconditionally, and flushed: the relay writes after it.
@@ -72,7 +68,7 @@ bool Thumb::Answer(ThumbAnswer* answer) {
   if (outputFile_.empty()) return false;
   Pinned& p = *pinned_;
   answer->source = outputFile_ == path_;
-  answer->mime = info_.GetOutputMimeType();
+  answer->mime = GetOutputMimeType();
   answer->name = internal::BaseName(outputFile_);
   answer->cache = kCache;
   answer->remove = needDelete_;
