@@ -188,6 +188,10 @@ TEST_F(SandboxRootTest, HostileToolsGetNothingThroughAnyFrontEnd) {
   test::MakeImage(t_.mine + "/pic.png", 900, 600);
   test::MustSh("ffmpeg -v quiet -f lavfi -i testsrc=size=320x240:rate=5 -t 1 " + Quote(t_.mine + "/clip.mp4"));
   test::WriteFile(t_.mine + "/raw.dng", test::MakeDng(256, 192, "", 0, 0), 0644);
+  // The gallery's stored thumbnail, which jpegtran turns for the user.
+  test::MakePhoto(t_.mine + "/gallery.jpg", 64, 48);
+  test::MustSh("mkdir -p " + Quote(t_.mine + "/.kovaea/gallery.jpg"));
+  test::MakeImage(t_.mine + "/.kovaea/gallery.jpg/KOVAPHOTO_THUMB_B.jpg", 64, 48);
   test::MustSh("chown -R 65534:65534 " + Quote(t_.mine));
   const std::string script =
       "t=$(basename \"$0\"); r=\n"
@@ -223,6 +227,8 @@ TEST_F(SandboxRootTest, HostileToolsGetNothingThroughAnyFrontEnd) {
     }
     frontEnds.push_back(f);
   }
+  frontEnds.push_back({"gallery turned by the user", {env + "REQUEST_METHOD=GET KOVATHUMB_ROOT=" + Quote(tree) +
+                       " QUERY_STRING='path=alice/gallery.jpg&size=big&app=pictavo&rotate=1' " KOVATHUMB_CGI_BIN}, {"jpegtran"}});
   frontEnds.push_back({"index",
                        {env + KOVATHUMB_CLI " index --no-progress --sizes big " + Quote(tree),
                         env + KOVATHUMB_CLI " index --no-progress --quality --sizes big " + Quote(tree)},
