@@ -284,6 +284,29 @@ TEST_F(SandboxRootTest, TheProbeReadsWithoutRootUnderTheFilter) {
   }
 }
 
+// The programs as root with a stand-in exploit preloaded (support/
+// read_spy.cpp): every process that read the source past its magic number,
+// and there must be one, is another account's, without capabilities, under
+// no_new_privs and the filter. The sandbox's children are forks: they carry it.
+TEST_F(SandboxRootTest, APreloadedExploitReadsTheSourceOnlyUnprivileged) {
+  const std::string jpg = t_.mine + "/spy.jpg", jxl = t_.mine + "/spy.jxl", err = t_.top / "spy.err";
+  test::MakePhoto(jpg, 1600, 1200, 6);
+  test::MustSh("cjxl -q 90 " + Quote(jpg) + " " + Quote(jxl) + " >/dev/null 2>&1");
+  for (const auto& [source, command] : {std::pair(jpg, "get --dossiva big"), {jpg, "get --quality big"},
+                                        {jxl, "get --quality big"}, {jpg, "index --no-progress --sizes big"}}) {
+    const std::string target = std::string(command).find("index") == 0 ? t_.mine : source;
+    // Sanitized builds: the preloaded module comes before their runtime.
+    test::Sh("rm -rf " + Quote(t_.mine + "/.kovaea") +
+             "; ASAN_OPTIONS=${ASAN_OPTIONS:+$ASAN_OPTIONS:}verify_asan_link_order=0 KOVATHUMB_LOG_STDERR=1 "
+             "LD_PRELOAD=" KOVATHUMB_READ_SPY " KT_SPY_SOURCE=" + Quote(source) + " " KOVATHUMB_CLI " " + command + " " +
+             Quote(target) + " >/dev/null 2>" + Quote(err));
+    const std::string spied = "grep -a 'kt-spy:' " + Quote(err);
+    EXPECT_NE(test::Capture(spied), "") << command << " " << source;
+    EXPECT_EQ(test::Capture(spied + " | grep -Evx 'kt-spy: uid=[1-9][0-9]* euid=[1-9][0-9]* capeff=0 nnp=1 seccomp=2'"), "")
+        << command << " " << source;
+  }
+}
+
 // What a child may answer is checked field by field; and the descriptors a
 // tool's arguments name are found wherever the argument puts them.
 TEST(SandboxAnswerTest, MalformedAnswersAndPinnedArguments) {
