@@ -161,8 +161,8 @@ F tools/fcgi/responder.cpp :: the hand-over copy starts two bytes late
 - off_t offset = 0;
 + off_t offset = 2;
 F tools/fcgi/responder.cpp :: a hand-over copy of another length is handed again
-- S_ISREG(st.st_mode) && st.st_size == before.st_size) {
-+ S_ISREG(st.st_mode)) {
+- S_ISREG(st.st_mode) && st.st_size == before.st_size;
++ S_ISREG(st.st_mode);
 F src/store/ea.cpp :: prune and watch follow a link planted in an EA directory
 - kPathFlags = O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
 + kPathFlags = O_PATH | O_DIRECTORY | O_CLOEXEC;
