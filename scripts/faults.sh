@@ -115,6 +115,9 @@ F src/store/fresh.cpp :: a stored file larger than any thumbnail serves
 F src/libkovathumb/destinations.cpp :: before the probe, the first of two fresh turns is taken
 - if (!only.empty()) return false;
 + if (!only.empty()) continue;
+F src/libkovathumb/destinations.cpp :: before the probe, a HEIF takes the other behaviour's turn
+- if (type != "jpeg" && type != "png" && type != "gif" && type != "bmp" && type != "tiff") return false;
++ if (type.empty()) return false;
 F src/libkovathumb/destinations.cpp :: a stored PNG found before the probe is sent as a JPEG
 - if (served) pinned_->unprobedMime = store::MimeOfExt(n.ext);
 + (void)served;

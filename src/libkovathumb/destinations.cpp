@@ -78,7 +78,8 @@ bool Thumb::SetOutStored(const std::string& name, bool needEAPath, bool conditio
 // source as it still is (the freshness rule's premise), and it is the
 // answer. None, or two (the source rewritten, a name planted), and the
 // probe decides as ever. Boxes (custom sizes, avatars) take the source's
-// size into their names: those always probe.
+// size into their names: those always probe, as do the types whose facts
+// depend on the behaviour (a thumbnail the other stored is no evidence).
 bool Thumb::SetOutStoredUnprobed() {
   const int* source = internal::ThumbInfoAccess::SourceFd(info_);
   const store::SizeRow* row = store::FindSize(info_.GetSize());
@@ -88,6 +89,9 @@ bool Thumb::SetOutStoredUnprobed() {
   char head[16];
   const ssize_t got = pread(*source, head, sizeof head, 0);
   const std::string type = store::SniffType(std::string(head, got > 0 ? static_cast<size_t>(got) : 0));
+  // Types both behaviours probe alike; a HEIF's turn, and whether the
+  // newer types are read at all, differ between them.
+  if (type != "jpeg" && type != "png" && type != "gif" && type != "bmp" && type != "tiff") return false;
   const std::string mime = type == "png" ? kMimePng : type == "gif" ? kMimeGif : std::string();
   store::StoredName n;
   n.letter = row->letter;
