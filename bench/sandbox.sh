@@ -18,6 +18,9 @@ cd "$d"
 for i in $(seq 8); do [ -s "batch/p$i.jpg" ] || convert -size 4000x3000 plasma:fractal +noise Gaussian "batch/p$i.jpg"; done
 t() { local s; s=$(date +%s%N); "$@" >/dev/null 2>&1 || true; echo $(( ($(date +%s%N) - s) / 100000 )); }
 med() { sort -n | awk '{a[NR]=$1} END {printf "%.1f", a[int((NR+1)/2)]/10}'; }
+# CPU time (user + system, children included) in tenths of ms: what a
+# shared machine's other loads disturb least.
+c() { local TIMEFORMAT='%3U %3S' r; r=$( { time "$@" >/dev/null 2>&1; } 2>&1 ) || true; echo "$r" | awk '{printf "%d\n", ($1 + $2) * 10000}'; }
 for b in build build-nosbx; do
   K=$top/$b/tools/kovathumb
   big=$(for _ in $(seq "$R"); do rm -rf .kovaea; t "$K" get big big.jpg; done | med)
@@ -28,7 +31,10 @@ for b in build build-nosbx; do
   "$K" get --dossiva 640x640 big6.jpg >/dev/null 2>&1
   boxhit=$(for _ in $(seq $((R * 3))); do t "$K" get --dossiva 640x640 big6.jpg; done | med)
   idx=$(for _ in 1 2; do rm -rf batch/.kovaea; t "$K" index --appliance --no-progress -j 2 --sizes big batch; done | med)
-  echo "$b: big $big, big turned $big6, hit $hit, hit of a box (probes) $boxhit, index of 8 $idx"
+  hitc=$(for _ in $(seq $((R * 3))); do c "$K" get --dossiva big big6.jpg; done | med)
+  idxc=$(for _ in 1 2; do rm -rf batch/.kovaea; c "$K" index --appliance --no-progress -j 2 --sizes big batch; done | med)
+  echo "$b: big $big, big turned $big6, hit $hit, hit of a box (probes) $boxhit, index of 8 $idx;" \
+    "CPU: hit $hitc, index of 8 $idxc"
 done
 K=$top/build/tools/kovathumb
 argv=$("$K" convert djpeg --size big big.jpg probe.bmp | sed 's/.*"argv":\[\(.*\)\],"scale".*/\1/; s/"//g; s/,/ /g')
@@ -40,7 +46,8 @@ pipe=$(for _ in $(seq "$R"); do t /usr/bin/djpeg "${dj[@]}" pipe.bmp big.jpg; do
 pipe6=$(for _ in $(seq "$R"); do t sh -c "/usr/bin/djpeg ${dj[*]} pipe.bmp big6.jpg && convert -strip -colorspace sRGB 'pipe.bmp[0]' -thumbnail 480x640 -rotate 90 -rotate 0 pipe.jpg"; done | med)
 stored=.kovaea/big6.jpg/KOVAFILE_THUMB_B_r1.jpg  # the hit's
 cat=$(for _ in $(seq $((R * 3))); do t cat "$stored"; done | med)
-echo "bare: djpeg $pipe, djpeg + convert $pipe6, cat $cat"
+catc=$(for _ in $(seq $((R * 3))); do c cat "$stored"; done | med)
+echo "bare: djpeg $pipe, djpeg + convert $pipe6, cat $cat; CPU: cat $catc"
 [ "$L" -gt 0 ] || exit 0
 for b in build build-nosbx; do
   KOVATHUMB_FCGI=$top/$b/tools/kovathumb-fcgi KOVATHUMB_CGI=$top/$b/tools/kovathumb-cgi "$top/scripts/load.sh" "$L" |
