@@ -7,7 +7,6 @@
 #include <linux/capability.h>
 #include <stdio.h>
 #include <stdlib.h>
-#include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -65,12 +64,5 @@ size_t fread(void* buf, size_t size, size_t count, FILE* f) {
   Check(fileno(f), ftello(f) + static_cast<long long>(size * count));
   return Real<size_t (*)(void*, size_t, size_t, FILE*)>("fread")(buf, size, count, f);
 }
-
-void* mmap64(void* addr, size_t n, int prot, int flags, int fd, off_t at) {
-  if (fd >= 0) Check(fd, at + static_cast<long long>(n));
-  return Real<void* (*)(void*, size_t, int, int, int, off_t)>("mmap64")(addr, n, prot, flags, fd, at);
-}
-
-void* mmap(void* addr, size_t n, int prot, int flags, int fd, off_t at) { return mmap64(addr, n, prot, flags, fd, at); }
 
 }  // extern "C"
