@@ -109,6 +109,21 @@ F src/libkovathumb/store.cpp :: import stores a thumbnail of another type
 F src/thumb_info/thumb_info.cpp :: .heif sources never reach the HEIF probe
 - ext == "heif" || ext == "heic"
 + ext == "heic"
+F src/store/fresh.cpp :: a stored file larger than any thumbnail serves
+- f.size <= 0 || f.size > MaxThumbBytes() ||
++ f.size <= 0 ||
+F src/libkovathumb/destinations.cpp :: before the probe, the first of two fresh turns is taken
+- if (!only.empty()) return false;
++ if (!only.empty()) continue;
+F src/libkovathumb/destinations.cpp :: before the probe, a HEIF takes the other behaviour's turn
+- if (type != "jpeg" && type != "png" && type != "gif" && type != "bmp" && type != "tiff") return false;
++ if (type.empty()) return false;
+F src/libkovathumb/destinations.cpp :: a stored PNG found before the probe is sent as a JPEG
+- if (served) pinned_->unprobedMime = store::MimeOfExt(n.ext);
++ (void)served;
+F src/libkovathumb/quality.cpp :: quality mode walks the source's JPEG markers as root
+- internal::ScanJpegApart(*fd) : internal::JpegFacts();
++ internal::ScanJpegFd(*fd) : internal::JpegFacts();
 F src/store/fresh.cpp :: quality mode serves a stored thumbnail larger than the box
 - f.image.width <= box.width && f.image.height <= box.height;
 + f.image.width <= box.width * 2 && f.image.height <= box.height * 2;
@@ -149,8 +164,8 @@ F tools/fcgi/responder.cpp :: the hand-over copy starts two bytes late
 - off_t offset = 0;
 + off_t offset = 2;
 F tools/fcgi/responder.cpp :: a hand-over copy of another length is handed again
-- S_ISREG(st.st_mode) && st.st_size == before.st_size) {
-+ S_ISREG(st.st_mode)) {
+- S_ISREG(st.st_mode) && st.st_size == before.st_size;
++ S_ISREG(st.st_mode);
 F src/store/ea.cpp :: prune and watch follow a link planted in an EA directory
 - kPathFlags = O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
 + kPathFlags = O_PATH | O_DIRECTORY | O_CLOEXEC;

@@ -150,8 +150,9 @@ class KOVATHUMB_EXPORT JpegTranCmd : public ThumbConvertCmd {
   JpegTranCmd(ThumbInfo info, const std::string& src, const std::string& dst, bool userRotateOnly);
   ~JpegTranCmd();
   bool exec() override;
-  // The rotated JPEG as a read stream, or null; the caller closes it with
-  // KLIBCPclose.
+  // The rotated JPEG as a read stream from its start, or null when the
+  // tool failed or wrote more than 4 × MaxThumbBytes(); made whole before
+  // it is returned. The caller closes it with fclose.
   virtual FILE* popen();
 
  private:

@@ -247,6 +247,9 @@ class KOVATHUMB_EXPORT Thumb {
   // store, take them, or the probe's Error, as found then.
   KOVATHUMB_LOCAL void ProbeFacts();
   KOVATHUMB_LOCAL bool SetOutStored(const std::string& name, bool needEAPath, bool condition, int type);
+  // The stored thumbnail of a named size, found before the source is probed
+  // where only one stored file can be the answer; false to probe.
+  KOVATHUMB_LOCAL bool SetOutStoredUnprobed();
   KOVATHUMB_LOCAL bool Fail();
   struct Pinned;
   KOVATHUMB_LOCAL int EADir(bool make);

@@ -1,7 +1,10 @@
+#include <sys/mman.h>
+#include <unistd.h>
+
 #include <string>
 
-#include "kovaplatform/kovaplatform.h"
 #include "kovathumb/convert_cmd.h"
+#include "kovathumb/thumb.h"
 #include "sandbox/sandbox.h"
 #include "thumb_info/decisions.h"
 
@@ -26,6 +29,17 @@ JpegTranCmd::~JpegTranCmd() = default;
 
 bool JpegTranCmd::exec() { return sandbox::RunTool(kJpegtran.c_str(), argv.data()); }
 
-FILE* JpegTranCmd::popen() { return KLIBCPopenv(kJpegtran.c_str(), "r", argv.data()); }
+FILE* JpegTranCmd::popen() {
+  // jpegtran parses the file: it runs in the sandbox, and what it writes is
+  // kept in memory, bounded, until it has ended well.
+  const int out = memfd_create("kovathumb-jpegtran", MFD_CLOEXEC);
+  if (out < 0) return nullptr;
+  FILE* stream = sandbox::RunTool(kJpegtran.c_str(), argv.data(), out, -1, 4 * MaxThumbBytes()) &&
+                         lseek(out, 0, SEEK_SET) == 0
+                     ? fdopen(out, "r")
+                     : nullptr;
+  if (stream == nullptr) close(out);
+  return stream;
+}
 
 }  // namespace kovathumb

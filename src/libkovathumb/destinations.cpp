@@ -16,6 +16,8 @@
 #include "libkovathumb/store_rules.h"
 #include "libkovathumb/thumb_shared.h"
 #include "store/fresh.h"
+#include "store/image_facts.h"
+#include "store/names.h"
 #include "thumb_info/decisions.h"
 #include "thumb_info/thumb_info_access.h"
 #include "util/ea_dir.h"
@@ -57,20 +59,63 @@ bool Thumb::SetOutStored(const std::string& name, bool needEAPath, bool conditio
   const std::string path = file::GetEAPath(path_, name);
   if (needEAPath && path.empty()) return Fail();
   if (path.empty() || !condition) return Fail();
-  // The store's one rule decides, on the very file that is then sent; a file
-  // larger than any thumbnail is none.
+  // The store's one rule decides, on the very file that is then sent.
   const int ea = EADir(false);
   const store::Behaviour behaviour = quality_ ? store::Behaviour::kQuality : store::Behaviour::kAppliance;
   struct stat64 st;
   safe_fs::Fd fd;
-  if (!store::ServesAt(ea, name, internal::ThumbInfoAccess::ProbedMtime(info_), behaviour, &fd, &st) ||
-      st.st_size > MaxThumbBytes()) {
-    return Fail();
-  }
+  if (!store::ServesAt(ea, name, internal::ThumbInfoAccess::ProbedMtime(info_), behaviour, &fd, &st)) return Fail();
   outputFile_ = path;
   pinned_->SetOutput(path, std::move(fd), st);
   outputType_ = type;
   return true;
+}
+
+// A probe is a sandboxed child, the most a stored answer would cost. Of its
+// facts a named size's stored name takes only the type, which the first
+// bytes tell as the probe would, and the orientation's turn: where the
+// store holds one fresh file among the four turns, it was made for this
+// source as it still is (the freshness rule's premise), and it is the
+// answer. None, or two (the source rewritten, a name planted), and the
+// probe decides as ever. Boxes (custom sizes, avatars) take the source's
+// size into their names: those always probe, as do the types whose facts
+// depend on the behaviour (a thumbnail the other stored is no evidence).
+bool Thumb::SetOutStoredUnprobed() {
+  const int* source = internal::ThumbInfoAccess::SourceFd(info_);
+  const store::SizeRow* row = store::FindSize(info_.GetSize());
+  if (isVideo_ || avatar_ || source == nullptr || row == nullptr || *row->letter == '\0' || EADir(false) < 0) {
+    return false;
+  }
+  char head[16];
+  const ssize_t got = pread(*source, head, sizeof head, 0);
+  const std::string type = store::SniffType(std::string(head, got > 0 ? static_cast<size_t>(got) : 0));
+  // Types both behaviours probe alike; a HEIF's turn, and whether the
+  // newer types are read at all, differ between them.
+  if (type != "jpeg" && type != "png" && type != "gif" && type != "bmp" && type != "tiff") return false;
+  const std::string mime = type == "png" ? kMimePng : type == "gif" ? kMimeGif : std::string();
+  store::StoredName n;
+  n.letter = row->letter;
+  n.ext = internal::OutputExtension(mime, info_.GetEnableGIF(), info_.GetCropMode());
+  bool served = false;
+  for (store::Scheme scheme : {store::Scheme::kPictavo, store::Scheme::kPictavoOld}) {
+    n.scheme = scheme;
+    served = served || (wantPictavoEA_ && SetOutStored(store::Build(n), true, true, kThumbOutputPictavo));
+  }
+  if (!served && wantDossivaEA_) {
+    n.scheme = store::Scheme::kDossiva;
+    const store::Behaviour behaviour = quality_ ? store::Behaviour::kQuality : store::Behaviour::kAppliance;
+    std::string only;
+    for (int32_t rotate = 0; rotate < 4; ++rotate) {
+      n.turns = internal::TurnSum(rotate, info_.GetUserRotate()) % 4;
+      const std::string name = store::Build(n);
+      if (!store::ServesAt(EADir(false), name, internal::ThumbInfoAccess::ProbedMtime(info_), behaviour)) continue;
+      if (!only.empty()) return false;
+      only = name;
+    }
+    served = !only.empty() && SetOutStored(only, false, true, kThumbOutputDossiva);
+  }
+  if (served) pinned_->unprobedMime = store::MimeOfExt(n.ext);
+  return served;
 }
 
 bool Thumb::SetOutPictavoEA() {

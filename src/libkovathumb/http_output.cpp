@@ -1,19 +1,19 @@
 // Thumb's response: the cache header, then the chosen file through the
 // platform's relay.
-#include <stdlib.h>
-#include <sys/mman.h>
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdio>
 #include <string>
 #include <utility>
 
-#include "kovaplatform/kovaplatform.h"
 #include "kovaplatform/webfile_relay.h"
 #include "kovathumb/convert_cmd.h"
 #include "kovathumb/thumb.h"
 #include "libkovathumb/pinned.h"
 #include "libkovathumb/thumb_shared.h"
+#include "store/fresh.h"
 #include "thumb_info/thumb_info_access.h"
 #include "util/safe_fs.h"
 
@@ -28,25 +28,18 @@ constexpr char kCache[] = "max-age=300, must-revalidate";
 // writes more than a thumbnail can be.
 safe_fs::Fd Turned(const ThumbInfo& info, const std::string& stored) {
   JpegTranCmd jpegtran(info, stored, "", true);
-  FILE* stream = jpegtran.popen();
-  safe_fs::Fd turned(memfd_create("kovathumb-turned", MFD_CLOEXEC));
-  long long left = MaxThumbBytes();
-  char buf[65536];
-  bool ok = stream != nullptr && turned.valid();
-  for (size_t n; ok && (n = fread(buf, 1, sizeof buf, stream)) > 0; left -= static_cast<long long>(n)) {
-    ok = static_cast<long long>(n) <= left && safe_fs::WriteAll(turned.get(), buf, n);
-  }
-  if (stream != nullptr && KLIBCPclose(stream) != 0) ok = false;
+  FILE* stream = jpegtran.popen();  // made whole, in memory
+  if (stream == nullptr) return safe_fs::Fd();
+  safe_fs::Fd turned(fcntl(fileno(stream), F_DUPFD_CLOEXEC, 0));
+  fclose(stream);
+  struct stat st;
+  const bool ok = turned.valid() && fstat(turned.get(), &st) == 0 && st.st_size <= MaxThumbBytes();
   return ok ? std::move(turned) : safe_fs::Fd();
 }
 
 }  // namespace
 
-long long MaxThumbBytes() {
-  const char* v = getenv("KOVATHUMB_MAX_THUMB_BYTES");
-  const long long n = v != nullptr ? atoll(v) : 0;
-  return n > 0 ? n : 16LL << 20;
-}
+long long MaxThumbBytes() { return store::MaxThumbBytes(); }
 
 bool Thumb::HttpOutputFile(const std::string& mime) {
   // First and unconditionally, and flushed: the relay writes after it.
@@ -72,7 +65,7 @@ bool Thumb::Answer(ThumbAnswer* answer) {
   if (outputFile_.empty()) return false;
   Pinned& p = *pinned_;
   answer->source = outputFile_ == path_;
-  answer->mime = info_.GetOutputMimeType();
+  answer->mime = GetOutputMimeType();
   answer->name = internal::BaseName(outputFile_);
   answer->cache = kCache;
   answer->remove = needDelete_;

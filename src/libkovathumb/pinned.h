@@ -23,6 +23,9 @@ struct Thumb::Pinned {
   struct stat64 outputStat;
   safe_fs::PrivateDir work;
   safe_fs::Fd turned;  // a turned gallery thumbnail of Answer()
+  // The type of a stored thumbnail chosen before the probe (its name's);
+  // "" to take the probe's.
+  std::string unprobedMime;
   // The EA directory's name when this request made it, "" when it was there.
   std::string madeEADir;
 

@@ -83,7 +83,7 @@ bool Thumb::QualityFromRaw() {
   const WorkDir& wd = *owned;
   if (!wd.ok() || !internal::ExtractRawPreview(ToolSource(), wd, "preview")) return Fail();
   const std::string raw = wd.File("preview");
-  const std::string coder = internal::ScanJpegFile(raw).ok ? "jpeg" : "pnm";
+  const std::string coder = internal::ScanJpegApart(raw).ok ? "jpeg" : "pnm";
   return QualityMake({raw, coder, info_.GetRotate(), info_.GetFlop(), info_.GetUserRotate()});
 }
 
@@ -230,7 +230,7 @@ bool Thumb::QualityPiped(const std::vector<std::pair<std::string, ThumbDimension
     if (!info_.IsGood() || fd == nullptr || info_.GetOutputMimeType() != kMimeJpeg) return false;
     source = {*fd, info_.GetMimeType(), info_.GetWidth(), info_.GetHeight(), info_.GetRotate(), info_.GetFlop(),
               info_.GetUserRotate()};
-    const internal::JpegFacts facts = source.mime == kMimeJpeg ? internal::ScanJpegFd(*fd) : internal::JpegFacts();
+    const internal::JpegFacts facts = source.mime == kMimeJpeg ? internal::ScanJpegApart(*fd) : internal::JpegFacts();
     if (!internal::PipelineTakes(source.mime, facts)) return false;
     turns = internal::TurnSum(source.rotate, source.userRotate);
     bool any = false;

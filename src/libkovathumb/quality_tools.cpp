@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -17,6 +18,28 @@
 
 namespace kovathumb {
 namespace internal {
+
+JpegFacts ScanJpegApart(int fd) {
+  sandbox::Spec spec;
+  spec.keep = {fd};
+  spec.limits.wallSeconds = 10;
+  spec.limits.cpuSeconds = 10;
+  std::string reply;
+  int status = -1;
+  const sandbox::Outcome o = sandbox::Run(spec, [fd](int out) {
+    const JpegFacts f = ScanJpegFd(fd);
+    return safe_fs::WriteAll(out, &f, sizeof f) ? 0 : 1;
+  }, &reply, sizeof(JpegFacts), &status);
+  JpegFacts facts;
+  if (o == sandbox::kExited && status == 0 && reply.size() == sizeof facts) memcpy(&facts, reply.data(), sizeof facts);
+  return facts;
+}
+
+JpegFacts ScanJpegApart(const std::string& path) {
+  struct stat64 st;
+  safe_fs::Fd file = safe_fs::OpenRegular(path, &st);
+  return file.valid() ? ScanJpegApart(file.get()) : JpegFacts();
+}
 
 namespace {
 
@@ -46,7 +69,7 @@ bool PipeJpeg(const QualityInput& in, ThumbDimension box, bool crop, const Quali
   safe_fs::Fd fd(open(in.path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
   struct stat64 st;
   if (!fd.valid() || fstat64(fd.get(), &st) != 0 || !S_ISREG(st.st_mode)) return false;
-  const JpegFacts facts = ScanJpegFd(fd.get());
+  const JpegFacts facts = ScanJpegApart(fd.get());
   if (!PipelineTakes(kMimeJpeg, facts)) return false;
   PipelineSource source;
   source = {fd.get(), kMimeJpeg, facts.width, facts.height, in.rotate, in.flop, in.userRotate};
@@ -76,7 +99,7 @@ bool MakeQualityThumb(const QualityInput& in, ThumbDimension box, bool crop, con
   // A plain JPEG: djpeg decodes at the least eighth that still covers the
   // box, much faster than ImageMagick's reader at the same scale.
   JpegFacts facts;
-  if (in.coder == "jpeg") facts = ScanJpegFile(in.path);
+  if (in.coder == "jpeg") facts = ScanJpegApart(in.path);
   const bool plainJpeg = facts.ok && facts.components != 4 && !facts.icc && !gif;
   if (plainJpeg) {
     const ThumbDimension fit = FitInBox(facts.width, facts.height, sensorBox);

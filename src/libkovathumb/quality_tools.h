@@ -68,6 +68,12 @@ class QualityWorkDir {
   safe_fs::PrivateDir dir_;
 };
 
+// A JPEG's frame facts (ScanJpegFd's), read in a sandboxed child: the
+// marker walk is a parser of untrusted bytes too. Not ok when the child
+// failed. The file by descriptor, or by a path we open without following.
+JpegFacts ScanJpegApart(int fd);
+JpegFacts ScanJpegApart(const std::string& path);
+
 // What a thumbnail is made from.
 struct QualityInput {
   std::string path;

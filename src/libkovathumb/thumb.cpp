@@ -129,7 +129,7 @@ int Thumb::Output(int edge) { return Output(edge, edge); }
 
 int Thumb::OutputImpl() {
   if (CalcOutputFile().empty()) return 0;
-  return HttpOutputFile(info_.GetOutputMimeType());
+  return HttpOutputFile(GetOutputMimeType());
 }
 
 std::string Thumb::CalcOutputFile() {
@@ -137,6 +137,7 @@ std::string Thumb::CalcOutputFile() {
   // A preview an earlier request on this object left unused goes; this
   // request's is read if a conversion needs it.
   internal::ThumbInfoAccess::DropPreview(&info_);
+  if (probed_ == 0 && SetOutStoredUnprobed()) return outputFile_;
   ProbeFacts();
   if (info_.GetSize() == kSizeOriginal) {
     if (!info_.IsWebAcceptable()) return std::string();
@@ -207,6 +208,8 @@ std::string Thumb::GetOutputType() {
   }
 }
 
-std::string Thumb::GetOutputMimeType() { return info_.GetOutputMimeType(); }
+std::string Thumb::GetOutputMimeType() {
+  return pinned_->unprobedMime.empty() ? info_.GetOutputMimeType() : pinned_->unprobedMime;
+}
 
 }  // namespace kovathumb

@@ -92,9 +92,10 @@ std::vector<int> PinnedDescriptors(const std::vector<std::string>& args);
 // Starts the tool `path` with `argv` through the platform's launcher inside
 // Run(): descriptors named by pinned paths in argv are visible, directories
 // among them writable. With `out` >= 0 the tool's standard output is copied
-// there; with `err` >= 0 its standard error goes there. True when the tool
-// ran and succeeded.
-bool RunTool(const char* path, const char* const argv[], int out = -1, int err = -1);
+// there, at most `maxOut` bytes of it when that is not negative (more fails
+// the tool); with `err` >= 0 its standard error goes there. True when the
+// tool ran and succeeded.
+bool RunTool(const char* path, const char* const argv[], int out = -1, int err = -1, long long maxOut = -1);
 
 // Runs `body` in an isolated child (see above). `reply` may be null.
 Outcome Run(const Spec& spec, const std::function<int(int replyFd)>& body, std::string* reply,

@@ -22,8 +22,9 @@ namespace sandbox {
 
 namespace {
 
-// Copies the tool's output to `out`; false on an error or when there was none.
-bool Copy(int in, int out) {
+// Copies the tool's output to `out`; false on an error, when there was none
+// or when there was more than `max` bytes (when not negative).
+bool Copy(int in, int out, long long max = -1) {
   char buf[65536];
   size_t total = 0;
   for (;;) {
@@ -31,6 +32,7 @@ bool Copy(int in, int out) {
     if (n < 0 && errno == EINTR) continue;
     if (n < 0) return false;
     if (n == 0) return total > 0;
+    if (max >= 0 && static_cast<long long>(total) + n > max) return false;
     for (ssize_t done = 0; done < n;) {
       const ssize_t w = write(out, buf + done, static_cast<size_t>(n - done));
       if (w < 0 && errno == EINTR) continue;
@@ -172,7 +174,7 @@ std::vector<int> PinnedDescriptors(const std::vector<std::string>& args) {
   return fds;
 }
 
-bool RunTool(const char* path, const char* const argv[], int out, int err) {
+bool RunTool(const char* path, const char* const argv[], int out, int err, long long maxOut) {
   std::vector<std::string> args;
   for (const char* const* a = argv; *a != nullptr; ++a) args.push_back(*a);
   Spec spec;
@@ -201,7 +203,7 @@ bool RunTool(const char* path, const char* const argv[], int out, int err) {
     if (out < 0) return KLIBCExecv(path, argv, 1) == 0 ? 0 : 1;
     FILE* pipe = KLIBCPopenv(path, "r", argv);
     if (pipe == nullptr) return 1;
-    const bool copied = Copy(fileno(pipe), out);
+    const bool copied = Copy(fileno(pipe), out, maxOut);
     return KLIBCPclose(pipe) == 0 && copied ? 0 : 1;
   }, nullptr, 0, &status);
   const bool delivered = plain.Deliver();

@@ -1,5 +1,7 @@
 #include "store/fresh.h"
 
+#include <stdlib.h>
+
 #include <utility>
 
 #include "kovathumb/thumb_const.h"
@@ -7,8 +9,14 @@
 namespace kovathumb {
 namespace store {
 
+long long MaxThumbBytes() {
+  const char* v = getenv("KOVATHUMB_MAX_THUMB_BYTES");
+  const long long n = v != nullptr ? atoll(v) : 0;
+  return n > 0 ? n : 16LL << 20;
+}
+
 bool Serves(const StoredName& name, const StoredFile& f, time_t sourceMtime, Behaviour b) {
-  if (!f.regular || f.size <= 0 || f.mtime < sourceMtime) return false;
+  if (!f.regular || f.size <= 0 || f.size > MaxThumbBytes() || f.mtime < sourceMtime) return false;
   if (b == Behaviour::kAppliance) return true;
   if (f.image.mime != MimeOfExt(name.ext)) return false;
   ThumbDimension box = BoxOf(name);

@@ -29,10 +29,14 @@ struct StoredFile {
   ImageFacts image;  // read only for kQuality
 };
 
-// Pure: whether the file `f` stored under `name` serves a request for a
-// source last modified at `sourceMtime`. A djpeg BMP under a ".jpg" name,
-// or a thumbnail twice its box (the appliance's), serves only the
-// appliance.
+// The most bytes a thumbnail may have (KOVATHUMB_MAX_THUMB_BYTES, else
+// 16 MiB): a larger stored file is none, and nothing larger is sent.
+long long MaxThumbBytes();
+
+// Whether the file `f` stored under `name` serves a request for a source
+// last modified at `sourceMtime`; pure but for the bound above. A djpeg BMP
+// under a ".jpg" name, or a thumbnail twice its box (the appliance's),
+// serves only the appliance.
 bool Serves(const StoredName& name, const StoredFile& f, time_t sourceMtime, Behaviour b);
 
 // The same for `name` in the EA directory open at `ea`. The file judged

@@ -44,6 +44,10 @@ inline int32_t TurnSum(int32_t rotate, int32_t userRotate) {
   return static_cast<int32_t>(static_cast<uint32_t>(rotate) + static_cast<uint32_t>(userRotate));
 }
 
+// The extension thumbnails of a source of type `mime` are stored under:
+// ".gif" (animated, where asked for and not cropped), ".png" or ".jpg".
+std::string OutputExtension(const std::string& mime, bool enableGIF, bool crop);
+
 // "" or "_r<n>" for a total rotation of `sum` quarter turns.
 std::string RotateSuffix(int32_t sum);
 

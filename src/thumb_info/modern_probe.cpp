@@ -3,14 +3,18 @@
 // and CR3 by the formats module's header-only look.
 #include "thumb_info/modern_probe.h"
 
+#include <stdio.h>
 #include <unistd.h>
 
 #include <cstring>
 #include <string>
 
+#include "kovaplatform/kovaplatform.h"
 #include "kovathumb/thumb_info.h"
 #include "quality/decoders.h"
 #include "quality/formats_module.h"
+#include "sandbox/sandbox.h"
+#include "util/safe_fs.h"
 #include "util/log.h"
 
 namespace kovathumb {
@@ -64,12 +68,35 @@ bool ThumbInfo::ProbeModern(bool readFacts) {
     if (heic_) mimeType_ = internal::ModernMime(kind);
     return heic_;
   }
+  // The module is loaded here, where its files are; its header walk reads
+  // the source in a sandboxed child, whose answer is a fixed-size record.
   using Probe = bool (*)(int, KovathumbModernFacts*);
   const Probe probe = reinterpret_cast<Probe>(internal::FormatsModuleSymbol(
       kind == internal::ModernKind::kJxl ? "kovathumb_probe_jxl" : "kovathumb_probe_raw"));
-  KovathumbModernFacts facts;
   if (probe == nullptr) return false;
-  if (!probe(*sourceFd_, &facts)) {
+  const int source = *sourceFd_;
+  sandbox::Spec spec;
+  spec.keep = {source};
+  spec.limits.wallSeconds = 20;
+  spec.limits.cpuSeconds = 20;
+  spec.limits.addressSpace = KOVA_CHILD_ADDRESS_SPACE;
+  std::string reply;
+  int status = -1;
+  const sandbox::Outcome o = sandbox::Run(spec, [&](int fd) {
+    KovathumbModernFacts r{};
+    const bool ok = probe(source, &r);
+    return safe_fs::WriteAll(fd, &ok, sizeof ok) && safe_fs::WriteAll(fd, &r, sizeof r) ? 0 : 1;
+  }, &reply, sizeof(bool) + sizeof(KovathumbModernFacts), &status);
+  KovathumbModernFacts facts{};
+  bool ok = false;
+  if (o == sandbox::kExited && status == 0 && reply.size() == sizeof ok + sizeof facts) {
+    ok = reply[0] == 1;
+    memcpy(&facts, reply.data() + sizeof ok, sizeof facts);
+    facts.message[sizeof facts.message - 1] = '\0';
+  } else {
+    snprintf(facts.message, sizeof facts.message, "the reader stopped");
+  }
+  if (!ok) {
     KT_LOG("%s: %s", path_.c_str(), facts.message);
     return false;
   }

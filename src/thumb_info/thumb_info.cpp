@@ -24,6 +24,16 @@
 
 namespace kovathumb {
 
+namespace internal {
+
+std::string OutputExtension(const std::string& mime, bool enableGIF, bool crop) {
+  if (mime == kMimeGif && enableGIF && !crop) return ".gif";
+  if (mime == kMimePng) return ".png";
+  return ".jpg";
+}
+
+}  // namespace internal
+
 namespace {
 
 // Exiv2's "unknown image type" and "cannot open the data source".
@@ -149,15 +159,11 @@ void ThumbInfo::SetCropMode(bool crop) { cropMode_ = crop; }
 void ThumbInfo::SetQuality(bool quality) { quality_ = quality; }
 
 std::string ThumbInfo::GetOutputMimeType() const {
-  if (mimeType_ == kMimeGif && enableGIF_ && !cropMode_) return kMimeGif;
-  if (mimeType_ == kMimePng) return kMimePng;
-  return kMimeJpeg;
+  return store::MimeOfExt(GetOutputExtension());
 }
 
 std::string ThumbInfo::GetOutputExtension() const {
-  if (mimeType_ == kMimeGif && enableGIF_ && !cropMode_) return ".gif";
-  if (mimeType_ == kMimePng) return ".png";
-  return ".jpg";
+  return internal::OutputExtension(mimeType_, enableGIF_, cropMode_);
 }
 
 ThumbDimension ThumbInfo::GetTargetDimension() const {

@@ -84,6 +84,23 @@ TEST_F(ThumbTest, UpToDateStoredThumbnailsAreServedWithoutConversion) {
     const std::string small = Store("KOVAFILE_THUMB_S.jpg", w, w * 3 / 4);
     EXPECT_EQ(Thumb(src_, kThumbOptQuality | 2 | 4, false).CalcOutputFile("small") == small, served) << w;
   }
+  // Larger than any thumbnail may be: none.
+  Store("KOVAFILE_THUMB_B.jpg", 64, 48);
+  setenv("KOVATHUMB_MAX_THUMB_BYTES", "100", 1);
+  EXPECT_EQ(Thumb(src_, 2 | 4, false).CalcOutputFile("big"), "");
+  unsetenv("KOVATHUMB_MAX_THUMB_BYTES");
+  // Found before the probe: of two fresh turns the probe picks the source's
+  // (orientation 6: "_r1"); the type sent is the name's.
+  test::MakePhoto(dir_ / "six.jpg", 1600, 1200, 6);
+  test::MakeImage(dir_ / "pic.png", 800, 600);
+  const std::string six = dir_.path() + "/.kovaea/six.jpg/", png = dir_.path() + "/.kovaea/pic.png/";
+  test::MustSh("mkdir -p " + Quote(six) + " " + Quote(png));
+  for (const char* name : {"KOVAFILE_THUMB_B.jpg", "KOVAFILE_THUMB_B_r1.jpg"}) test::MakeImage(six + name, 64, 48);
+  test::MakeImage(png + "KOVAFILE_THUMB_B.png", 64, 48);
+  EXPECT_EQ(Thumb(dir_ / "six.jpg", 2 | 4, false).CalcOutputFile("big"), six + "KOVAFILE_THUMB_B_r1.jpg");
+  Thumb pic(dir_ / "pic.png", 2 | 4, false);
+  EXPECT_EQ(Output(pic, "big").headers["content-type"], "image/png");
+  EXPECT_EQ(pic.GetOutputFile(), png + "KOVAFILE_THUMB_B.png");
   EXPECT_THROW(Thumb(src_, 2 | 4, false).Output("huge"), std::out_of_range);
 }
 

@@ -188,6 +188,10 @@ TEST_F(SandboxRootTest, HostileToolsGetNothingThroughAnyFrontEnd) {
   test::MakeImage(t_.mine + "/pic.png", 900, 600);
   test::MustSh("ffmpeg -v quiet -f lavfi -i testsrc=size=320x240:rate=5 -t 1 " + Quote(t_.mine + "/clip.mp4"));
   test::WriteFile(t_.mine + "/raw.dng", test::MakeDng(256, 192, "", 0, 0), 0644);
+  // The gallery's stored thumbnail, which jpegtran turns for the user.
+  test::MakePhoto(t_.mine + "/gallery.jpg", 64, 48);
+  test::MustSh("mkdir -p " + Quote(t_.mine + "/.kovaea/gallery.jpg"));
+  test::MakeImage(t_.mine + "/.kovaea/gallery.jpg/KOVAPHOTO_THUMB_B.jpg", 64, 48);
   test::MustSh("chown -R 65534:65534 " + Quote(t_.mine));
   const std::string script =
       "t=$(basename \"$0\"); r=\n"
@@ -223,6 +227,8 @@ TEST_F(SandboxRootTest, HostileToolsGetNothingThroughAnyFrontEnd) {
     }
     frontEnds.push_back(f);
   }
+  frontEnds.push_back({"gallery turned by the user", {env + "REQUEST_METHOD=GET KOVATHUMB_ROOT=" + Quote(tree) +
+                       " QUERY_STRING='path=alice/gallery.jpg&size=big&app=pictavo&rotate=1' " KOVATHUMB_CGI_BIN}, {"jpegtran"}});
   frontEnds.push_back({"index",
                        {env + KOVATHUMB_CLI " index --no-progress --sizes big " + Quote(tree),
                         env + KOVATHUMB_CLI " index --no-progress --quality --sizes big " + Quote(tree)},
@@ -275,6 +281,29 @@ TEST_F(SandboxRootTest, TheProbeReadsWithoutRootUnderTheFilter) {
     const internal::Probed p = internal::ProbeInSandbox(request, 8);
     EXPECT_FALSE(p.failed) << p.text;
     EXPECT_TRUE(p.mime == "image/jpeg" && p.width == 64 && p.height == 48) << p.mime;
+  }
+}
+
+// The programs as root with a stand-in exploit preloaded (support/
+// read_spy.cpp): every process that read the source past its magic number,
+// and there must be one, is another account's, without capabilities, under
+// no_new_privs and the filter. The sandbox's children are forks: they carry it.
+TEST_F(SandboxRootTest, APreloadedExploitReadsTheSourceOnlyUnprivileged) {
+  const std::string jpg = t_.mine + "/spy.jpg", jxl = t_.mine + "/spy.jxl", err = t_.top / "spy.err";
+  test::MakePhoto(jpg, 1600, 1200, 6);
+  test::MustSh("cjxl -q 90 " + Quote(jpg) + " " + Quote(jxl) + " >/dev/null 2>&1");
+  for (const auto& [source, command] : {std::pair(jpg, "get --dossiva big"), {jpg, "get --quality big"},
+                                        {jxl, "get --quality big"}, {jpg, "index --no-progress --sizes big"}}) {
+    const std::string target = std::string(command).find("index") == 0 ? t_.mine : source;
+    // Sanitized builds: the preloaded module comes before their runtime.
+    test::Sh("rm -rf " + Quote(t_.mine + "/.kovaea") +
+             "; ASAN_OPTIONS=${ASAN_OPTIONS:+$ASAN_OPTIONS:}verify_asan_link_order=0 KOVATHUMB_LOG_STDERR=1 "
+             "LD_PRELOAD=" KOVATHUMB_READ_SPY " KT_SPY_SOURCE=" + Quote(source) + " " KOVATHUMB_CLI " " + command + " " +
+             Quote(target) + " >/dev/null 2>" + Quote(err));
+    const std::string spied = "grep -a 'kt-spy:' " + Quote(err);
+    EXPECT_NE(test::Capture(spied), "") << command << " " << source;
+    EXPECT_EQ(test::Capture(spied + " | grep -Evx 'kt-spy: uid=[1-9][0-9]* euid=[1-9][0-9]* capeff=0 nnp=1 seccomp=2'"), "")
+        << command << " " << source;
   }
 }
 

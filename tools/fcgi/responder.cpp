@@ -84,15 +84,17 @@ std::string Handover::Copy(const ThumbAnswer& answer) {
   const struct stat& before = answer.st;  // taken before anything was read
   if (!answer.stored || before.st_size > MaxThumbBytes()) return std::string();
   const std::string name = CopyName(before);
-  const int fd = openat(fd_, name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
-  struct stat st;
-  if (fd >= 0 && fstat(fd, &st) == 0 && S_ISREG(st.st_mode) && st.st_size == before.st_size) {
-    // Handed over again: kept from the sweep for another while.
-    if (time(nullptr) - st.st_mtime > kKeptSeconds / 4) futimens(fd, nullptr);
-    close(fd);
-    return dir_ + "/" + name;
-  }
-  if (fd >= 0) close(fd);
+  // A whole copy under the name, ours or another worker's, is handed over
+  // again, and kept from the sweep for another while.
+  const auto whole = [&] {
+    const int fd = openat(fd_, name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+    struct stat st;
+    const bool is = fd >= 0 && fstat(fd, &st) == 0 && S_ISREG(st.st_mode) && st.st_size == before.st_size;
+    if (is && time(nullptr) - st.st_mtime > kKeptSeconds / 4) futimens(fd, nullptr);
+    if (fd >= 0) close(fd);
+    return is;
+  };
+  if (whole()) return dir_ + "/" + name;
   MakeRoom(before.st_size);
   std::string temp;
   const int to = Unnamed(fd_, &temp);
@@ -107,12 +109,13 @@ std::string Handover::Copy(const ThumbAnswer& answer) {
   struct stat after;
   bool ok = offset == before.st_size && fstat(answer.fd, &after) == 0 && SameFile(before, after);
   if (ok && temp.empty()) {
-    // What holds the name now failed the check above (cut short, say): it
-    // goes. Another worker putting the same file in place meanwhile is fine.
+    // Another worker's whole copy, linked meanwhile, is being sent: it
+    // stays. What fails the check (cut short, say) goes.
     const std::string self = "/proc/self/fd/" + std::to_string(to);
     ok = linkat(AT_FDCWD, self.c_str(), fd_, name.c_str(), AT_SYMLINK_FOLLOW) == 0;
-    if (!ok && errno == EEXIST && unlinkat(fd_, name.c_str(), 0) == 0) {
-      ok = linkat(AT_FDCWD, self.c_str(), fd_, name.c_str(), AT_SYMLINK_FOLLOW) == 0 || errno == EEXIST;
+    if (!ok && errno == EEXIST) {
+      ok = whole() || (unlinkat(fd_, name.c_str(), 0) == 0 &&
+                       (linkat(AT_FDCWD, self.c_str(), fd_, name.c_str(), AT_SYMLINK_FOLLOW) == 0 || errno == EEXIST));
     }
   } else if (ok) {
     ok = renameat(fd_, temp.c_str(), fd_, name.c_str()) == 0;

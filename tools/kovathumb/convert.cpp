@@ -4,7 +4,6 @@
 #include <memory>
 
 #include "subcommands.h"
-#include "kovaplatform/kovaplatform.h"
 #include "kovathumb/convert_cmd.h"
 #include "kovathumb/error.h"
 #include "kovathumb/file.h"
@@ -41,7 +40,7 @@ int RunJpegtranStream(const ThumbInfo& info, const std::string& src) {
       if (fwrite(buf, 1, n, stdout) != n) ok = false;
     }
     fflush(stdout);
-    ok = KLIBCPclose(stream) == 0 && ok;
+    fclose(stream);
   }
   std::cerr << Report(ok, cmd).dump() << std::endl;
   return ok ? kExitOk : kExitFailed;
