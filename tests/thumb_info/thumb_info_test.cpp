@@ -173,7 +173,7 @@ TEST(ThumbInfoTest, UpToDateByWholeSecondsTimesCopiedAndSizeLow32Bits) {
   struct utimbuf t = {1000, 2000};
   utime(src.c_str(), &t);
   ThumbInfo info(src, "big", {640, 640});
-  EXPECT_FALSE(info.IsThumbUptoDate(dir / "missing"));  // older, empty or no file: the rule's table above
+  EXPECT_FALSE(info.IsThumbUptoDate(dir / "missing"));  // older, empty or not regular: the rule's table above
   ASSERT_EQ(info.UpdateAMTime(thumb), 0);
   EXPECT_TRUE(info.IsThumbUptoDate(thumb) && test::Stat(thumb).st_atime == 1000 && test::Stat(thumb).st_mtime == 2000);
   EXPECT_EQ(info.UpdateAMTime(dir / "missing"), -1);
