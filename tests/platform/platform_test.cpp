@@ -84,7 +84,7 @@ bool NoChildren() {
   return waitpid(-1, nullptr, WNOHANG) == -1 && errno == ECHILD;
 }
 
-TEST(ExecTest, ResultsOfExitsSignalsAndMissingPrograms) {
+TEST(ExecTest, ResultsOfExitsSignalsMissingProgramsAndStreams) {
   const char *t[] = {"true", nullptr}, *f[] = {"false", nullptr}, *killed[] = {"sh", "-c", "kill -9 $$", nullptr};
   EXPECT_EQ(std::vector<int>({KLIBCExecv("/bin/true", t, 1), KLIBCExecv("/bin/false", f, 1), KLIBCExecv("/bin/sh", killed, 1)}),
             std::vector<int>({0, 1, 1}));
@@ -92,6 +92,16 @@ TEST(ExecTest, ResultsOfExitsSignalsAndMissingPrograms) {
   EXPECT_EQ(KLIBCExecl("/bin/sh", 0, "sh", "-c", "test \"$0\" = 'a b'", "a b", nullptr), 0);
   EXPECT_EQ(KLIBCExecv("/bin/true", t, 0), 0);  // detached: reaped by no one of ours
   EXPECT_TRUE(kovathumb::test::WaitFor(NoChildren, 10));
+  EXPECT_EQ(Popen("echo hi; exit 3"), "hi\n1");
+  EXPECT_TRUE(KLIBCPopenv("/no/such/tool", "r", t) == nullptr && KLIBCPopenv("/bin/sh", "w", t) == nullptr);
+  EXPECT_EQ(KLIBCPclose(stdin), -1);
+  // Closing before the child finished writing still reaps it.
+  const char* yes[] = {"yes", nullptr};
+  FILE* y = KLIBCPopenv("/usr/bin/yes", "r", yes);
+  char c;
+  ASSERT_TRUE(y != nullptr && fread(&c, 1, 1, y) == 1u);
+  EXPECT_EQ(KLIBCPclose(y), 1);
+  EXPECT_TRUE(NoChildren());
 }
 
 TEST(ExecTest, ChildSeesNullInputNoDescriptorsOfOursLimitsAndNoStdout) {
@@ -114,20 +124,6 @@ TEST(ExecTest, ChildSeesNullInputNoDescriptorsOfOursLimitsAndNoStdout) {
   }
   wait(nullptr);
   EXPECT_EQ(ReadFile(dir / "out") + "|" + ReadFile(dir / "err"), "|tool output\n");
-}
-
-TEST(ExecTest, PopenStatusAndUnknownStreams) {
-  EXPECT_EQ(Popen("echo hi; exit 3"), "hi\n1");
-  const char* argv[] = {"sh", nullptr};
-  EXPECT_TRUE(KLIBCPopenv("/no/such/tool", "r", argv) == nullptr && KLIBCPopenv("/bin/sh", "w", argv) == nullptr);
-  EXPECT_EQ(KLIBCPclose(stdin), -1);
-  // Closing before the child finished writing still reaps it.
-  const char* yes[] = {"yes", nullptr};
-  FILE* y = KLIBCPopenv("/usr/bin/yes", "r", yes);
-  char c;
-  ASSERT_TRUE(y != nullptr && fread(&c, 1, 1, y) == 1u);
-  EXPECT_EQ(KLIBCPclose(y), 1);
-  EXPECT_TRUE(NoChildren());
 }
 
 class RelayTest : public ::testing::Test {

@@ -47,7 +47,7 @@ class StoreAttackRootTest : public ::testing::Test {
   bool Plant(const std::string& how) {
     const std::string cmd = "cd " + Quote(t_.mine) + " && touch -d @1 photo.jpg && E=.kovaea/photo.jpg S=" +
                             Quote(t_.secret) + " O=" + Quote(outside_) + " && " + how;
-    return AsAttacker([=] { return test::Sh(cmd) == 0; });
+    return ShAsAttacker(cmd);
   }
 
   test::AttackTree t_;
@@ -203,12 +203,13 @@ TEST(ToolAttackRootTest, TemporaryFilesAreCreatedExclusively) {
   const std::string cam = t.mine + "/cam.jpg", head = "/tmp/thumb." + std::to_string(getpid()) + ".";
   test::MakeImage(cam, 1600, 1200, "plasma:");
   test::MakeImage(t.mine + "/cam-thumb.jpg", 160, 120, "xc:blue");
-  test::MustSh("exiv2 -it " + test::Quote(cam));
+  test::MustSh("exiv2 -it " + test::Quote(cam) + " && touch -m -d @67890 " + test::Quote(cam));
   ASSERT_TRUE(AsAttacker([&] {
     return Links(head, ".1804289383.jpg", t.secret) && Links(head, ".846930886.jpg", t.secret);
   }));
   const std::string preview = Probe(cam, true).GetEXIFPreviewTmpPath();
   EXPECT_EQ(test::ImageSize(preview), std::make_pair(160u, 120u));
+  EXPECT_EQ(test::Stat(preview).st_mtime, 67890);  // the source's time
   unlink(preview.c_str());
   for (const char* r : {".1804289383.jpg", ".846930886.jpg"}) Links(head, r, "", false);
   // dcraw's preview goes beside dst; a link there is not written through.

@@ -13,6 +13,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <sstream>
 
@@ -108,12 +109,10 @@ class ProgramAttackRootTest : public ::testing::Test {
     test::MustSh("cp -p " + Quote(t_.secret) + " " + Quote(sibling_ + "/p.jpg"));
     test::MakePhoto(t_.mine + "/keep.jpg", 1200, 900);
     ASSERT_EQ(chown((t_.mine + "/keep.jpg").c_str(), test::kAttackerId, test::kAttackerId), 0);
-    const std::string m = t_.mine, secret = t_.secret, sibling = sibling_, top = t_.top.path();
-    ASSERT_TRUE(test::AsAttacker([=] {
-      return test::Sh("cd " + Quote(m) + " && ln -s " + Quote(secret) + " out.jpg && ln -s " + Quote(sibling) + " sib && ln -s " +
-                      Quote(top) + " up && ln -s keep.jpg in.jpg && ln keep.jpg p.jpg && ln -s " + Quote(secret) +
-                      " x.jpg && mkdir d && ln keep.jpg d/p.jpg && ln -s " + Quote(sibling) + " x && ln -s d inside") == 0;
-    }));
+    ASSERT_TRUE(test::ShAsAttacker("cd " + Quote(t_.mine) + " && ln -s " + Quote(t_.secret) + " out.jpg && ln -s " + Quote(sibling_) +
+                                   " sib && ln -s " + Quote(t_.top.path()) + " up && ln -s keep.jpg in.jpg && ln keep.jpg p.jpg && ln -s " +
+                                   Quote(t_.secret) + " x.jpg && mkdir d && ln keep.jpg d/p.jpg && ln -s " + Quote(sibling_) +
+                                   " x && ln -s d inside"));
   }
   // Nothing outside the tree gained an EA directory or changed.
   void ExpectOutsideUntouched() {
@@ -126,11 +125,8 @@ class ProgramAttackRootTest : public ::testing::Test {
 
 TEST_F(ProgramAttackRootTest, LinksInRequestPathsAndListsAreRefused) {
   // A stored thumbnail's name planted as a link to the secret.
-  const std::string m = t_.mine, secret = t_.secret;
-  ASSERT_TRUE(test::AsAttacker([=] {
-    return test::Sh("mkdir -p " + Quote(m + "/.kovaea/keep.jpg") + " && ln -s " + Quote(secret) + " " +
-                    Quote(m + "/.kovaea/keep.jpg/KOVAFILE_THUMB_S.jpg")) == 0;
-  }));
+  ASSERT_TRUE(test::ShAsAttacker("cd " + Quote(t_.mine) + " && mkdir -p .kovaea/keep.jpg && ln -s " + Quote(t_.secret) +
+                                 " .kovaea/keep.jpg/KOVAFILE_THUMB_S.jpg"));
   EXPECT_EQ(Cgi(t_.tree, "path=alice/keep.jpg&size=small").status, 200);
   const std::string sendfile = t_.top / "sendfile";
   ASSERT_EQ(mkdir(sendfile.c_str(), 0700), 0);
@@ -233,12 +229,10 @@ TEST_F(ProgramAttackRootTest, SwappingLinksIntoPlaceDuringRequestsNeverReachesOu
 }
 
 TEST_F(ProgramAttackRootTest, IndexWithLinksAndSwappedFoldersStaysInTheTree) {
-  const std::string m = t_.mine, secret = t_.secret, sibling = sibling_;
+  const std::string m = t_.mine;
   // Planted in EA folders: a stored name linked to the secret, an EA folder linked outside.
-  ASSERT_TRUE(test::AsAttacker([=] {
-    return test::Sh("cd " + Quote(m) + " && mkdir -p .kovaea/keep.jpg && ln -s " + Quote(secret) +
-                    " .kovaea/keep.jpg/KOVAFILE_THUMB_B.jpg && ln -s " + Quote(sibling) + " .kovaea/p.jpg") == 0;
-  }));
+  ASSERT_TRUE(test::ShAsAttacker("cd " + Quote(m) + " && mkdir -p .kovaea/keep.jpg && ln -s " + Quote(t_.secret) +
+                                 " .kovaea/keep.jpg/KOVAFILE_THUMB_B.jpg && ln -s " + Quote(sibling_) + " .kovaea/p.jpg"));
   test::AttackerLoop swapper([m] { Exchange(m + "/d", m + "/x"); });
   test::Sh(KOVATHUMB_CLI " index --no-progress -j 2 --sizes small,big " + Quote(t_.tree) + " >/dev/null");
   EXPECT_GT(swapper.Rounds(), 0);
@@ -281,10 +275,9 @@ TEST_F(ProgramAttackRootTest, VideosThatNameOtherFilesAreRefused) {
   }));
   const auto reported = [&] {
     const std::string lines = test::ReadFile(out);
-    for (const auto& p : planted) {
-      if (lines.find("/alice/" + p.first + "\"") == std::string::npos) return false;
-    }
-    return lines.find("/alice/real.mp4\"") != std::string::npos;
+    return lines.find("/alice/real.mp4\"") != std::string::npos &&
+           std::all_of(std::begin(planted), std::end(planted),
+                       [&](const auto& p) { return lines.find("/alice/" + p.first + "\"") != std::string::npos; });
   };
   EXPECT_TRUE(test::WaitFor(reported, 120)) << test::ReadFile(out);
   kill(watch, SIGTERM);
@@ -369,10 +362,9 @@ TEST_F(ProgramAttackRootTest, AChainOfFoldersThousandsDeepIsWalkedToItsLimit) {
     return fd >= 0 && close(fd) == 0;
   }); };
   ASSERT_TRUE(makeChain(chain, 20000, 500));
-  std::string levels;
-  for (int i = 0; i < 500; ++i) levels += "d/";
-  const std::string deep = "alice/chain/" + levels + "deep.jpg";
-  const std::string stored = t_.tree + "/alice/chain/" + levels + ".kovaea/deep.jpg/KOVAFILE_THUMB_S.jpg";
+  const auto levels = [](int n) { std::string s; while (n-- > 0) s += "d/"; return s; };
+  const std::string deep = "alice/chain/" + levels(500) + "deep.jpg";
+  const std::string stored = t_.tree + "/alice/chain/" + levels(500) + ".kovaea/deep.jpg/KOVAFILE_THUMB_S.jpg";
   const std::string said = "1 folder deeper than 1024 levels not entered, the first: ";
   std::string out, err;
   EXPECT_EQ(RunCli("index --no-progress --json --sizes small " + Quote(t_.tree), &out, &err), 0) << err;
@@ -380,9 +372,8 @@ TEST_F(ProgramAttackRootTest, AChainOfFoldersThousandsDeepIsWalkedToItsLimit) {
   EXPECT_NE(err.find(t_.tree + "/alice/chain/d/d/"), std::string::npos) << err;
   EXPECT_NE(out.find("\"too_deep\":1"), std::string::npos) << out;
   EXPECT_TRUE(test::Exists(stored));
-  std::string beyond = chain;
-  for (int i = 0; i < 1500; ++i) beyond += "/d";
-  EXPECT_TRUE(test::Exists(beyond + "/beyond.jpg") && !test::Exists(beyond + "/.kovaea"));
+  const std::string beyond = chain + "/" + levels(1500);
+  EXPECT_TRUE(test::Exists(beyond + "beyond.jpg") && !test::Exists(beyond + ".kovaea"));
   EXPECT_EQ(RunCli("prune " + Quote(t_.tree), &out, &err), 0);
   EXPECT_EQ(Count(err, said), 1) << err;
   EXPECT_TRUE(test::Exists(stored));
@@ -402,9 +393,8 @@ TEST_F(ProgramAttackRootTest, AChainOfFoldersThousandsDeepIsWalkedToItsLimit) {
   // And a chain made while it watches, a photo 600 levels into it.
   ASSERT_TRUE(test::AsAttacker([=] { return mkdir((chain + "/live").c_str(), 0755) == 0; }));
   ASSERT_TRUE(makeChain(chain + "/live", 2000, 600));
-  std::string live = chain + "/live";
-  for (int i = 0; i < 600; ++i) live += "/d";
-  EXPECT_TRUE(test::WaitFor([&] { return test::Exists(live + "/.kovaea/deep.jpg/KOVAFILE_THUMB_S.jpg"); }, 120))
+  const std::string live = chain + "/live/" + levels(600);
+  EXPECT_TRUE(test::WaitFor([&] { return test::Exists(live + ".kovaea/deep.jpg/KOVAFILE_THUMB_S.jpg"); }, 120))
       << test::ReadFile(werr);
   kill(watch, SIGTERM);
   EXPECT_EQ(test::WaitExit(watch), 0);

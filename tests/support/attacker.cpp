@@ -29,6 +29,8 @@ bool AsAttacker(const std::function<bool()>& attack) {
   return pid > 0 && waitpid(pid, &status, 0) == pid && WIFEXITED(status) && WEXITSTATUS(status) == 0;
 }
 
+bool ShAsAttacker(const std::string& command) { return AsAttacker([&] { return Sh(command) == 0; }); }
+
 AttackerLoop::AttackerLoop(const std::function<void()>& step) {
   void* shared = mmap(nullptr, sizeof(long), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
   if (shared == MAP_FAILED) abort();

@@ -14,6 +14,8 @@ constexpr uid_t kAttackerId = 65534;
 
 // Runs `attack` in a child as the attacker; true when it returned true.
 bool AsAttacker(const std::function<bool()>& attack);
+// Runs the shell `command` as the attacker; whether it exited 0.
+bool ShAsAttacker(const std::string& command);
 
 // Repeats `step` as the attacker in a child until destroyed.
 class AttackerLoop {

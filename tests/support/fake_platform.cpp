@@ -63,10 +63,6 @@ void RunHookInTestProcess() {
   for (int i = 0; i < 10000 && Calls()->hookAsked.load() == 1; ++i) usleep(1000);
 }
 
-namespace {
-
-}  // namespace
-
 void Append(const std::vector<std::string>& call) {
   std::string rec;
   for (const std::string& f : call) rec.append(f).push_back('\0');

@@ -140,20 +140,6 @@ TEST_F(ExtractTest, HeicAcceptedOnlyWithExifFirst) {
   }
 }
 
-TEST_F(ExtractTest, EmbeddedPreviewWrittenWhenItFitsTheBox) {
-  const std::string path = dir_ / "cam.jpg";
-  test::MakeImage(path, 1600, 1200, "plasma:");
-  test::MakeImage(dir_ / "cam-thumb.jpg", 160, 120, "xc:blue");
-  test::MustSh("exiv2 -it " + Quote(path) + " && touch -m -d @67890 " + Quote(path));
-  const std::string preview = Probe(path, true, "small", {120, 120}).GetEXIFPreviewTmpPath();
-  EXPECT_EQ(preview.substr(preview.size() - 4), ".jpg");
-  EXPECT_EQ(test::ImageSize(preview), std::make_pair(160u, 120u));
-  EXPECT_EQ(test::Stat(preview).st_mtime, 67890);  // the source's time
-  unlink(preview.c_str());
-  EXPECT_EQ(Probe(path, true).GetEXIFPreviewTmpPath(), "");  // 160x120 is too small for 640x640
-  EXPECT_EQ(Probe(path, false, "small", {120, 120}).GetEXIFPreviewTmpPath(), "");
-}
-
 // Raw files laid out as cameras lay them out: a small thumbnail first, the
 // raw image in a SubIFD.
 TEST_F(ExtractTest, CameraDngProbesTheRawAndStoredThumbnailsFitTheirBoxes) {

@@ -67,12 +67,16 @@ int Watches(pid_t pid) {
 struct Watching {
   test::TempDir dir;
   const std::string tree = dir / "tree", out = dir / "out.json", err = dir / "err";
-  pid_t pid;
+  pid_t pid = 0;
   explicit Watching(const std::string& args) {
     test::MustSh("mkdir -p " + Quote(tree + "/noise") + " " + Quote(dir / "outside"));
     test::MakeImage(dir / "tiny.png", 100, 75);
+    Start(args, 2);
+  }
+  // Back once it watches `folders` folders.
+  void Start(const std::string& args, int folders) {
     pid = test::StartCli("watch --json --settle 0.3 --sizes small " + args + " " + Quote(tree), out, err);
-    EXPECT_TRUE(test::WaitFor([&] { return Watches(pid) >= 2; }, 60)) << test::ReadFile(err);
+    EXPECT_TRUE(test::WaitFor([&] { return Watches(pid) >= folders; }, 60)) << test::ReadFile(err);
   }
   ~Watching() { if (pid > 0) kill(pid, SIGKILL), test::WaitExit(pid); }
   int Stop() { return kill(pid, SIGTERM), test::WaitExit(std::exchange(pid, 0)); }
@@ -134,18 +138,11 @@ TEST(WatchTest, KeepsThumbnailsInStepWithTheTree) {
 
   // Started again, its catch-up finds the tree in step: one worker, so the
   // photo added after the first look is made after anything caught up.
-  const std::string again = w.dir / "again.json";
-  const pid_t pid = test::StartCli("watch --json -j 1 --settle 0.3 --sizes small " + Quote(t), again, w.err);
-  EXPECT_TRUE(test::WaitFor([&] { return Watches(pid) >= 3; }, 60));  // the tree, "noise" and "f"
+  w.Start("-j 1", 3);  // the tree, "noise" and "f"
   put(t + "/g.png");
-  EXPECT_TRUE(test::WaitFor([&] { return test::ReadFile(again).find("g.png") != std::string::npos; }, 60));
-  kill(pid, SIGTERM);
-  EXPECT_EQ(test::WaitExit(pid), 0);
-  std::istringstream lines(test::ReadFile(again));
-  for (std::string line; std::getline(lines, line);) {
-    const nlohmann::json j = nlohmann::json::parse(line);
-    EXPECT_EQ(j["made"], j["path"] == t + "/g.png" ? 1 : 0) << line;
-  }
+  EXPECT_TRUE(test::WaitFor([&] { return test::ReadFile(w.out).find("g.png") != std::string::npos; }, 60));
+  EXPECT_EQ(w.Stop(), 0);
+  for (const auto& j : w.Lines()) EXPECT_EQ(j["made"], j["path"] == t + "/g.png" ? 1 : 0) << j;
 }
 
 // Small PNGs serve as they are: the cheapest file a worker can have.

@@ -5,8 +5,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <chrono>
-#include <iostream>
 #include <map>
 #include <sstream>
 #include <thread>
@@ -31,11 +29,8 @@ class ServerTest : public ::testing::TestWithParam<const char*> {
  protected:
   void SetUp() override {
     if (test::Sh("command -v lighttpd >/dev/null") != 0) GTEST_SKIP() << "lighttpd is not installed";
-    // photos2 shares the root's name as a prefix, and is outside it.
-    test::MustSh("mkdir -p " + Quote(root_ + "/album") + " " + Quote(root_ + "2"));
+    test::MustSh("mkdir -p " + Quote(root_ + "/album"));
     test::MakePhoto(root_ + "/album/p 1.jpg", 1600, 1200, 6);
-    test::WriteFile(root_ + "2/secret.jpg", "secret");
-    ASSERT_EQ(symlink((root_ + "2/secret.jpg").c_str(), (root_ + "/leak.jpg").c_str()), 0);
     const std::string url = test::Capture(Env() + " " KOVATHUMB_SOURCE_DIR "/scripts/serve.sh start " + Quote(root_) + " 0");
     port_ = std::atoi(url.c_str() + url.rfind(':') + 1);
     ASSERT_GT(port_, 0) << url;
@@ -83,16 +78,12 @@ TEST_P(ServerTest, AnswersThumbnailsAndRefusesWhatItMust) {
   EXPECT_EQ(test::ListDir(dir_ / "server/sendfile").size(), GetParam() == std::string("fcgi") ? 2u : 0u);  // small, medium
   test::Response post = Http(port_, "POST", "/thumb?path=album/p%201.jpg&size=small", "Content-Length: 0\r\n");
   EXPECT_EQ(std::to_string(post.status) + " " + post.headers["allow"], "405 GET, HEAD");
-  for (auto c : {std::make_pair("path=leak.jpg&size=small", 403), {"path=../photos2/secret.jpg&size=small", 403},
-                 {"path=album/none.jpg&size=small", 404}, {"path=album/p%201.jpg&size=huge", 400}}) {
-    EXPECT_EQ(Http(port_, "GET", std::string("/thumb?") + c.first).status, c.second) << c.first;
-  }
+  // Which paths are refused is the endpoints' own (ProgramAttackRootTest).
   const int huge = Http(port_, "GET", "/thumb?path=album/p%201.jpg&size=small&pad=" + std::string(100000, 'a')).status;
   EXPECT_TRUE(huge >= 400 && huge < 500) << huge;
   test::Response list = Http(port_, "GET", "/thumb?list=1");
   EXPECT_EQ(list.status, 200);
   EXPECT_NE(list.body.find("\"path\":\"album/p 1.jpg\""), std::string::npos);
-  EXPECT_EQ(list.body.find("leak"), std::string::npos);
   EXPECT_EQ(Http(port_, "GET", "/").status, 200);
   // A source that fails its probe is probed once a request: by the
   // FastCGI worker's look in the store and the conversion after it together.
@@ -130,9 +121,6 @@ TEST_P(FcgiTest, WorkersCrashingMidRequestAnswer503AreReplacedAndMemoryStaysFlat
     return now.size() == 2 && std::none_of(now.begin(), now.end(), [&](int pid) { return std::count(first.begin(), first.end(), pid) > 0; });
   }, 30));
   for (int i = 0; i < 4; ++i) EXPECT_EQ(Http(port_, "GET", "/thumb?path=album/p%201.jpg&size=small").status, 200);
-  const std::vector<int> now = Workers();
-  EXPECT_EQ(now.size(), 2u);
-  for (int pid : now) EXPECT_EQ(std::count(first.begin(), first.end(), pid), 0) << pid;
 
   // 10,000 requests over four connections at a time: stored thumbnails,
   // revalidations and refusals. No worker grows.
@@ -189,10 +177,8 @@ TEST_P(FcgiAttackRootTest, StoredFilesLargerThanAThumbnailAreNeitherSentNorCopie
   const std::string m = mine_;
   for (int i = 0; i < 4; ++i) test::MakePhoto(m + "/a" + std::to_string(i) + ".jpg", 800, 600);
   test::MustSh("chown 65534:65534 " + Quote(m) + "/*.jpg");
-  ASSERT_TRUE(test::AsAttacker([m] {
-    return test::Sh("cd " + Quote(m) + " && for i in 0 1 2 3; do mkdir -p .kovaea/a$i.jpg && truncate -s 96M "
-                    ".kovaea/a$i.jpg/KOVAFILE_THUMB_S.jpg; done") == 0;
-  }));
+  ASSERT_TRUE(test::ShAsAttacker("cd " + Quote(m) + " && for i in 0 1 2 3; do mkdir -p .kovaea/a$i.jpg && truncate -s 96M "
+                                 ".kovaea/a$i.jpg/KOVAFILE_THUMB_S.jpg; done"));
   std::string thumb;
   for (int round = 0; round < 2; ++round) {
     for (int i = 0; i < 4; ++i) {
@@ -202,21 +188,14 @@ TEST_P(FcgiAttackRootTest, StoredFilesLargerThanAThumbnailAreNeitherSentNorCopie
     }
   }
   EXPECT_LT(Bytes(dir_ / "server/sendfile"), 1 << 20);
-  std::cout << "handed over after 8 requests: " << Bytes(dir_ / "server/sendfile") << " bytes; workers hold (KiB):";
-  for (int pid : Workers()) {
-    std::cout << " " << ResidentKiB(pid);
-    EXPECT_LT(ResidentKiB(pid), 16 * 1024) << "worker " << pid;
-  }
-  std::cout << std::endl;
+  for (int pid : Workers()) EXPECT_LT(ResidentKiB(pid), 16 * 1024) << "worker " << pid;
   // The copies handed over take at most four thumbnails' bound together,
   // the oldest going first: eight stored files of 12 KiB, thumbnails
   // bounded at 16 KiB.
   const std::string handover = dir_ / "handover";
   ASSERT_EQ(mkdir(handover.c_str(), 0700), 0);
-  ASSERT_TRUE(test::AsAttacker([m] {
-    return test::Sh("cd " + Quote(m) + " && for i in 0 1 2 3; do for s in M B; do head -c 12288 /dev/urandom > "
-                    ".kovaea/a$i.jpg/KOVAFILE_THUMB_$s.jpg; done; done") == 0;
-  }));
+  ASSERT_TRUE(test::ShAsAttacker("cd " + Quote(m) + " && for i in 0 1 2 3; do for s in M B; do head -c 12288 /dev/urandom > "
+                                 ".kovaea/a$i.jpg/KOVAFILE_THUMB_$s.jpg; done; done"));
   for (int i = 0; i < 8; ++i) {
     const std::string name = "a" + std::to_string(i / 2) + ".jpg";
     test::Response r = test::ParseResponse(test::Capture(
@@ -233,11 +212,9 @@ TEST_P(FcgiAttackRootTest, StoredFilesLargerThanAThumbnailAreNeitherSentNorCopie
   test::WriteFile(dir_ / "thumb.jpg", thumb);
   const std::string copy = dir_ / "thumb.jpg";
   for (const char* change : {"cp %s %s", "printf changed | dd of=%2$s bs=1 seek=200 conv=notrunc status=none"}) {
-    ASSERT_TRUE(test::AsAttacker([&] {
-      char command[1024];
-      snprintf(command, sizeof command, change, Quote(copy).c_str(), Quote(stored).c_str());
-      return test::Sh(command) == 0;
-    }));
+    char command[1024];
+    snprintf(command, sizeof command, change, Quote(copy).c_str(), Quote(stored).c_str());
+    ASSERT_TRUE(test::ShAsAttacker(command));
     EXPECT_TRUE(Http(port_, "GET", "/thumb?path=alice/a0.jpg&size=small&quality=0").body == test::ReadFile(stored)) << change;
   }
 }
@@ -268,14 +245,10 @@ TEST_P(FcgiAttackRootTest, ConversionsLeaveAWorkerForStoredAnswersAndErrors) {
         for (std::thread& t : clients) t.join();
       });
       if (!test::WaitFor(entered, 20)) failures |= 1;
-      const auto start = std::chrono::steady_clock::now();
       const test::Response again = Http(port, "GET", stored);
       const test::Response missing = Http(port, "GET", "/thumb?path=album/none.jpg&size=small");
-      const auto took = std::chrono::steady_clock::now() - start;
       // Answered while the conversions still wait at the gate.
       if (again.status != 200 || again.body != before.body || missing.status != 404 || attacker.Rounds() != 0) failures |= 2;
-      std::cout << "stored answer and 404 while converting: "
-                << std::chrono::duration_cast<std::chrono::microseconds>(took).count() / 1000.0 << " ms" << std::endl;
       test::WriteFile(gate, "");
       if (!test::WaitFor([&] { return attacker.Rounds() > 0; }, 20)) failures |= 4;
     }
