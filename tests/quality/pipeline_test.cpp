@@ -196,7 +196,7 @@ TEST_F(JpegCodecTest, DecodesAtTheLeastEighthAsFarAsTheDataGoesWithinItsBound) {
   EXPECT_FALSE(why.empty());
 }
 
-TEST_F(JpegCodecTest, ThousandsOfRepeatedScansAreRefused) {
+TEST_F(JpegCodecTest, ThousandsOfRepeatedScansAreRefusedAndAnEighthReadsOnlyTheDcScan) {
   // A progressive file whose first scan comes 300 times.
   ASSERT_TRUE(WritePpm(dir_ / "p.ppm", Pattern(64, 64, [](uint32_t x, uint32_t y) -> uint8_t { return x ^ y; })));
   test::MustSh("cjpeg -progressive -outfile " + test::Quote(dir_ / "p.jpg") + " " + test::Quote(dir_ / "p.ppm"));
@@ -214,6 +214,16 @@ TEST_F(JpegCodecTest, ThousandsOfRepeatedScansAreRefused) {
   EXPECT_TRUE(DecodeJpeg(Open("p.jpg"), DecodeRequest(), &img, &why)) << why;
   EXPECT_FALSE(DecodeJpeg(Open("bomb.jpg"), DecodeRequest(), &img, &why));
   EXPECT_EQ(why, "more than 100 scans");
+  // At an eighth only the DC scan is read (the repeats after it never are):
+  // the baseline file's picture, within the DC's last bit.
+  test::MustSh("cjpeg -outfile " + test::Quote(dir_ / "b.jpg") + " " + test::Quote(dir_ / "p.ppm"));
+  DecodeRequest eighth;
+  eighth.need = {8, 8};
+  Image base;
+  ASSERT_TRUE(DecodeJpeg(Open("b.jpg"), eighth, &base, &why));
+  ASSERT_TRUE(DecodeJpeg(Open("bomb.jpg"), eighth, &img, &why)) << why;
+  ASSERT_EQ(img.data8.size(), 8u * 8 * 3);
+  for (size_t i = 0; i < img.data8.size(); ++i) ASSERT_NEAR(img.data8[i], base.data8[i], 2) << i;
 }
 
 TEST_F(JpegCodecTest, OneChildMakesEverySizeAndRootTakesOnlyWhatItChecked) {
