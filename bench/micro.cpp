@@ -1,6 +1,9 @@
 // Microbenchmarks of the library's own work. Fixture paths come from the
 // environment: BENCH_JPEG (a large JPEG) and BENCH_HEIC (a HEIC with Exif).
 #include <benchmark/benchmark.h>
+#include <spawn.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -8,6 +11,7 @@
 
 #include "kovathumb/convert_cmd.h"
 #include "kovathumb/thumb_info.h"
+#include "sandbox/sandbox.h"
 #include "thumb_info/decisions.h"
 
 namespace {
@@ -77,12 +81,37 @@ void BM_ArgvComposition(benchmark::State& state) {
   }
 }
 
+// A tool start as the per-photo tool path paid it, /bin/true standing for
+// the tool: in a sandbox child (range 1) or a bare spawn (0). The CPU of the
+// children, per start, is the counter.
+void BM_ToolStart(benchmark::State& state) {
+  const char* const argv[] = {"true", nullptr};
+  const auto cpuMs = [] {
+    rusage r;
+    getrusage(RUSAGE_CHILDREN, &r);
+    return (r.ru_utime.tv_sec + r.ru_stime.tv_sec) * 1e3 + (r.ru_utime.tv_usec + r.ru_stime.tv_usec) / 1e3;
+  };
+  const double before = cpuMs();
+  for (auto _ : state) {
+    if (state.range(0) == 1) {
+      benchmark::DoNotOptimize(kovathumb::sandbox::RunTool("/bin/true", argv));
+    } else {
+      pid_t pid = -1;
+      int status = 0;
+      posix_spawn(&pid, "/bin/true", nullptr, nullptr, const_cast<char* const*>(argv), environ);
+      waitpid(pid, &status, 0);
+    }
+  }
+  state.counters["child_cpu_ms"] = benchmark::Counter(cpuMs() - before, benchmark::Counter::kAvgIterations);
+}
+
 BENCHMARK(BM_ExtractJpeg)->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_ExtractJpegWithPreview)->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_ExtractHeic)->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_NameBuilders);
 BENCHMARK(BM_ChoosePreview);
 BENCHMARK(BM_ArgvComposition);
+BENCHMARK(BM_ToolStart)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(100);
 
 }  // namespace
 

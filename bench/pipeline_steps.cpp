@@ -1,6 +1,7 @@
 // kovathumb_pipeline_steps: CPU time of each step of quality mode's
-// in-process pipeline on one JPEG (decode at the scale the largest size
-// needs, each reduction, each encode), over repeated runs, as one JSON line.
+// in-process pipeline on one JPEG or PNG (decode at the scale the largest
+// size needs, each reduction, each encode: PNGs with their alpha), over
+// repeated runs, as one JSON line.
 //
 //   kovathumb_pipeline_steps FILE [RUNS]
 #include <fcntl.h>
@@ -18,6 +19,7 @@
 #include "quality/decoders.h"
 #include "quality/pipeline.h"
 #include "quality/resample.h"
+#include "store/image_facts.h"
 
 using namespace kovathumb;
 using namespace kovathumb::internal;
@@ -42,20 +44,22 @@ int main(int argc, char** argv) {
   const int dir = open(dirTemplate, O_DIRECTORY | O_RDONLY | O_CLOEXEC);
   const ThumbDimension boxes[] = {{1280, 1280}, {640, 640}, {360, 360}, {120, 120}};
   double decode = 0, resize = 0, encode = 0;
-  uint32_t w = 0, h = 0, dw = 0, dh = 0;
+  uint32_t dw = 0, dh = 0;
+  const store::ImageFacts facts = store::ReadImageFacts(fd);
+  const bool png = facts.mime == kMimePng;
+  const uint32_t w = facts.width, h = facts.height;
   for (int r = 0; r < runs; ++r) {
-    Image img;
     std::string why;
-    DecodeRequest probe;
-    probe.need = {1, 1};
-    if (!DecodeJpeg(fd, probe, &img, &why)) return 1;
-    w = img.width * 8, h = img.height * 8;  // near enough for planning
     DecodeRequest req;
     req.need = PlanThumb(w, h, 0, boxes[0], false).scaled;
     double t = CpuMs();
     Image full;
     Pixels px;
-    if (!DecodeJpeg(fd, req, &full, &why) || !ToSrgb8(std::move(full), &px, &why)) return 1;
+    if (!(png ? DecodePng : DecodeJpeg)(fd, req, &full, &why) || !ToSrgb8(std::move(full), &px, &why, png)) {
+      std::fprintf(stderr, "%s\n", why.c_str());
+      return 1;
+    }
+    Premultiply(&px);
     decode += CpuMs() - t;
     dw = px.width, dh = px.height;
     for (const ThumbDimension& box : boxes) {
@@ -64,10 +68,18 @@ int main(int argc, char** argv) {
       px = Resize(px, plan.scaled.width, plan.scaled.height);
       resize += CpuMs() - t;
       t = CpuMs();
-      const std::string name = std::to_string(box.width) + ".jpg";
+      const std::string name = std::to_string(box.width) + (png ? ".png" : ".jpg");
       unlinkat(dir, name.c_str(), 0);
       uint64_t bytes = 0;
-      if (!EncodeJpeg(px, JpegParamsFor(px.width, px.height), dir, name, &bytes, &why)) return 1;
+      Pixels straight;
+      if (png) {
+        straight = px;
+        Unpremultiply(&straight);
+      }
+      if (!(png ? EncodePng(straight, dir, name, &bytes, &why)
+                : EncodeJpeg(px, JpegParamsFor(px.width, px.height), dir, name, &bytes, &why))) {
+        return 1;
+      }
       encode += CpuMs() - t;
       unlinkat(dir, name.c_str(), 0);
     }

@@ -20,18 +20,18 @@ set(CPACK_DEBIAN_ENABLE_COMPONENT_DEPENDS ON)
 set(_so ${PROJECT_VERSION_MAJOR})
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME libkovathumb${_so})
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
-# The library starts these programs to convert, and links libjpeg-turbo;
-# with its formats module it reads WebP, AVIF/HEIF, JPEG XL and raw files
-# with these libraries. Parsers and tools run as an account of its own.
+# The library starts these programs to convert, and links libjpeg-turbo,
+# libpng and libwebp; with its formats module it reads AVIF/HEIF, JPEG XL
+# and raw files with these libraries. Parsers and tools run as an account of its own.
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_DEPENDS
-    "imagemagick, libjpeg-turbo-progs, dcraw, libwebp7, libwebpdemux2, liblcms2-2, libheif1, libjxl0.7, libraw20, libjpeg62-turbo, libseccomp2, adduser")
+    "imagemagick, libjpeg-turbo-progs, dcraw, libpng16-16, libwebp7, libwebpdemux2, liblcms2-2, libheif1, libjxl0.7, libraw20, libjpeg62-turbo, libseccomp2, adduser")
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA ${CMAKE_CURRENT_SOURCE_DIR}/packaging/debian/runtime/postinst)
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 set(CPACK_COMPONENT_RUNTIME_DESCRIPTION "thumbnail library: shared libraries, HEIF and formats modules")
 
 set(CPACK_DEBIAN_DEV_PACKAGE_NAME libkovathumb-dev)
 set(CPACK_DEBIAN_DEV_PACKAGE_SECTION libdevel)
-set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS "libkovathumb${_so} (= ${PROJECT_VERSION}), libexiv2-dev, libjpeg62-turbo-dev, liblcms2-dev, libwebp-dev, libseccomp-dev, pkg-config")
+set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS "libkovathumb${_so} (= ${PROJECT_VERSION}), libexiv2-dev, libjpeg62-turbo-dev, libpng-dev, liblcms2-dev, libwebp-dev, libseccomp-dev, pkg-config")
 set(CPACK_COMPONENT_DEV_DESCRIPTION "thumbnail library: headers, pkg-config and CMake files")
 
 set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME kovathumb)

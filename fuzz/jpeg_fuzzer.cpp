@@ -1,5 +1,6 @@
-// Fuzzes quality mode's in-process JPEG path: arbitrary bytes decoded at the
-// scale a leading size byte asks for, then reduced and encoded as the
+// Fuzzes quality mode's in-process JPEG path (built as png_fuzzer with
+// KOVATHUMB_FUZZ_PNG: the PNG path, alpha kept): arbitrary bytes decoded at
+// the scale a leading size byte asks for, then reduced and encoded as the
 // pipeline's child does, here in the fuzzer's own process.
 #include <fcntl.h>
 #include <stdint.h>
@@ -19,6 +20,12 @@ using namespace kovathumb::internal;
 
 namespace {
 
+#ifdef KOVATHUMB_FUZZ_PNG
+constexpr bool kPng = true;
+#else
+constexpr bool kPng = false;
+#endif
+
 const std::string& Dir() {
   static const std::string dir = [] {
     const char* tmp = getenv("TMPDIR");  // scripts/fuzz.sh gives a private one
@@ -32,7 +39,7 @@ const std::string& Dir() {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (size < 1) return 0;
-  const std::string path = Dir() + "/src.jpg";
+  const std::string path = Dir() + "/src";
   const int fd = open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
   if (fd < 0) abort();
   if (size > 1 && write(fd, data + 1, size - 1) != static_cast<ssize_t>(size - 1)) abort();
@@ -42,14 +49,19 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   Image image;
   Pixels pixels;
   std::string why;
-  if (DecodeJpeg(fd, request, &image, &why) && ToSrgb8(std::move(image), &pixels, &why)) {
+  if ((kPng ? DecodePng : DecodeJpeg)(fd, request, &image, &why) && ToSrgb8(std::move(image), &pixels, &why, kPng)) {
+    Premultiply(&pixels);
     const ThumbPlan plan = PlanThumb(pixels.width, pixels.height, data[0] & 3, {120, 120}, data[0] & 4);
     Pixels out = CropCentre(Resize(pixels, plan.scaled.width, plan.scaled.height), plan.cut.width, plan.cut.height);
     out = Orient(out, data[0] & 3, data[0] & 8, 0);
+    Unpremultiply(&out);
     const int dir = open(Dir().c_str(), O_DIRECTORY | O_RDONLY | O_CLOEXEC);
     uint64_t bytes = 0;
-    unlinkat(dir, "out.jpg", 0);
-    if (!EncodeJpeg(out, JpegParamsFor(out.width, out.height), dir, "out.jpg", &bytes, &why)) abort();
+    unlinkat(dir, "out", 0);
+    if (!(kPng ? EncodePng(out, dir, "out", &bytes, &why)
+               : EncodeJpeg(out, JpegParamsFor(out.width, out.height), dir, "out", &bytes, &why))) {
+      abort();
+    }
     close(dir);
   }
   close(fd);

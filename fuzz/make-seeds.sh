@@ -44,6 +44,14 @@ $C -size 64x48 gradient:red-blue -interlace JPEG "$t/p.jpg"
 $C -size 64x48 gradient:white-black -colorspace Gray "$t/g.jpg"
 $C -size 64x48 gradient:red-blue -colorspace CMYK "$t/c.jpg"
 for f in a p g c; do { printf "\\x$(printf %02x $((RANDOM % 256)))"; cat "$t/$f.jpg"; } > "$dir/jpeg/$f"; done
+# The in-process PNG path: a size byte, then 8- and 16-bit, alpha, palette with
+# tRNS, interlaced and grey files (one with a gAMA of 1/1.8).
+mkdir -p "$dir/png"
+$C -size 64x48 gradient:red-blue -depth 16 PNG48:"$t/d.png"
+$C -size 64x48 gradient:red-blue -transparent red PNG8:"$t/t.png"
+$C -size 64x48 gradient:red-blue -interlace PNG "$t/i.png"
+$C -size 64x48 gradient:white-black -type Grayscale -set gamma 0.55556 PNG:"$t/g.png"
+for f in a alpha d t i g; do { printf "\\x$(printf %02x $((RANDOM % 256)))"; cat "$t/$f.png"; } > "$dir/png/$f"; done
 rm -rf "$t"
 i=0
 for q in "path=album/a.jpg&size=big" "path=album%2Fa.jpg&w=100&h=50&rotate=-1" "path=../outside/secret.jpg&size=small" \

@@ -136,6 +136,12 @@ F src/libkovathumb/quality_tools.cpp :: quality mode mirrors about the wrong axi
 F src/libkovathumb/quality_tools.cpp :: quality mode keeps an embedded profile's colours unconverted
 - {"-profile", kSrgbProfile, "-colorspace", "sRGB"}
 + {"-colorspace", "sRGB"}
+F src/quality/decode_png.cpp :: the PNG decoder allocates a giant's rows before the pixel bound
+- if (!WithinPixels(w, h, request.maxPixels, &in->why)) return false;
++ if (false) return false;
+F src/quality/decode_png.cpp :: PNG rows are averaged with straight alpha (transparent edges darken)
+- out->channels, out->channels == 4, 0, {}};
++ out->channels, false, 0, {}};
 F tools/front_end/pin.cpp :: the front ends' walk follows links
 - openat(cur, part.c_str(), kDirFlags | O_NOFOLLOW)
 + openat(cur, part.c_str(), kDirFlags)

@@ -14,10 +14,10 @@ CC=clang CXX=clang++ cmake -S . -B "$B" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKOVA
   -DKOVATHUMB_BUILD_TESTS=OFF -DKOVATHUMB_BUILD_BENCH=OFF -DKOVATHUMB_BUILD_TOOLS=ON \
   "-DCMAKE_CXX_FLAGS=$flags" "-DCMAKE_SHARED_LINKER_FLAGS=-fsanitize=address,undefined" \
   "-DCMAKE_MODULE_LINKER_FLAGS=-fsanitize=address,undefined" >/dev/null
-harnesses=(probe cgi jpeg webp heif jxl raw)
+harnesses=(probe cgi jpeg png webp heif jxl raw)
 cmake --build "$B" -j"$(nproc)" --target "${harnesses[@]/%/_fuzzer}" kovathumb_heif kovathumb_formats >/dev/null
 g++ -O1 -I"$top/tests" "$top/tests/support/dng.cpp" "$top/tests/support/make_dng_main.cpp" -o "$B/make_dng"
-{ [ -d "$B/seeds/raw" ] && [ -d "$B/seeds/jpeg" ]; } || fuzz/make-seeds.sh "$B/seeds" "$B/make_dng"
+{ [ -d "$B/seeds/raw" ] && [ -d "$B/seeds/jpeg" ] && [ -d "$B/seeds/png" ]; } || fuzz/make-seeds.sh "$B/seeds" "$B/make_dng"
 for h in "${harnesses[@]}"; do mkdir -p "$B/corpus/$h"; done
 # Findings are kept, one folder per run; the harnesses write only under a
 # private TMPDIR, removed at the end.
@@ -31,7 +31,7 @@ export LSAN_OPTIONS=suppressions=$top/scripts/lsan.supp:print_suppressions=0
 # The probe must neither hang nor grow: a tool's limits are far beyond a probe's.
 # The decoders are held to what the sandbox gives them.
 declare -A limits=([probe]="-timeout=20 -rss_limit_mb=2048" [cgi]="-timeout=20 -rss_limit_mb=2048"
-                   [jpeg]="-timeout=20 -rss_limit_mb=2048"
+                   [jpeg]="-timeout=20 -rss_limit_mb=2048" [png]="-timeout=20 -rss_limit_mb=2048"
                    [webp]="-timeout=20 -rss_limit_mb=1024" [heif]="-timeout=20 -rss_limit_mb=1024"
                    [jxl]="-timeout=20 -rss_limit_mb=1024" [raw]="-timeout=20 -rss_limit_mb=1024")
 failed=()

@@ -6,7 +6,7 @@ exec 1>&2
 
 packages=(
   cmake g++ make pkg-config help2man
-  libexiv2-dev libheif-dev libwebp-dev libjxl-dev libraw-dev liblcms2-dev libjpeg62-turbo-dev
+  libexiv2-dev libheif-dev libpng-dev libwebp-dev libjxl-dev libraw-dev liblcms2-dev libjpeg62-turbo-dev
   libcli11-dev nlohmann-json3-dev libgtest-dev libseccomp-dev
   imagemagick libjpeg-turbo-progs dcraw colord-data
   exiv2 libheif-examples libjxl-tools webp libimage-exiftool-perl libvips-tools

@@ -227,9 +227,11 @@ bool Thumb::QualityPiped(const std::vector<std::pair<std::string, ThumbDimension
   try {
     if (jobs != nullptr) ProbeFacts();
     const int* fd = internal::ThumbInfoAccess::SourceFd(info_);
-    if (!info_.IsGood() || fd == nullptr || info_.GetOutputMimeType() != kMimeJpeg) return false;
+    // JPEGs, and PNGs of PNG sources; GIFs stay animated by the tools.
+    const std::string outMime = info_.GetOutputMimeType();
+    if (!info_.IsGood() || fd == nullptr || (outMime != kMimeJpeg && outMime != kMimePng)) return false;
     source = {*fd, info_.GetMimeType(), info_.GetWidth(), info_.GetHeight(), info_.GetRotate(), info_.GetFlop(),
-              info_.GetUserRotate()};
+              info_.GetUserRotate(), outMime};
     const internal::JpegFacts facts = source.mime == kMimeJpeg ? internal::ScanJpegApart(*fd) : internal::JpegFacts();
     if (!internal::PipelineTakes(source.mime, facts)) return false;
     turns = internal::TurnSum(source.rotate, source.userRotate);
@@ -237,7 +239,7 @@ bool Thumb::QualityPiped(const std::vector<std::pair<std::string, ThumbDimension
     for (size_t i = 0; i < count; ++i) {
       setJob(i);
       wants.emplace_back();
-      if (internal::ServesOriginal(source.mime, kMimeJpeg, source.width, source.height, turns, source.flop,
+      if (internal::ServesOriginal(source.mime, source.outMime, source.width, source.height, turns, source.flop,
                                    info_.GetDimension())) {
         continue;
       }
@@ -279,7 +281,7 @@ bool Thumb::QualityPiped(const std::vector<std::pair<std::string, ThumbDimension
     for (const internal::PipelineSize& t : todo) {
       if (SamePlan(t.plan, p)) return;
     }
-    todo.push_back({"t" + std::to_string(wd.piped.size() + todo.size()) + ".jpg", p});
+    todo.push_back({"t" + std::to_string(wd.piped.size() + todo.size()) + info_.GetOutputExtension(), p});
   };
   uint64_t largest = 0;
   for (const auto& want : wants) {
@@ -294,7 +296,7 @@ bool Thumb::QualityPiped(const std::vector<std::pair<std::string, ThumbDimension
       const ThumbDimension box = strThumbSizeMap_.at(size);
       const internal::ThumbPlan p = internal::PlanThumb(source.width, source.height, turns, box, info_.GetCropMode());
       const bool served =
-          internal::ServesOriginal(source.mime, kMimeJpeg, source.width, source.height, turns, source.flop, box);
+          internal::ServesOriginal(source.mime, source.outMime, source.width, source.height, turns, source.flop, box);
       if (!served && uint64_t{p.scaled.width} * p.scaled.height <= largest && find("", p) == nullptr) plan(p);
     }
   }

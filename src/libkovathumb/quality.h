@@ -38,18 +38,21 @@ int ChooseQualityPreview(const std::vector<PreviewProps>& previews, uint32_t src
 bool ServesOriginal(const std::string& mime, const std::string& outputMime, uint32_t w, uint32_t h,
                     int turns, bool flop, ThumbDimension box);
 
-// 8-bit RGB pixels, rows top to bottom.
+// 8-bit RGB pixels, rows top to bottom; RGBA where `channels` is 4 (only
+// the in-process pipeline makes those; Shrink and the PPM files are RGB).
 struct Pixels {
   uint32_t width = 0;
   uint32_t height = 0;
   std::vector<unsigned char> rgb;
+  int channels = 3;
 };
 // A binary PPM of at most `maxPixels`, maxval 255; false for anything else.
 bool ReadPpm(const std::string& path, uint64_t maxPixels, Pixels* out);
 bool WritePpm(const std::string& path, const Pixels& image);
 // Shrinks `in` to `w` x `h` (each at most the input's) by area averaging.
 Pixels Shrink(const Pixels& in, uint32_t w, uint32_t h);
-// Turns by `rotate` quarter turns, mirrors, then turns by `userRotate`.
+// Turns by `rotate` quarter turns, mirrors, then turns by `userRotate`
+// (RGB or RGBA).
 Pixels Orient(const Pixels& in, int rotate, bool flop, int userRotate);
 
 }  // namespace internal

@@ -129,9 +129,11 @@ Pixels Orient(const Pixels& in, int rotate, bool flop, int userRotate) {
       default: *sx = x, *sy = y;
     }
   };
+  const size_t ch = static_cast<size_t>(in.channels);
   Pixels out;
   out.width = w2;
   out.height = h2;
+  out.channels = in.channels;
   out.rgb.resize(in.rgb.size());
   for (uint32_t y = 0; y < h2; ++y) {
     for (uint32_t x = 0; x < w2; ++x) {
@@ -139,9 +141,8 @@ Pixels Orient(const Pixels& in, int rotate, bool flop, int userRotate) {
       back(r2, w2, h2, x, y, &ax, &ay);  // in the mirrored, once-turned image
       if (flop) ax = w1 - 1 - ax;
       back(r1, w1, h1, ax, ay, &bx, &by);
-      const unsigned char* p = &in.rgb[(static_cast<size_t>(by) * in.width + bx) * 3];
-      unsigned char* q = &out.rgb[(static_cast<size_t>(y) * w2 + x) * 3];
-      q[0] = p[0], q[1] = p[1], q[2] = p[2];
+      const unsigned char* p = &in.rgb[(static_cast<size_t>(by) * in.width + bx) * ch];
+      std::copy(p, p + ch, &out.rgb[(static_cast<size_t>(y) * w2 + x) * ch]);
     }
   }
   return out;

@@ -142,8 +142,9 @@ struct TransformCloser {
 using Profile = std::unique_ptr<void, ProfileCloser>;
 using Transform = std::unique_ptr<void, TransformCloser>;
 
-cmsToneCurve* CurveFor(Curve c) {
+cmsToneCurve* CurveFor(Curve c, double gamma) {
   switch (c) {
+    case Curve::kPower: return cmsBuildGamma(nullptr, gamma);
     case Curve::kLinear: return cmsBuildGamma(nullptr, 1.0);
     case Curve::kGamma22: return cmsBuildGamma(nullptr, 2.2);
     case Curve::kGamma28: return cmsBuildGamma(nullptr, 2.8);
@@ -153,11 +154,11 @@ cmsToneCurve* CurveFor(Curve c) {
   return cmsBuildParametricToneCurve(nullptr, 4, srgb);
 }
 
-Profile ProfileFromCodePoints(Gamut gamut, Curve curve) {
+Profile ProfileFromCodePoints(Gamut gamut, Curve curve, double gamma) {
   const Primaries p = PrimariesOf(gamut);
   const cmsCIExyY white{kD65.x, kD65.y, 1};
   const cmsCIExyYTRIPLE prim{{p.r.x, p.r.y, 1}, {p.g.x, p.g.y, 1}, {p.b.x, p.b.y, 1}};
-  cmsToneCurve* tc = CurveFor(curve);
+  cmsToneCurve* tc = CurveFor(curve, gamma);
   cmsToneCurve* curves[3] = {tc, tc, tc};
   Profile prof(cmsCreateRGBProfile(&white, &prim, curves));
   cmsFreeToneCurve(tc);
@@ -229,7 +230,7 @@ bool ViaIcc(const Image& in, int colourChannels, Pixels* out) {
 }
 
 bool ViaCodePoints(const Image& in, const ColourPlan& plan, Pixels* out) {
-  Profile src = ProfileFromCodePoints(plan.gamut, plan.curve);
+  Profile src = ProfileFromCodePoints(plan.gamut, plan.curve, plan.gamma);
   if (!src) return false;
   return Convert(in, src.get(), Layout(in, cmsSigRgbData, 3), INTENT_RELATIVE_COLORIMETRIC, out);
 }
@@ -351,6 +352,14 @@ ColourPlan PlanColour(const ColourDesc& colour, bool iccIsSrgb) {
     plan.kind = iccIsSrgb ? ColourPlan::kAsIs : ColourPlan::kIcc;
     return plan;
   }
+  // A bare gamma (PNG's gAMA) counts where the code points say nothing.
+  // Writers put 1/2.2 for sRGB: within a few percent it is sRGB; values no
+  // display curve comes near are ignored, as browsers ignore them.
+  const bool silent = colour.primaries == 2 && colour.transfer == 2;
+  if (silent && colour.gamma >= 0.5 && colour.gamma <= 5 && std::fabs(colour.gamma - 2.2) > 0.05) {
+    plan.curve = Curve::kPower;
+    plan.gamma = colour.gamma;
+  }
   plan.kind = plan.gamut == Gamut::kSrgb && plan.curve == Curve::kSrgb ? ColourPlan::kAsIs : ColourPlan::kCicp;
   return plan;
 }
@@ -421,7 +430,7 @@ double ToneMap(double nits, double peakNits) {
 
 // ---- The conversion ------------------------------------------------------------
 
-bool ToSrgb8(Image&& in, Pixels* out, std::string* why) {
+bool ToSrgb8(Image&& in, Pixels* out, std::string* why, bool keepAlpha) {
   auto fail = [&](const char* text) {
     if (why != nullptr) *why = text;
     return false;
@@ -440,6 +449,7 @@ bool ToSrgb8(Image&& in, Pixels* out, std::string* why) {
 
   out->width = in.width;
   out->height = in.height;
+  out->channels = 3;
   if (plan.kind == ColourPlan::kAsIs && in.bits == 8 && in.channels == 3) {
     out->rgb = std::move(in.data8);  // the common case: nothing to do
     return true;
@@ -475,7 +485,19 @@ bool ToSrgb8(Image&& in, Pixels* out, std::string* why) {
   if (!done && inPlace) return true;  // the samples, untouched, as sRGB
   if (!done) AsIs(in, in.channels == 1 ? 1 : colourChannels, out);
 
-  if (alpha) {  // on white
+  if (alpha && keepAlpha) {
+    std::vector<uint8_t> a(n);
+    for (size_t i = 0; i < n; ++i) a[i] = To8(Sample(in, i * 4 + 3), in.bits);
+    if (std::any_of(a.begin(), a.end(), [](uint8_t v) { return v != 255; })) {
+      std::vector<uint8_t> rgba(n * 4);
+      for (size_t i = 0; i < n; ++i) {
+        std::copy_n(&out->rgb[i * 3], 3, &rgba[i * 4]);
+        rgba[i * 4 + 3] = a[i];
+      }
+      out->rgb.swap(rgba);
+      out->channels = 4;
+    }
+  } else if (alpha) {  // on white
     for (size_t i = 0; i < n; ++i) {
       const uint32_t a = To8(Sample(in, i * 4 + 3), in.bits);
       for (int c = 0; c < 3; ++c) {

@@ -16,14 +16,15 @@ namespace internal {
 
 // Converts `in` (consumed) to sRGB pixels; false with `why` when its colour
 // cannot be understood. Alpha is composited on white, as browsers show a
-// transparent photo on a white page. CMYK samples come plain (0: no ink):
-// decoders undo Adobe's inversion.
-bool ToSrgb8(Image&& in, Pixels* out, std::string* why);
+// transparent photo on a white page, unless `keepAlpha` asks for RGBA
+// (straight alpha), given when some pixel is not opaque. CMYK samples come
+// plain (0: no ink): decoders undo Adobe's inversion.
+bool ToSrgb8(Image&& in, Pixels* out, std::string* why, bool keepAlpha = false);
 
 // ---- The decisions behind it --------------------------------------------------
 
 enum class Gamut { kSrgb, kDisplayP3, kBt2020 };
-enum class Curve { kSrgb, kLinear, kGamma22, kGamma28, kPq, kHlg };
+enum class Curve { kSrgb, kLinear, kGamma22, kGamma28, kPq, kHlg, kPower };
 
 // How a picture's numbers become sRGB.
 struct ColourPlan {
@@ -37,6 +38,7 @@ struct ColourPlan {
   Kind kind = kAsIs;
   Gamut gamut = Gamut::kSrgb;
   Curve curve = Curve::kSrgb;
+  double gamma = 0;  // kPower's exponent
 };
 
 // `iccIsSrgb`: what IsSrgbProfile said of the profile, when there is one.

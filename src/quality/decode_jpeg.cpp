@@ -98,6 +98,16 @@ void SkipInput(j_decompress_ptr cinfo, long count) {
 
 void TermSource(j_decompress_ptr) {}
 
+// Whether every component's DC coefficients have come, to within their last
+// bit (a progressive file refines that bit late, after most AC scans; without
+// it a pixel is off by at most an eighth of the DC quantum).
+bool DcKnown(j_decompress_ptr cinfo) {
+  for (int c = 0; c < cinfo->num_components; ++c) {
+    if (cinfo->coef_bits[c][0] < 0 || cinfo->coef_bits[c][0] > 1) return false;
+  }
+  return true;
+}
+
 }  // namespace
 
 bool DecodeJpeg(int fd, const DecodeRequest& request, Image* out, std::string* why) {
@@ -155,6 +165,13 @@ bool DecodeJpeg(int fd, const DecodeRequest& request, Image* out, std::string* w
   }
   // Every result is reduced further; smoothing the chroma first buys nothing.
   cinfo.do_fancy_upsampling = FALSE;
+  // At an eighth only DC coefficients count: a progressive file's first
+  // scans carry them, and its AC scans (most of the file) are left unread.
+  const bool dcOnly = jpeg_has_multiple_scans(&cinfo) && cinfo.scale_num == 1 && cinfo.scale_denom == 8;
+  if (dcOnly) {
+    cinfo.buffered_image = TRUE;
+    cinfo.do_block_smoothing = FALSE;
+  }
   JOCTET* icc = nullptr;
   unsigned int iccLength = 0;
   if (jpeg_read_icc_profile(&cinfo, &icc, &iccLength)) {
@@ -162,6 +179,13 @@ bool DecodeJpeg(int fd, const DecodeRequest& request, Image* out, std::string* w
     free(icc);
   }
   jpeg_start_decompress(&cinfo);
+  if (dcOnly) {
+    for (;;) {
+      const int got = jpeg_consume_input(&cinfo);
+      if (got == JPEG_REACHED_EOI || got == JPEG_SUSPENDED || (got == JPEG_SCAN_COMPLETED && DcKnown(&cinfo))) break;
+    }
+    jpeg_start_output(&cinfo, cinfo.input_scan_number);
+  }
   img.width = cinfo.output_width;
   img.height = cinfo.output_height;
   img.channels = cinfo.output_components;
@@ -177,7 +201,7 @@ bool DecodeJpeg(int fd, const DecodeRequest& request, Image* out, std::string* w
   if (cmyk && cinfo.saw_Adobe_marker) {
     for (uint8_t& v : img.data8) v = static_cast<uint8_t>(255 - v);
   }
-  jpeg_finish_decompress(&cinfo);
+  if (!dcOnly) jpeg_finish_decompress(&cinfo);  // else the rest is not read
   jpeg_destroy_decompress(&cinfo);
   return true;
 }

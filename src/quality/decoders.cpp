@@ -25,6 +25,7 @@ std::atomic<void*> heif{nullptr}, jxl{nullptr}, raw{nullptr};
 const Row kDecoders[] = {
     {"image/jpeg", DecodeJpeg, nullptr, nullptr},
     {"image/webp", DecodeWebp, nullptr, nullptr},
+    {"image/png", DecodePng, nullptr, nullptr},
     {"image/avif", nullptr, "kovathumb_decode_heif", &heif},
     {"image/heic", nullptr, "kovathumb_decode_heif", &heif},
     {"image/heif", nullptr, "kovathumb_decode_heif", &heif},

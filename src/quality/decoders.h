@@ -17,6 +17,7 @@ using DecodeFn = bool (*)(int fd, const DecodeRequest& request, Image* out, std:
 // The decoders linked in, by type.
 bool DecodeJpeg(int fd, const DecodeRequest& request, Image* out, std::string* why);
 bool DecodeWebp(int fd, const DecodeRequest& request, Image* out, std::string* why);
+bool DecodePng(int fd, const DecodeRequest& request, Image* out, std::string* why);
 
 // The decoder for a probed MIME type, or null. Decoders of the heavier
 // libraries come from libkovathumb_formats.so, loaded by the first call

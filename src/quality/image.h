@@ -22,6 +22,9 @@ struct ColourDesc {
   int transfer = 2;
   int matrix = 2;
   bool fullRange = true;
+  // A plain power curve's decoding exponent (PNG's gAMA of 1/2.2 is 2.2),
+  // heeded when nothing above says more; 0 for none.
+  double gamma = 0;
   bool cmyk = false;  // samples are CMYK (Adobe JPEGs store them inverted)
 };
 

@@ -16,6 +16,7 @@
 #include "quality/colour.h"
 #include "quality/decoders.h"
 #include "quality/resample.h"
+#include "store/image_facts.h"
 #include "thumb_info/decisions.h"
 #include "util/safe_fs.h"
 
@@ -56,8 +57,9 @@ std::vector<size_t> LargestFirst(const std::vector<PipelineSize>& sizes) {
   return order;
 }
 
-// Whether the file the child named is a whole JPEG of the planned size.
-bool CheckMade(int workDir, const PipelineSize& size, uint64_t bytes) {
+// Whether the file the child named is a whole file of the type asked and
+// of the planned size.
+bool CheckMade(int workDir, const PipelineSize& size, const std::string& mime, uint64_t bytes) {
   struct stat64 st;
   safe_fs::Fd fd = safe_fs::OpenRegularAt(workDir, size.file, &st);
   if (!fd.valid() || st.st_size <= 0 || st.st_size > kMaxThumbBytes || static_cast<uint64_t>(st.st_size) != bytes) {
@@ -70,7 +72,11 @@ bool CheckMade(int workDir, const PipelineSize& size, uint64_t bytes) {
   if (h <= 0 || t <= 0) return false;
   head.resize(static_cast<size_t>(h));
   tail.resize(static_cast<size_t>(t));
-  if (!IsStorableImage(head, tail, st.st_size, kMimeJpeg)) return false;
+  if (!IsStorableImage(head, tail, st.st_size, mime)) return false;
+  if (mime != kMimeJpeg) {
+    const store::ImageFacts facts = store::ReadImageFacts(fd.get());
+    return facts.mime == mime && facts.width == size.plan.upright.width && facts.height == size.plan.upright.height;
+  }
   const JpegFacts facts = ScanJpegFd(fd.get());
   return facts.ok && facts.components == 3 && facts.width == size.plan.upright.width &&
          facts.height == size.plan.upright.height;
@@ -129,10 +135,12 @@ int MakeSizes(const PipelineSource& source, const std::vector<PipelineSize>& siz
   Image image;
   Pixels pixels;
   std::string why;
-  if (!decode(source.fd, request, &image, &why) || !ToSrgb8(std::move(image), &pixels, &why)) {
+  const bool png = source.outMime == kMimePng;
+  if (!decode(source.fd, request, &image, &why) || !ToSrgb8(std::move(image), &pixels, &why, png)) {
     WriteAll(reply, "error " + why + "\n");
     return 1;
   }
+  Premultiply(&pixels);  // RGBA is scaled premultiplied, from size to size
   const bool turn = TurnSum(source.rotate, source.userRotate) % 4 != 0 || source.flop;
   for (size_t i : order) {
     const ThumbPlan& plan = sizes[i].plan;
@@ -142,8 +150,11 @@ int MakeSizes(const PipelineSource& source, const std::vector<PipelineSize>& siz
     Pixels scaled = Resize(pixels, plan.scaled.width, plan.scaled.height);
     Pixels out = CropCentre(scaled, plan.cut.width, plan.cut.height);
     if (turn) out = Orient(out, source.rotate, source.flop, source.userRotate);
+    Unpremultiply(&out);
     uint64_t bytes = 0;
-    if (!EncodeJpeg(out, JpegParamsFor(out.width, out.height), workDir, sizes[i].file, &bytes, &why)) {
+    const bool encoded = png ? EncodePng(out, workDir, sizes[i].file, &bytes, &why)
+                             : EncodeJpeg(out, JpegParamsFor(out.width, out.height), workDir, sizes[i].file, &bytes, &why);
+    if (!encoded) {
       WriteAll(reply, "error " + why + "\n");
       return 1;
     }
@@ -178,7 +189,7 @@ bool RunPipeline(const PipelineSource& source, std::vector<PipelineSize>* sizes,
     if (!(fields >> name >> w >> h >> bytes)) continue;
     for (PipelineSize& s : *sizes) {
       if (!s.made && s.file == name && s.plan.upright.width == w && s.plan.upright.height == h) {
-        s.made = CheckMade(workDir, s, bytes);
+        s.made = CheckMade(workDir, s, source.outMime, bytes);
         any = any || s.made;
       }
     }

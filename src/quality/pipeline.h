@@ -1,6 +1,6 @@
 // Quality mode in one process: every size of one source from one decode,
-// each made from the next larger and written once as a JPEG, all inside one
-// sandboxed child. Root plans the sizes, the child decodes, scales, turns
+// each made from the next larger and written once as a JPEG (a PNG, with
+// its alpha, for PNG sources), all inside one sandboxed child. Root plans the sizes, the child decodes, scales, turns
 // and encodes into a private work directory, and root checks each file it
 // names before storing it.
 #ifndef KOVATHUMB_QUALITY_PIPELINE_H_
@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "kovathumb/thumb_const.h"
 #include "kovathumb/thumb_info.h"
 #include "libkovathumb/quality.h"
 #include "sandbox/sandbox.h"
@@ -51,6 +52,8 @@ struct PipelineSource {
   int rotate = 0;  // as QualityInput
   bool flop = false;
   int userRotate = 0;
+  // kMimePng: PNGs that keep the source's alpha (a PNG source's thumbnails).
+  std::string outMime = kMimeJpeg;
 };
 
 struct PipelineSize {
@@ -61,7 +64,7 @@ struct PipelineSize {
 
 // Makes every size of `sizes` (largest first, each from the one before) in
 // the private directory open at `workDir`; marks those made after checking
-// each is a whole JPEG of its planned size. False with `why` when none was.
+// each is a whole file of the type asked and of its planned size. False with `why` when none was.
 bool RunPipeline(const PipelineSource& source, std::vector<PipelineSize>* sizes, int workDir,
                  std::string* why);
 
@@ -73,6 +76,8 @@ int MakeSizes(const PipelineSource& source, const std::vector<PipelineSize>& siz
 // Writes `pixels` as the JPEG `name`, created in the directory open at `dir`.
 bool EncodeJpeg(const Pixels& pixels, const JpegParams& params, int dir, const std::string& name,
                 uint64_t* bytes, std::string* why);
+// The same as a PNG: RGB, or RGBA with straight alpha.
+bool EncodePng(const Pixels& pixels, int dir, const std::string& name, uint64_t* bytes, std::string* why);
 
 }  // namespace internal
 }  // namespace kovathumb

@@ -74,27 +74,30 @@ uint8_t Clamp(int32_t v) {
   return static_cast<uint8_t>(v < 0 ? 0 : v > 255 ? 255 : v);
 }
 
-// Averages `kx` x `ky` blocks; the last ones along an edge may be partial.
+// Averages `kx` x `ky` blocks of `C`-sample pixels; the last ones along an
+// edge may be partial.
+template <int C>
 Pixels BlockAverage(const Pixels& in, uint32_t kx, uint32_t ky) {
   Pixels out;
   out.width = (in.width + kx - 1) / kx;
   out.height = (in.height + ky - 1) / ky;
-  out.rgb.resize(size_t{out.width} * out.height * 3);
-  std::vector<uint32_t> sums(size_t{out.width} * 3);
+  out.channels = C;
+  out.rgb.resize(size_t{out.width} * out.height * C);
+  std::vector<uint32_t> sums(size_t{out.width} * C);
   for (uint32_t oy = 0; oy < out.height; ++oy) {
     std::fill(sums.begin(), sums.end(), 0);
     const uint32_t y0 = oy * ky, y1 = std::min(in.height, y0 + ky);
     for (uint32_t y = y0; y < y1; ++y) {
-      const uint8_t* row = &in.rgb[size_t{y} * in.width * 3];
+      const uint8_t* row = &in.rgb[size_t{y} * in.width * C];
       for (uint32_t x = 0; x < in.width; ++x) {
-        uint32_t* s = &sums[size_t{x / kx} * 3];
-        s[0] += row[x * 3], s[1] += row[x * 3 + 1], s[2] += row[x * 3 + 2];
+        uint32_t* s = &sums[size_t{x / kx} * C];
+        for (int c = 0; c < C; ++c) s[c] += row[size_t{x} * C + c];
       }
     }
-    uint8_t* dst = &out.rgb[size_t{oy} * out.width * 3];
+    uint8_t* dst = &out.rgb[size_t{oy} * out.width * C];
     for (uint32_t ox = 0; ox < out.width; ++ox) {
       const uint32_t n = (std::min(in.width, (ox + 1) * kx) - ox * kx) * (y1 - y0);
-      for (int c = 0; c < 3; ++c) dst[ox * 3 + c] = static_cast<uint8_t>((sums[ox * 3 + c] + n / 2) / n);
+      for (int c = 0; c < C; ++c) dst[ox * C + c] = static_cast<uint8_t>((sums[ox * C + c] + n / 2) / n);
     }
   }
   return out;
@@ -139,18 +142,19 @@ void BlendRows(const uint8_t* const* rows, const int32_t* wt, int count, size_t 
   for (size_t i = i0; i < n; ++i) dst[i] = Clamp(acc[i]);
 }
 
-// One output row of the horizontal pass from a row of `in` pixels; reads
-// and writes up to one byte past the last pixel (callers pad).
-void BlendColumns(const uint8_t* row, const Taps& tx, uint32_t w, uint8_t* dst) {
+// One output row of the horizontal pass from a row of `in` pixels of `ch`
+// (3 or 4) samples; reads and writes up to one byte past the last pixel
+// (callers pad).
+void BlendColumns(const uint8_t* row, const Taps& tx, uint32_t w, size_t ch, uint8_t* dst) {
   uint32_t x = 0;
 #if defined(__SSE2__)
-  // A pixel's three samples (and one spare) in the lanes of one vector; two
+  // A pixel's samples (and a spare for RGB) in the lanes of one vector; two
   // taps at a time through pmaddwd.
   const __m128i zero = _mm_setzero_si128();
   const __m128i round = _mm_set1_epi32(kOne >> 1);
   const auto pixel = [&](uint32_t j) {
     int32_t v;
-    memcpy(&v, row + size_t{j} * 3, 4);
+    memcpy(&v, row + size_t{j} * ch, 4);
     return _mm_unpacklo_epi8(_mm_cvtsi32_si128(v), zero);
   };
   for (; x < w; ++x) {
@@ -170,17 +174,17 @@ void BlendColumns(const uint8_t* row, const Taps& tx, uint32_t w, uint8_t* dst) 
     sum = _mm_srai_epi32(sum, kShift);
     const __m128i packed = _mm_packus_epi16(_mm_packs_epi32(sum, sum), zero);
     const int32_t v = _mm_cvtsi128_si32(packed);
-    memcpy(dst + size_t{x} * 3, &v, 4);
+    memcpy(dst + size_t{x} * ch, &v, 4);
   }
 #endif
   for (; x < w; ++x) {
     const int32_t* wt = &tx.weights[size_t{x} * tx.count];
-    const uint8_t* p = row + size_t{tx.first[x]} * 3;
-    int32_t r = 0, g = 0, b = 0;
-    for (int k = 0; k < tx.count; ++k, p += 3) {
-      r += wt[k] * p[0], g += wt[k] * p[1], b += wt[k] * p[2];
+    for (size_t c = 0; c < ch; ++c) {
+      const uint8_t* p = row + size_t{tx.first[x]} * ch + c;
+      int32_t v = 0;
+      for (int k = 0; k < tx.count; ++k, p += ch) v += wt[k] * *p;
+      dst[x * ch + c] = Clamp(v);
     }
-    dst[x * 3] = Clamp(r), dst[x * 3 + 1] = Clamp(g), dst[x * 3 + 2] = Clamp(b);
   }
 }
 
@@ -194,13 +198,15 @@ uint32_t BlockFactor(uint32_t from, uint32_t to) {
 Pixels Resize(const Pixels& in, uint32_t w, uint32_t h) {
   if (w == in.width && h == in.height) return in;
   const uint32_t kx = BlockFactor(in.width, w), ky = BlockFactor(in.height, h);
+  const size_t ch = static_cast<size_t>(in.channels);
   Pixels blocks;
-  const Pixels& src = kx > 1 || ky > 1 ? (blocks = BlockAverage(in, kx, ky)) : in;
+  const Pixels& src = kx == 1 && ky == 1 ? in
+                      : (blocks = ch == 4 ? BlockAverage<4>(in, kx, ky) : BlockAverage<3>(in, kx, ky));
 
   // Rows first, over whole rows at once (which vectorises), then columns on
   // the fewer rows left.
   const Taps ty = KernelTaps(src.height, h);
-  const size_t srcRow = size_t{src.width} * 3;
+  const size_t srcRow = size_t{src.width} * ch;
   std::vector<uint8_t> mid(srcRow * h + 4);
   std::vector<int32_t> acc(srcRow);
   std::vector<const uint8_t*> rows(static_cast<size_t>(ty.count));
@@ -212,26 +218,48 @@ Pixels Resize(const Pixels& in, uint32_t w, uint32_t h) {
   Pixels out;
   out.width = w;
   out.height = h;
-  out.rgb.resize(size_t{w} * h * 3);
-  std::vector<uint8_t> line(size_t{w} * 3 + 4);
+  out.channels = in.channels;
+  out.rgb.resize(size_t{w} * h * ch);
+  std::vector<uint8_t> line(size_t{w} * ch + 4);
   for (uint32_t y = 0; y < h; ++y) {
-    BlendColumns(&mid[y * srcRow], tx, w, line.data());
-    memcpy(&out.rgb[size_t{y} * w * 3], line.data(), size_t{w} * 3);
+    BlendColumns(&mid[y * srcRow], tx, w, ch, line.data());
+    memcpy(&out.rgb[size_t{y} * w * ch], line.data(), size_t{w} * ch);
   }
   return out;
 }
 
 Pixels CropCentre(const Pixels& in, uint32_t w, uint32_t h) {
   if (w == in.width && h == in.height) return in;
+  const size_t ch = static_cast<size_t>(in.channels);
   Pixels out;
   out.width = w;
   out.height = h;
-  out.rgb.resize(size_t{w} * h * 3);
+  out.channels = in.channels;
+  out.rgb.resize(size_t{w} * h * ch);
   const uint32_t x0 = (in.width - w) / 2, y0 = (in.height - h) / 2;
   for (uint32_t y = 0; y < h; ++y) {
-    memcpy(&out.rgb[size_t{y} * w * 3], &in.rgb[(size_t{y0 + y} * in.width + x0) * 3], size_t{w} * 3);
+    memcpy(&out.rgb[size_t{y} * w * ch], &in.rgb[(size_t{y0 + y} * in.width + x0) * ch], size_t{w} * ch);
   }
   return out;
+}
+
+void Premultiply(Pixels* p) {
+  if (p->channels != 4) return;
+  for (size_t i = 0; i + 3 < p->rgb.size(); i += 4) {
+    const uint32_t a = p->rgb[i + 3];
+    for (size_t c = 0; c < 3; ++c) p->rgb[i + c] = static_cast<uint8_t>((p->rgb[i + c] * a + 127) / 255);
+  }
+}
+
+void Unpremultiply(Pixels* p) {
+  if (p->channels != 4) return;
+  for (size_t i = 0; i + 3 < p->rgb.size(); i += 4) {
+    const uint32_t a = p->rgb[i + 3];
+    // The kernel's overshoot can leave colour above its alpha: clamped.
+    for (size_t c = 0; c < 3; ++c) {
+      p->rgb[i + c] = a == 0 ? 0 : static_cast<uint8_t>(std::min<uint32_t>(255, (p->rgb[i + c] * 255 + a / 2) / a));
+    }
+  }
 }
 
 }  // namespace internal

@@ -16,7 +16,13 @@ namespace internal {
 uint32_t BlockFactor(uint32_t from, uint32_t to);
 
 // `in` resampled to `w` x `h` (larger sizes too, for crops of small sources).
+// Samples are filtered as they are: RGBA must come premultiplied, or
+// transparent pixels darken the edges next to them.
 Pixels Resize(const Pixels& in, uint32_t w, uint32_t h);
+
+// RGBA between straight and premultiplied alpha (RGB is left alone).
+void Premultiply(Pixels* p);
+void Unpremultiply(Pixels* p);
 
 // The centred `w` x `h` part of `in` (each at most its size).
 Pixels CropCentre(const Pixels& in, uint32_t w, uint32_t h);

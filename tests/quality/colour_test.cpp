@@ -51,6 +51,21 @@ TEST(ColourTest, CodePointsChooseTheTransform) {
     EXPECT_EQ(p.gamut, r.gamut);
     EXPECT_EQ(p.curve, r.curve);
   }
+  // PNG's bare gAMA: 1/2.2 is sRGB as written; code points say more; nonsense is ignored.
+  const struct {
+    double gamma;
+    int transfer;
+    K kind;
+  } gammas[] = {{2.2, 2, K::kAsIs}, {2.24, 2, K::kAsIs}, {1.8, 2, K::kCicp}, {1.0, 2, K::kCicp},
+                {1.8, 13, K::kAsIs}, {40, 2, K::kAsIs}, {0.1, 2, K::kAsIs}};
+  for (const auto& g : gammas) {
+    ColourDesc c;
+    c.gamma = g.gamma;
+    c.transfer = g.transfer;
+    const ColourPlan p = PlanColour(c, false);
+    EXPECT_EQ(p.kind, g.kind) << g.gamma;
+    EXPECT_EQ(p.curve == Curve::kPower, g.kind == K::kCicp) << g.gamma;
+  }
 }
 
 std::string SavedProfile(cmsHPROFILE p) {
@@ -172,6 +187,13 @@ TEST(ColourTest, SamplesRoundAndAlphaGoesOnWhite) {
   std::string why;
   Image odd = Picture(2, 8, {1, 2});
   EXPECT_TRUE(Rgb(odd, &why).empty() && !why.empty());
+  // Kept for PNG thumbnails where it shows, dropped where all is opaque.
+  for (const uint32_t alpha : {32896u, 65535u}) {
+    Pixels px;
+    ASSERT_TRUE(ToSrgb8(Picture(4, 16, {65535, 0, 0, alpha}), &px, &why, true));
+    const std::vector<int> want = alpha == 65535 ? std::vector<int>{255, 0, 0} : std::vector<int>{255, 0, 0, 128};
+    EXPECT_EQ(std::vector<int>(px.rgb.begin(), px.rgb.end()), want);
+  }
 }
 
 TEST(ColourTest, ProfilesAndCodePointsGiveTheSameSrgb) {

@@ -1,5 +1,5 @@
 // Quality mode's in-process pipeline: its plans, its reduction filter, and
-// JPEGs encoded and decoded through libjpeg, without any tool.
+// JPEGs and PNGs encoded and decoded through their libraries, without any tool.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -66,7 +66,7 @@ TEST(PipelineTest, WhatTakesTheInProcessPathAndItsBounds) {
   EXPECT_TRUE(PipelineTakes(kMimeJpeg, profiled));
   EXPECT_TRUE(PipelineTakes(kMimeJpeg, cmyk));
   EXPECT_FALSE(PipelineTakes(kMimeGif, unread));
-  for (const char* mime : {"image/webp", "image/avif", "image/heic", "image/jxl", "image/x-canon-cr3"}) {
+  for (const char* mime : {"image/png", "image/webp", "image/avif", "image/heic", "image/jxl", "image/x-canon-cr3"}) {
     EXPECT_TRUE(PipelineTakes(mime, unread)) << mime;
   }
   // Larger sources get more time and address space, up to the pixel bound.
@@ -76,19 +76,6 @@ TEST(PipelineTest, WhatTakesTheInProcessPathAndItsBounds) {
   EXPECT_LT(small.addressSpace, big.addressSpace);
   EXPECT_EQ(huge.addressSpace, bound.addressSpace);
   EXPECT_EQ(huge.wallSeconds, bound.wallSeconds);
-}
-
-TEST(PipelineTest, SmallTilesKeepFullChromaAtNoMoreBytes) {
-  const struct {
-    uint32_t w, h;
-    int quality;
-    bool fullChroma;
-  } rows[] = {{120, 90, 80, true}, {90, 120, 80, true}, {360, 270, 84, false}, {1280, 960, 84, false}};
-  for (const auto& r : rows) {
-    const JpegParams p = JpegParamsFor(r.w, r.h);
-    EXPECT_EQ(p.quality, r.quality) << r.w;
-    EXPECT_EQ(p.fullChroma, r.fullChroma) << r.w;
-  }
 }
 
 Pixels Pattern(uint32_t w, uint32_t h, uint8_t (*at)(uint32_t x, uint32_t y)) {
@@ -209,7 +196,7 @@ TEST_F(JpegCodecTest, DecodesAtTheLeastEighthAsFarAsTheDataGoesWithinItsBound) {
   EXPECT_FALSE(why.empty());
 }
 
-TEST_F(JpegCodecTest, ThousandsOfRepeatedScansAreRefused) {
+TEST_F(JpegCodecTest, ThousandsOfRepeatedScansAreRefusedAndAnEighthReadsOnlyTheDcScan) {
   // A progressive file whose first scan comes 300 times.
   ASSERT_TRUE(WritePpm(dir_ / "p.ppm", Pattern(64, 64, [](uint32_t x, uint32_t y) -> uint8_t { return x ^ y; })));
   test::MustSh("cjpeg -progressive -outfile " + test::Quote(dir_ / "p.jpg") + " " + test::Quote(dir_ / "p.ppm"));
@@ -227,6 +214,16 @@ TEST_F(JpegCodecTest, ThousandsOfRepeatedScansAreRefused) {
   EXPECT_TRUE(DecodeJpeg(Open("p.jpg"), DecodeRequest(), &img, &why)) << why;
   EXPECT_FALSE(DecodeJpeg(Open("bomb.jpg"), DecodeRequest(), &img, &why));
   EXPECT_EQ(why, "more than 100 scans");
+  // At an eighth only the DC scan is read (the repeats after it never are):
+  // the baseline file's picture, within the DC's last bit.
+  test::MustSh("cjpeg -outfile " + test::Quote(dir_ / "b.jpg") + " " + test::Quote(dir_ / "p.ppm"));
+  DecodeRequest eighth;
+  eighth.need = {8, 8};
+  Image base;
+  ASSERT_TRUE(DecodeJpeg(Open("b.jpg"), eighth, &base, &why));
+  ASSERT_TRUE(DecodeJpeg(Open("bomb.jpg"), eighth, &img, &why)) << why;
+  ASSERT_EQ(img.data8.size(), 8u * 8 * 3);
+  for (size_t i = 0; i < img.data8.size(); ++i) ASSERT_NEAR(img.data8[i], base.data8[i], 2) << i;
 }
 
 TEST_F(JpegCodecTest, OneChildMakesEverySizeAndRootTakesOnlyWhatItChecked) {
@@ -253,6 +250,117 @@ TEST_F(JpegCodecTest, OneChildMakesEverySizeAndRootTakesOnlyWhatItChecked) {
   EXPECT_FALSE(RunPipeline(source, &one, work, &why));
   EXPECT_FALSE(one[0].made || test::Exists(dir_ / "j.jpg"));
   EXPECT_FALSE(why.empty());
+  close(work);
+}
+
+// A PNG chunk: length, type, data, CRC.
+std::string Chunk(const std::string& type, const std::string& data) {
+  const auto be32 = [](uint32_t v) { return std::string{char(v >> 24), char(v >> 16), char(v >> 8), char(v)}; };
+  uint32_t crc = ~0u;
+  for (unsigned char b : type + data) {
+    crc ^= b;
+    for (int k = 0; k < 8; ++k) crc = crc >> 1 ^ (0xEDB88320u & (0u - (crc & 1)));
+  }
+  return be32(static_cast<uint32_t>(data.size())) + type + data + be32(~crc);
+}
+
+TEST_F(JpegCodecTest, PngsOfEveryLayoutDecodeAveragedWhileReadWithinTheirBound) {
+  // Left of column 200 red, right of it blue (transparent where it says so).
+  const std::string halves = "-size 401x301 xc:blue -fill red -draw 'rectangle 0,0 200,300' ";
+  const struct {
+    const char* name;
+    std::string make;  // ImageMagick arguments writing the file
+    ThumbDimension need;
+    uint32_t w, h;
+    int channels, bits;
+  } rows[] = {
+      {"rgb8", halves + "PNG24:", {0, 0}, 401, 301, 3, 8},
+      {"rgb16", halves + "-depth 16 PNG48:", {100, 75}, 101, 76, 3, 16},
+      {"palette+tRNS", halves + "-transparent blue PNG8:", {100, 75}, 101, 76, 4, 8},
+      {"interlaced", halves + "-interlace PNG PNG24:", {200, 100}, 201, 151, 3, 8},
+      {"grey", "-size 401x301 xc:gray50 -depth 8 -type Grayscale PNG:", {0, 0}, 401, 301, 1, 8},
+  };
+  for (const auto& r : rows) {
+    SCOPED_TRACE(r.name);
+    const std::string path = dir_ / (std::string(r.name) + ".png");
+    test::MustSh("/usr/bin/convert " + r.make + test::Quote(path));
+    Image img;
+    std::string why;
+    DecodeRequest req;
+    req.need = r.need;
+    ASSERT_TRUE(DecodePng(Open(r.name + std::string(".png")), req, &img, &why)) << why;
+    EXPECT_EQ(img.width, r.w);
+    EXPECT_EQ(img.height, r.h);
+    EXPECT_EQ(img.channels, r.channels);
+    EXPECT_EQ(img.bits, r.bits);
+    if (r.channels == 1) continue;
+    // Top left red and opaque; the last column blue or transparent.
+    const auto at = [&](uint32_t x, int c) -> uint32_t {
+      const size_t i = size_t{x} * img.channels + c;
+      return r.bits == 8 ? img.data8[i] : img.data16[i] >> 8;
+    };
+    EXPECT_EQ(at(0, 0), 255u);
+    EXPECT_EQ(at(0, 2), 0u);
+    if (r.channels == 4) {
+      EXPECT_EQ(at(0, 3), 255u);
+      EXPECT_EQ(at(img.width - 1, 3), 0u);
+    } else {
+      EXPECT_EQ(at(img.width - 1, 2), 255u);
+    }
+  }
+  // A giant header is refused before any row is read or allocated; a file
+  // cut short is refused, not shown in part.
+  const std::string whole = test::ReadFile(dir_ / "rgb8.png");
+  std::string giant = whole;
+  giant.replace(8, 25, Chunk("IHDR", std::string("\0\0N\x20\0\0N\x20\x08\x02\0\0\0", 13)));  // 20000 x 20000
+  test::WriteFile(dir_ / "giant.png", giant);
+  test::WriteFile(dir_ / "cut.png", whole.substr(0, whole.size() / 2));
+  for (const char* name : {"giant.png", "cut.png"}) {
+    Image img;
+    std::string why;
+    EXPECT_FALSE(DecodePng(Open(name), DecodeRequest(), &img, &why)) << name;
+    EXPECT_EQ(why, name[0] == 'g' ? "picture larger than the pixel bound" : "libpng: the file ends inside the picture");
+  }
+}
+
+TEST_F(JpegCodecTest, PngSourcesMakePngsWhoseTransparentEdgesDoNotDarken) {
+  // Opaque red beside transparent black: scaled without premultiplying, the
+  // black would bleed into the red edge.
+  test::MustSh("/usr/bin/convert -size 400x300 xc:'rgba(0,0,0,0)' -fill red -draw 'rectangle 0,0 201,299' PNG32:" +
+               test::Quote(dir_ / "src.png"));
+  PipelineSource source;
+  source.fd = Open("src.png");
+  source.mime = kMimePng;
+  source.outMime = kMimePng;
+  source.width = 400;
+  source.height = 300;
+  const int work = open(dir_.path().c_str(), O_DIRECTORY | O_RDONLY | O_CLOEXEC);
+  std::vector<PipelineSize> sizes = {{"b.png", PlanThumb(400, 300, 0, {130, 130}, false), false},
+                                     {"s.png", PlanThumb(400, 300, 0, {45, 45}, false), false}};
+  std::string why;
+  ASSERT_TRUE(RunPipeline(source, &sizes, work, &why)) << why;
+  for (const PipelineSize& s : sizes) {
+    SCOPED_TRACE(s.file);
+    ASSERT_TRUE(s.made);
+    Image img;
+    ASSERT_TRUE(DecodePng(Open(s.file), DecodeRequest(), &img, &why)) << why;
+    ASSERT_EQ(img.channels, 4);
+    int edge = 0;
+    for (size_t i = 0; i < img.data8.size(); i += 4) {
+      if (img.data8[i + 3] == 0) continue;
+      EXPECT_GE(img.data8[i], 250) << "dark at " << i / 4 % img.width;
+      edge += img.data8[i + 3] < 255 ? 1 : 0;
+    }
+    EXPECT_GT(edge, 0) << "no edge between opaque and transparent";
+  }
+  // Cut short: nothing made, and the reason.
+  const std::string whole = test::ReadFile(dir_ / "src.png");
+  test::WriteFile(dir_ / "cut.png", whole.substr(0, whole.size() * 2 / 3));
+  source.fd = Open("cut.png");
+  std::vector<PipelineSize> one = {{"c.png", PlanThumb(400, 300, 0, {120, 120}, false), false}};
+  EXPECT_FALSE(RunPipeline(source, &one, work, &why));
+  EXPECT_FALSE(one[0].made || test::Exists(dir_ / "c.png"));
+  EXPECT_EQ(why, "libpng: the file ends inside the picture");
   close(work);
 }
 

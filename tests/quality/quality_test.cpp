@@ -57,6 +57,8 @@ const Case kCases[] = {
     {"adobe+o2", PHOTO "-flop -profile /usr/share/color/icc/colord/sRGB.icc -profile /usr/share/color/icc/colord/AdobeRGB1998.icc @",
      2, 0, 0, "small", "jpeg", 120, 90, 0.25, 0.25},
     {"png", PHOTO "-resize 800x600 png:@", 0, 0, 0, "medium", "png", 360, 270, 0.25, 0.25},
+    {"png+alpha+o6", PHOTO "-rotate 270 -alpha set -channel A -evaluate set 50% +channel png:@", 6, 0, 0, "small", "png",
+     120, 90, 0.25, 0.25},
     // ImageMagick's way: turned and converted to sRGB by its arguments.
     {"prophoto+o2", PHOTO "-flop -profile /usr/share/color/icc/colord/sRGB.icc -profile /usr/share/color/icc/colord/ProPhotoRGB.icc tiff:@",
      2, 0, 0, "small", "jpeg", 120, 90, 0.25, 0.25},
@@ -94,8 +96,8 @@ TEST_F(QualityTest, ThumbnailsAreTheirTypeFitTheBoxUprightAndSrgb) {
     thumb.Rotate(c.userRotate);
     const std::string out = thumb.CalcOutputFile(c.size);
     ASSERT_FALSE(out.empty());
-    // JPEGs (profiled and CMYK ones too) are made in our own child; the rest by the tools.
-    const bool inProcess = type == "jpeg" && ext == ".jpg";
+    // JPEGs (profiled and CMYK ones too) and PNGs are made in our own child; TIFFs and GIFs by the tools.
+    const bool inProcess = (type == "jpeg" && ext == ".jpg") || type == "png";
     EXPECT_EQ(fake::State().exec_calls.empty(), inProcess || type == "original");
     EXPECT_EQ(thumb.GetOutputType(), type == "original" ? "Original" : "Dossiva");
     if (type == "original") {

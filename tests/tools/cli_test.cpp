@@ -161,8 +161,8 @@ TEST(IndexRootTest, AtMostJWorkersAndAnInterruptStopsCleanly) {
   test::TempDir dir;
   const std::string tree = dir / "tree", out = dir / "out.json", running = dir / "running";
   test::MustSh("mkdir -p " + Quote(tree) + " " + Quote(running));
-  // PNGs: plain JPEGs are made without any tool.
-  for (int i = 0; i < 5; ++i) test::MakeImage(tree + "/p" + std::to_string(i) + ".png", 1600, 1200);
+  // GIFs: JPEGs and PNGs are made without any tool.
+  for (int i = 0; i < 5; ++i) test::MakeImage(tree + "/p" + std::to_string(i) + ".gif", 1600, 1200);
   // Sandboxed tools write nowhere of ours: each says on standard error when it starts and ends.
   const std::string slow = "echo + >&2; sleep 0.3; \"$REAL\" \"$@\"; s=$?; echo - >&2; exit $s\n";
   const int status = test::WithStandIns({{"/usr/bin/djpeg", slow}, {"/usr/bin/convert", slow}}, [&] {
