@@ -121,9 +121,6 @@ F src/libkovathumb/destinations.cpp :: before the probe, a HEIF takes the other 
 F src/libkovathumb/destinations.cpp :: a stored PNG found before the probe is sent as a JPEG
 - if (served) pinned_->unprobedMime = store::MimeOfExt(n.ext);
 + (void)served;
-F src/libkovathumb/quality.cpp :: quality mode walks the source's JPEG markers as root
-- internal::ScanJpegApart(*fd) : internal::JpegFacts();
-+ internal::ScanJpegFd(*fd) : internal::JpegFacts();
 F src/store/fresh.cpp :: quality mode serves a stored thumbnail larger than the box
 - f.image.width <= box.width && f.image.height <= box.height;
 + f.image.width <= box.width * 2 && f.image.height <= box.height * 2;

@@ -232,8 +232,9 @@ bool Thumb::QualityPiped(const std::vector<std::pair<std::string, ThumbDimension
     if (!info_.IsGood() || fd == nullptr || (outMime != kMimeJpeg && outMime != kMimePng)) return false;
     source = {*fd, info_.GetMimeType(), info_.GetWidth(), info_.GetHeight(), info_.GetRotate(), info_.GetFlop(),
               info_.GetUserRotate(), outMime};
-    const internal::JpegFacts facts = source.mime == kMimeJpeg ? internal::ScanJpegApart(*fd) : internal::JpegFacts();
-    if (!internal::PipelineTakes(source.mime, facts)) return false;
+    // A file libjpeg cannot read fails in the pipeline's child: no walk of
+    // its markers first, in a child of its own.
+    if (!internal::PipelineTakesProbed(source.mime)) return false;
     turns = internal::TurnSum(source.rotate, source.userRotate);
     bool any = false;
     for (size_t i = 0; i < count; ++i) {

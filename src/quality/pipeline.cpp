@@ -120,6 +120,10 @@ sandbox::Limits PipelineLimits(uint64_t pixels) {
   return l;
 }
 
+bool PipelineTakesProbed(const std::string& mime) {
+  return DecoderFor(mime) != nullptr && (mime != kMimeJpeg || kProfilesInProcess);
+}
+
 bool PipelineTakes(const std::string& mime, const JpegFacts& jpeg) {
   if (DecoderFor(mime) == nullptr) return false;
   if (mime != kMimeJpeg) return true;

@@ -43,6 +43,9 @@ sandbox::Limits PipelineLimits(uint64_t pixels);
 // decoder for it, and colours it can convert (`jpeg`: what its markers say,
 // for JPEGs).
 bool PipelineTakes(const std::string& mime, const JpegFacts& jpeg);
+// The same for a source whose size the probe read: its markers need no
+// walk of their own, since every colour a JPEG may carry is converted.
+bool PipelineTakesProbed(const std::string& mime);
 
 struct PipelineSource {
   int fd = -1;  // the pinned source
