@@ -154,7 +154,8 @@ TEST(WatchTest, ABurstEachFileOnceThenStoppedMidBurst) {
   for (size_t i = 0; i < kBurst; ++i) test::WriteFile(w.tree + "/burst/" + std::to_string(i) + ".png", tiny);
   EXPECT_TRUE(test::WaitFor([&] { return w.Lines().size() >= kBurst; }, 600));
 
-  for (int i = 0; i < 12; ++i) test::MakePhoto(w.dir / "outside/" + std::to_string(i) + ".jpg", 1200, 900);
+  // Large enough that the stop lands while they are made, on a fast machine too.
+  for (int i = 0; i < 12; ++i) test::MakePhoto(w.dir / "outside/" + std::to_string(i) + ".jpg", 4000, 3000);
   test::MustSh("mv " + Quote(w.dir / "outside") + " " + Quote(w.tree + "/shots"));
   EXPECT_TRUE(test::WaitFor([&] { return w.Lines().size() > kBurst; }, 120));
   EXPECT_EQ(w.Stop(), 0);
