@@ -3,7 +3,10 @@
 #include "support/fake_platform.h"
 
 #include <dlfcn.h>
+#include <errno.h>
+#include <semaphore.h>
 #include <sys/mman.h>
+#include <time.h>
 
 #include <unistd.h>
 
@@ -22,14 +25,19 @@ namespace {
 // Tools start inside sandboxed children: their calls are recorded in memory
 // shared with every fork, NUL-separated fields and an empty one per call.
 struct Shared {
-  std::atomic<int> hookAsked;  // a forked caller waits for before_exec to run in the test's process
+  // A forked caller asks for before_exec to run in the test's process and waits until it has.
+  sem_t hookAsked, hookDone;
   std::atomic<size_t> used;
   char data[(4 << 20) - 64];
 };
 
 Shared* Calls() {
-  static Shared* shared = static_cast<Shared*>(
-      mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+  static Shared* shared = [] {
+    Shared* s = static_cast<Shared*>(mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+    sem_init(&s->hookAsked, 1, 0);
+    sem_init(&s->hookDone, 1, 0);
+    return s;
+  }();
   return shared;
 }
 // Made before any fork.
@@ -44,12 +52,10 @@ void ServeHooks() {
   std::call_once(once, [] {
     std::thread([] {
       for (;;) {
-        if (Calls()->hookAsked.load() == 1) {
-          Platform& s = State();
-          if (s.before_exec && !s.exec_calls.empty()) s.before_exec(s.exec_calls.back());
-          Calls()->hookAsked = 0;
-        }
-        usleep(1000);
+        if (sem_wait(&Calls()->hookAsked) != 0) continue;  // EINTR
+        Platform& s = State();
+        if (s.before_exec && !s.exec_calls.empty()) s.before_exec(s.exec_calls.back());
+        sem_post(&Calls()->hookDone);
       }
     }).detach();
   });
@@ -59,8 +65,12 @@ void ServeHooks() {
 
 // In a forked child: asks the test's process to run the hook, and waits.
 void RunHookInTestProcess() {
-  Calls()->hookAsked = 1;
-  for (int i = 0; i < 10000 && Calls()->hookAsked.load() == 1; ++i) usleep(1000);
+  sem_post(&Calls()->hookAsked);
+  struct timespec deadline;
+  clock_gettime(CLOCK_REALTIME, &deadline);
+  deadline.tv_sec += 10;
+  while (sem_timedwait(&Calls()->hookDone, &deadline) != 0 && errno == EINTR) {
+  }
 }
 
 void Append(const std::vector<std::string>& call) {
