@@ -36,15 +36,20 @@ JpegParams JpegParamsFor(uint32_t w, uint32_t h) {
   return p;
 }
 
-bool EncodeJpeg(const Pixels& pixels, const JpegParams& params, int dir, const std::string& name,
-                uint64_t* bytes, std::string* why) {
+FILE* CreateEncoded(int dir, const std::string& name, std::string* why) {
   const int fd = openat(dir, name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
   FILE* f = fd >= 0 ? fdopen(fd, "wb") : nullptr;
   if (f == nullptr) {
     if (fd >= 0) close(fd);
     if (why != nullptr) *why = "cannot create " + name;
-    return false;
   }
+  return f;
+}
+
+bool EncodeJpeg(const Pixels& pixels, const JpegParams& params, int dir, const std::string& name,
+                uint64_t* bytes, std::string* why) {
+  FILE* f = CreateEncoded(dir, name, why);
+  if (f == nullptr) return false;
   jpeg_compress_struct cinfo;
   ErrorJump err;
   cinfo.err = jpeg_std_error(&err.mgr);

@@ -41,13 +41,8 @@ bool Write(png_structp png, png_infop info, const Pixels& pixels, FILE* f, std::
 }  // namespace
 
 bool EncodePng(const Pixels& pixels, int dir, const std::string& name, uint64_t* bytes, std::string* why) {
-  const int fd = openat(dir, name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
-  FILE* f = fd >= 0 ? fdopen(fd, "wb") : nullptr;
-  if (f == nullptr) {
-    if (fd >= 0) close(fd);
-    if (why != nullptr) *why = "cannot create " + name;
-    return false;
-  }
+  FILE* f = CreateEncoded(dir, name, why);
+  if (f == nullptr) return false;
   png_structp png = png_create_write_struct(PNG_LIBPNG_VER_STRING, nullptr, OnError, OnWarning);
   png_infop info = png != nullptr ? png_create_info_struct(png) : nullptr;
   std::vector<png_bytep> rows;

@@ -7,6 +7,7 @@
 #define KOVATHUMB_QUALITY_PIPELINE_H_
 
 #include <cstdint>
+#include <cstdio>
 #include <string>
 #include <vector>
 
@@ -76,6 +77,9 @@ bool RunPipeline(const PipelineSource& source, std::vector<PipelineSize>* sizes,
 // file to `reply`. Returns 0 when all were written.
 int MakeSizes(const PipelineSource& source, const std::vector<PipelineSize>& sizes, int workDir, int reply);
 
+// A new file `name` in the directory open at `dir`, made exclusively and
+// never through a link; null (with `why`) when it cannot be.
+FILE* CreateEncoded(int dir, const std::string& name, std::string* why);
 // Writes `pixels` as the JPEG `name`, created in the directory open at `dir`.
 bool EncodeJpeg(const Pixels& pixels, const JpegParams& params, int dir, const std::string& name,
                 uint64_t* bytes, std::string* why);
