@@ -187,6 +187,9 @@ F tools/front_end/send.cpp :: our front ends ask If-Modified-Since when If-None-
 F tools/kovathumb/workers.cpp :: a failed video screenshot leaves its EA directory behind
 - store::RemoveIfEmpty(ea.get(), pinned.Base());
 +
+F tools/front_end/tree.cpp :: watch lists a new folder before its watch is added
+- if (enter) enter(folder);\n    const std::vector<Entry> entries = ReadEntries(folder.fd);
++ const std::vector<Entry> entries = ReadEntries(folder.fd);\n    if (enter) enter(folder);
 EOF
 }
 

@@ -1,6 +1,8 @@
 // kovathumb watch and prune: their decisions, and the programs over real trees.
+#include <fcntl.h>
 #include <signal.h>
 #include <sys/inotify.h>
+#include <unistd.h>
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
@@ -10,6 +12,7 @@
 #include <sstream>
 #include <utility>
 
+#include "front_end/tree.h"
 #include "support/test_util.h"
 #include "upkeep_rules.h"
 
@@ -50,6 +53,19 @@ TEST(UpkeepRulesTest, EventsRenamesSettlingAndPruning) {
                                                {Stored::kNotOurs, true, 0, false}}) {
     EXPECT_EQ(tool::PruneRemoves(kind, orphan, wanted, 1000, 100), removed) << wanted;
   }
+
+  // watch adds a folder's watch on entering it: what is made before the
+  // folder is listed is listed.
+  test::TempDir dir;
+  test::MustSh("mkdir -p " + Quote(dir / "a/b"));
+  std::vector<std::string> listed;
+  tool::WalkFolders(
+      open(dir.path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC), 8,
+      [&](const tool::Folder& f, const std::vector<tool::Entry>& entries) {
+        for (const tool::Entry& e : entries) listed.push_back(f.rel + e.name);
+      },
+      nullptr, [](const tool::Folder& f) { close(openat(f.fd, "made", O_CREAT | O_WRONLY | O_CLOEXEC, 0644)); });
+  EXPECT_EQ(listed, (std::vector<std::string>{"a", "made", "a/b", "a/made", "a/b/made"}));
 }
 
 std::string Thumb(const std::string& photo) {

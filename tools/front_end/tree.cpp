@@ -74,7 +74,8 @@ std::vector<std::string> ReadNames(DIR* d) {
   return names;
 }
 
-size_t WalkFolders(int start, size_t maxDepth, const FolderVisit& visit, std::string* firstTooDeep) {
+size_t WalkFolders(int start, size_t maxDepth, const FolderVisit& visit, std::string* firstTooDeep,
+                   const FolderEnter& enter) {
   if (start < 0) return 0;
   // Every folder entered, as its parent and name: names are rebuilt from
   // these, so memory grows with the folders, not with depth times folders.
@@ -100,6 +101,7 @@ size_t WalkFolders(int start, size_t maxDepth, const FolderVisit& visit, std::st
   Folder folder{start, std::string(), std::string(), 0, kNoFolder, 0};
   for (;;) {
     met.push_back(Met{folder.parent, folder.name});
+    if (enter) enter(folder);
     const std::vector<Entry> entries = ReadEntries(folder.fd);
     visit(folder, entries);
     if (folder.fd != start) close(folder.fd);

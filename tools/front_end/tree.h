@@ -47,6 +47,9 @@ struct Folder {
 constexpr size_t kNoFolder = SIZE_MAX;
 // Called with each folder's entries in name order.
 using FolderVisit = std::function<void(const Folder& folder, const std::vector<Entry>& entries)>;
+// Called on entering a folder, before its entries are read: a watch added
+// here covers every entry the visit then gets, and every one after.
+using FolderEnter = std::function<void(const Folder& folder)>;
 
 // Visits the folder open at `start` (taken) and the folders beneath it,
 // each before those inside it, down to `maxDepth` levels below the start.
@@ -57,7 +60,8 @@ using FolderVisit = std::function<void(const Folder& folder, const std::vector<E
 // swapped for a link or another folder meanwhile is passed over. Returns
 // how many folders were not entered for their depth; `firstTooDeep` gets
 // the first one's name beneath the start.
-size_t WalkFolders(int start, size_t maxDepth, const FolderVisit& visit, std::string* firstTooDeep = nullptr);
+size_t WalkFolders(int start, size_t maxDepth, const FolderVisit& visit, std::string* firstTooDeep = nullptr,
+                   const FolderEnter& enter = nullptr);
 
 // What a walk says, once, of the folders it did not enter for their depth.
 std::string TooDeepMessage(size_t count, const std::string& first);

@@ -45,8 +45,8 @@ void Watcher::SayOnce(bool* said, const std::string& what) {
   std::cerr << "kovathumb watch: " << what << std::endl;
 }
 
-// One walk adds the watches and then looks at what is there, so nothing
-// that happens meanwhile goes unseen. A catch-up queues what is not up to
+// One walk adds each folder's watch and then looks at what is there, so
+// nothing that happens meanwhile goes unseen. A catch-up queues what is not up to
 // date and removes the EA directories of photos that are gone.
 void Watcher::Rescan(size_t root) {
   const int fd = openat(roots_[root].fd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
@@ -76,8 +76,9 @@ void Watcher::AddTree(size_t root, int parent, const std::string& name, int fd, 
     SayOnce(&saidDeep_, TooDeepMessage(1, rel));
     return;
   }
-  const size_t tooDeep = WalkFolders(fd, kMaxTreeDepth - depth, [&](
-      const Folder& folder, const std::vector<Entry>& entries) {
+  // Each folder's watch is added before it is listed: a file made in
+  // between is seen by one or the other.
+  const FolderEnter enter = [&](const Folder& folder) {
     const int up = folder.parent == kNoFolder ? parent : wds[folder.parent];
     const std::string dirRel = rel + folder.rel;
     int wd = -1;
@@ -96,6 +97,10 @@ void Watcher::AddTree(size_t root, int parent, const std::string& name, int fd, 
       }
     }
     wds.push_back(wd);
+  };
+  const FolderVisit visit = [&](const Folder& folder, const std::vector<Entry>& entries) {
+    const std::string dirRel = rel + folder.rel;
+    const int wd = wds[folder.id];
     std::set<std::string> files;
     for (const Entry& e : entries) {
       const std::string& n = e.name;
@@ -116,7 +121,8 @@ void Watcher::AddTree(size_t root, int parent, const std::string& name, int fd, 
         if (files.count(n) == 0) RemoveEADir(folder.fd, n, false, &freed);
       }
     }
-  }, &deep);
+  };
+  const size_t tooDeep = WalkFolders(fd, kMaxTreeDepth - depth, visit, &deep, enter);
   if (tooDeep > 0) SayOnce(&saidDeep_, TooDeepMessage(tooDeep, rel + deep));
 }
 
