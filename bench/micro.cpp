@@ -105,12 +105,24 @@ void BM_ToolStart(benchmark::State& state) {
   state.counters["child_cpu_ms"] = benchmark::Counter(cpuMs() - before, benchmark::Counter::kAvgIterations);
 }
 
+// A sandbox child with an empty body: the full file view (range 0) or
+// none, for a body that opens nothing (1).
+void BM_SandboxRun(benchmark::State& state) {
+  kovathumb::sandbox::Spec spec;
+  spec.opensNothing = state.range(0) == 1;
+  for (auto _ : state) {
+    int status = -1;
+    benchmark::DoNotOptimize(kovathumb::sandbox::Run(spec, [](int) { return 0; }, nullptr, 0, &status));
+  }
+}
+
 BENCHMARK(BM_ExtractJpeg)->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_ExtractJpegWithPreview)->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_ExtractHeic)->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_NameBuilders);
 BENCHMARK(BM_ChoosePreview);
 BENCHMARK(BM_ArgvComposition);
+BENCHMARK(BM_SandboxRun)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(200);
 BENCHMARK(BM_ToolStart)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(100);
 
 }  // namespace

@@ -187,6 +187,12 @@ F tools/front_end/send.cpp :: our front ends ask If-Modified-Since when If-None-
 F tools/kovathumb/workers.cpp :: a failed video screenshot leaves its EA directory behind
 - store::RemoveIfEmpty(ea.get(), pinned.Base());
 +
+F src/sandbox/sandbox.cpp :: a child that opens nothing may fork
+- ok = ok && seccomp_rule_add(ctx, refuse, SCMP_SYS(clone), 1,\n                                SCMP_A0(SCMP_CMP_MASKED_EQ, CLONE_THREAD, 0)) == 0;
++
+F src/sandbox/sandbox.cpp :: a child that opens nothing sees the whole file view
+- if (spec.opensNothing) {  // nothing in it
++ if (false) {
 F tools/front_end/tree.cpp :: watch lists a new folder before its watch is added
 - if (enter) enter(folder);\n    const std::vector<Entry> entries = ReadEntries(folder.fd);
 + const std::vector<Entry> entries = ReadEntries(folder.fd);\n    if (enter) enter(folder);

@@ -38,6 +38,7 @@ namespace kovathumb {
 
 namespace internal {
 class ThumbInfoAccess;
+struct PreviewProps;
 }  // namespace internal
 
 // Width then height in pixels; 2147483647 in both means no limit.
@@ -122,6 +123,9 @@ class KOVATHUMB_EXPORT ThumbInfo {
   // both, from one opening of the source; ExtractImgInfo's errors.
   KOVATHUMB_LOCAL void Read(bool facts, bool preview);
   KOVATHUMB_LOCAL int ResolveOrientationIndex(Exiv2::Image& image) const;
+  // Which of the embedded previews `props` makes this size, by the mode's
+  // rules; -1 for none.
+  KOVATHUMB_LOCAL int ChoosePreview(const std::vector<internal::PreviewProps>& props) const;
   KOVATHUMB_LOCAL void CheckAndGetHeif();
   // Quality mode's types beyond the metadata reader's (AVIF, JPEG XL, CR3):
   // true when read (with `facts`), or read already (without).
@@ -148,6 +152,8 @@ class KOVATHUMB_EXPORT ThumbInfo {
   bool quality_ = false;  // set by Thumb: choose previews by quality mode's rules
   struct stat64 fileStat_;
   std::shared_ptr<const int> sourceFd_;  // shared by copies
+  // The embedded previews the facts' reading listed; null when not listed.
+  std::shared_ptr<const std::vector<internal::PreviewProps>> previews_;
 };
 
 }  // namespace kovathumb

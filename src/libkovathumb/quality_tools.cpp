@@ -22,6 +22,7 @@ namespace internal {
 JpegFacts ScanJpegApart(int fd) {
   sandbox::Spec spec;
   spec.keep = {fd};
+  spec.opensNothing = true;
   spec.limits.wallSeconds = 10;
   spec.limits.cpuSeconds = 10;
   std::string reply;

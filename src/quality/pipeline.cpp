@@ -175,6 +175,7 @@ bool RunPipeline(const PipelineSource& source, std::vector<PipelineSize>* sizes,
   sandbox::Spec spec;
   spec.keep = {source.fd, workDir};
   spec.writable = {workDir};  // the body runs as the sandbox account
+  spec.opensNothing = true;   // its decoders are loaded already
   spec.limits = PipelineLimits(uint64_t{source.width} * source.height);
   std::string reply;
   int status = -1;

@@ -216,6 +216,11 @@ bool Attach(const Tree& t) {
 // the caller stay valid names: "/proc/<pid>/fd/N" is a bind of that file.
 bool EnterView(const Spec& spec, const std::vector<Tree>& trees) {
   if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) return false;
+  if (spec.opensNothing) {  // nothing in it
+    if (mount("none", kViewRoot, "tmpfs", MS_RDONLY | kSafeFlags | MS_NOEXEC, "size=4k,nr_inodes=1") != 0) return false;
+    return chdir(kViewRoot) == 0 && syscall(SYS_pivot_root, ".", ".") == 0 && umount2(".", MNT_DETACH) == 0 &&
+           chdir("/") == 0;
+  }
   if (mount("none", kViewRoot, "tmpfs", kSafeFlags | MS_NOEXEC, "mode=0755,size=64k,nr_inodes=4096") != 0) {
     return false;
   }
@@ -305,7 +310,8 @@ const int kRefusedCalls[] = {
 constexpr uint64_t kNamespaceFlags = CLONE_NEWNS | CLONE_NEWUSER | CLONE_NEWPID | CLONE_NEWNET | CLONE_NEWIPC |
                                      CLONE_NEWUTS | CLONE_NEWCGROUP | 0x80 /* CLONE_NEWTIME */;
 
-bool InstallFilter() {
+// `lean`: a body that opens nothing, for which starting a process is refused too.
+bool InstallFilter(bool lean) {
   scmp_filter_ctx ctx = seccomp_init(SCMP_ACT_ALLOW);
   if (ctx == nullptr) return false;
   const uint32_t refuse = SCMP_ACT_ERRNO(EPERM);
@@ -323,6 +329,13 @@ bool InstallFilter() {
     }
   }
   ok = ok && seccomp_rule_add(ctx, SCMP_ACT_ERRNO(ENOSYS), SCMP_SYS(clone3), 0) == 0;
+  if (lean) {
+    for (int call : {SCMP_SYS(execve), SCMP_SYS(execveat), SCMP_SYS(fork), SCMP_SYS(vfork)}) {
+      ok = ok && seccomp_rule_add(ctx, refuse, call, 0) == 0;
+    }
+    ok = ok && seccomp_rule_add(ctx, refuse, SCMP_SYS(clone), 1,
+                                SCMP_A0(SCMP_CMP_MASKED_EQ, CLONE_THREAD, 0)) == 0;
+  }
   // Typing into the terminal of whoever started us.
   ok = ok && seccomp_rule_add(ctx, refuse, SCMP_SYS(ioctl), 1, SCMP_A1(SCMP_CMP_MASKED_EQ, 0xffffffffu, TIOCSTI)) == 0;
   ok = ok && seccomp_load(ctx) == 0;
@@ -330,12 +343,18 @@ bool InstallFilter() {
   return ok;
 }
 
+// Whether this kernel has seccomp filters; a lean child needs one.
+bool FilterAvailable() {
+  static const bool available = prctl(PR_GET_SECCOMP, 0, 0, 0, 0) >= 0;
+  return available;
+}
+
 // What the body's process reports before the body runs.
 constexpr unsigned kRefusedBit = 1u << 31;
 
 // Enters everything this kernel offers; returns the Mechanism bits, with
 // kRefusedBit when root could not be given up.
-unsigned EnterIsolation(const Spec& spec, const std::vector<Tree>& trees, bool namespaces,
+unsigned EnterIsolation(const Spec& spec, const std::vector<Tree>& trees, bool namespaces, bool lean,
                         const Account& account) {
   unsigned applied = 0;
   if (geteuid() == 0) {
@@ -352,15 +371,21 @@ unsigned EnterIsolation(const Spec& spec, const std::vector<Tree>& trees, bool n
   // Not dumpable: no other process of the account may read or trace it.
   prctl(PR_SET_DUMPABLE, 0, 0, 0, 0);
   if (prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0) applied |= kNoNewPrivs;
-  if ((applied & kNoNewPrivs) != 0 && InstallFilter()) applied |= kSyscallFilter;
+  if ((applied & kNoNewPrivs) != 0 && InstallFilter(lean)) applied |= kSyscallFilter;
+  // Without the filter a lean child would have neither it nor what it
+  // stands in for (a network namespace, a keeper).
+  if (lean && (applied & kSyscallFilter) == 0) return applied | kRefusedBit;
+  if (lean) applied |= kNoChildren;
   ApplyLimits(spec.limits);
   return applied;
 }
 
-// The keeper's namespaces; false when there are none to have.
-bool EnterNamespaces(bool* pid) {
+// The keeper's namespaces; false when there are none to have. A lean
+// child has no keeper: it keeps the network namespace's place with its filter.
+bool EnterNamespaces(bool lean, bool* pid) {
   *pid = false;
   if (geteuid() != 0) return false;
+  if (lean) return unshare(CLONE_NEWNS | CLONE_NEWIPC | CLONE_NEWUTS) == 0;
   if (unshare(CLONE_NEWNS | CLONE_NEWNET | CLONE_NEWIPC | CLONE_NEWUTS | CLONE_NEWPID) == 0) {
     *pid = true;
     return true;
@@ -372,11 +397,12 @@ bool EnterNamespaces(bool* pid) {
 
 // The child: keeper, then the body's process.
 [[noreturn]] void Child(const Spec& spec, const std::function<int(int)>& body, int reply, pid_t caller,
-                        const Account& account, const std::vector<std::pair<int, int>>& copies) {
+                        const Account& account, const std::vector<std::pair<int, int>>& copies, bool lean) {
   CloseOthers(spec, reply, copies);
-  const std::vector<Tree> trees = geteuid() == 0 ? CloneTrees(spec, caller, copies) : std::vector<Tree>();
+  const std::vector<Tree> trees =
+      geteuid() == 0 && !spec.opensNothing ? CloneTrees(spec, caller, copies) : std::vector<Tree>();
   bool pidNamespace = false;
-  const bool namespaces = EnterNamespaces(&pidNamespace);
+  const bool namespaces = EnterNamespaces(lean, &pidNamespace);
   int keeperLife = -1;
   if (pidNamespace) {
     // The body's process is the first of the new namespace; this one only
@@ -410,7 +436,7 @@ bool EnterNamespaces(bool* pid) {
     close(life[1]);
     keeperLife = life[0];
   }
-  unsigned applied = EnterIsolation(spec, trees, namespaces, account);
+  unsigned applied = EnterIsolation(spec, trees, namespaces, lean, account);
   if (keeperLife >= 0) {
     // Set after the change of account, which clears it: the namespace's
     // processes die with the keeper, which Run() kills when time is up.
@@ -575,6 +601,7 @@ Outcome Run(const Spec& spec, const std::function<int(int)>& body, std::string* 
 #endif
   const Account& account = SandboxAccount();
   const pid_t caller = getpid();
+  const bool lean = spec.opensNothing && FilterAvailable();
   int fds[2];
   if (pipe2(fds, O_CLOEXEC) != 0) return kNoChild;
   std::vector<int> lend = spec.writable;
@@ -592,7 +619,7 @@ Outcome Run(const Spec& spec, const std::function<int(int)>& body, std::string* 
   }
   if (pid == 0) {
     close(fds[0]);
-    Child(spec, body, fds[1], caller, account, copies);
+    Child(spec, body, fds[1], caller, account, copies, lean);
   }
   close(fds[1]);
   const int64_t deadline = NowMs() + int64_t{spec.limits.wallSeconds} * 1000 + 1000;
@@ -621,17 +648,24 @@ Outcome Run(const Spec& spec, const std::function<int(int)>& body, std::string* 
   if (timedOut) kill(pid, SIGKILL);
   pid_t r;
   // A child that closed its end but lingers is bounded by the same deadline.
+  // Its end is waited for on its pidfd (Linux 5.3), else in 1 ms ticks.
+  const int pidfd = static_cast<int>(syscall(SYS_pidfd_open, pid, 0));
   while ((r = waitpid(pid, &ws, WNOHANG)) == 0) {
-    if (NowMs() >= deadline) {
+    const int64_t left = deadline - NowMs();
+    if (left <= 0) {
       kill(pid, SIGKILL);
       timedOut = true;
       while (waitpid(pid, &ws, 0) < 0 && errno == EINTR) {
       }
       break;
     }
-    struct timespec tick = {0, 1000 * 1000};
-    nanosleep(&tick, nullptr);
+    struct pollfd p = {pidfd, POLLIN, 0};
+    if (pidfd < 0 || poll(&p, 1, static_cast<int>(std::min<int64_t>(left, 1 << 30))) < 0) {
+      struct timespec tick = {0, 1000 * 1000};
+      nanosleep(&tick, nullptr);
+    }
   }
+  if (pidfd >= 0) close(pidfd);
   // The keeper is gone, so its namespace's processes are too: none can
   // still write into what was lent.
   TakeBack(lent);

@@ -46,6 +46,7 @@ enum Mechanism : unsigned {
   kNamespaces = 1u << 4,     // own mount, network, IPC and host-name namespaces
   kPidNamespace = 1u << 5,   // its processes die with it
   kFileView = 1u << 6,       // a root holding only the libraries, tools and its files
+  kNoChildren = 1u << 7,     // may neither fork nor exec: nothing outlives it (Spec::opensNothing)
 };
 
 struct Spec {
@@ -68,6 +69,13 @@ struct Spec {
     bool writable;
   };
   std::vector<Shown> shown;
+  // The body starts no process and opens nothing by name: all it reads and
+  // writes is in `keep`, its code already loaded. Its view is then an empty
+  // root, and the filter refuses fork and exec (threads stay), so no keeper
+  // or PID namespace is needed, nor a network namespace beside the filter's
+  // refusal of sockets: a cheaper child. `visible`, `shown` and `cwd` must
+  // be empty; `writable` directories are still lent, reached by descriptor.
+  bool opensNothing = false;
   // Where the body starts in the view (a caller's relative names resolve
   // there); "" for its root.
   std::string cwd;

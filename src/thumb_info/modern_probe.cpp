@@ -77,6 +77,7 @@ bool ThumbInfo::ProbeModern(bool readFacts) {
   const int source = *sourceFd_;
   sandbox::Spec spec;
   spec.keep = {source};
+  spec.opensNothing = true;
   spec.limits.wallSeconds = 20;
   spec.limits.cpuSeconds = 20;
   spec.limits.addressSpace = KOVA_CHILD_ADDRESS_SPACE;

@@ -51,6 +51,14 @@ int ChoosePreview(const std::vector<PreviewProps>& previews, const std::string& 
 
 namespace internal {
 
+bool ListPreviews(Exiv2::Image& image, size_t max, std::vector<PreviewProps>* props) {
+  const Exiv2::PreviewPropertiesList list = Exiv2::PreviewManager(image).getPreviewProperties();
+  if (list.size() > max) return false;
+  props->clear();
+  for (const Exiv2::PreviewProperties& p : list) props->push_back({p.mimeType_, p.width_, p.height_});
+  return true;
+}
+
 bool ReadChosenPreview(Exiv2::Image& image, const std::function<int(const std::vector<PreviewProps>&)>& choose,
                        std::string* extension, std::string* data) {
   Exiv2::PreviewManager manager(image);

@@ -24,6 +24,7 @@ namespace {
 constexpr unsigned kProbeSeconds = 10;
 constexpr size_t kMaxPreviewBytes = size_t{256} << 20;
 constexpr size_t kMaxText = 4096;
+constexpr size_t kMaxListed = 16;  // previews; raws have a handful
 
 // The child's log lines, sent back with its answer: it has no way to the
 // system log, and the lines are the parent's to write.
@@ -71,7 +72,10 @@ Probed Read(const ProbeRequest& r) {
     out.width = static_cast<uint32_t>(image->pixelWidth());
     out.height = static_cast<uint32_t>(image->pixelHeight());
     if (r.preview) out.previewFound = ReadChosenPreview(*image, r.choosePreview, &out.extension, &out.data);
-    if (r.facts) out.index = r.orientation(*image);
+    if (r.facts) {
+      out.index = r.orientation(*image);
+      out.previewsListed = ListPreviews(*image, kMaxListed, &out.previews);
+    }
   } catch (const Exiv2::AnyError& e) {
     out = Probed();
     out.failed = true;
@@ -89,6 +93,10 @@ std::string Encode(const Probed& p) {
                                std::to_string(p.width), std::to_string(p.height), std::to_string(p.index),
                                std::string(p.previewFound ? "1" : "0"), p.extension, p.data}) {
     Put(&out, s);
+  }
+  Put(&out, p.previewsListed ? std::to_string(p.previews.size()) : "-");
+  for (const PreviewProps& v : p.previews) {
+    for (const std::string& s : {v.mimeType, std::to_string(v.width), std::to_string(v.height)}) Put(&out, s);
   }
   return out;
 }
@@ -120,6 +128,20 @@ bool Decode(const std::string& in, Probed* p) {
   p->previewFound = f[7] == "1";
   p->extension = f[8];
   p->data = f[9];
+  std::string listed;
+  uint64_t count = 0;
+  if (!Take(in, &at, 2, &listed) || (listed != "-" && !Number(listed, kMaxListed, &count))) return false;
+  p->previewsListed = listed != "-";
+  p->previews.clear();
+  for (uint64_t i = 0; i < count; ++i) {
+    std::string mime, w, h;
+    uint64_t width, height;
+    if (!Take(in, &at, 128, &mime) || !Take(in, &at, 10, &w) || !Take(in, &at, 10, &h) ||
+        !Number(w, UINT32_MAX, &width) || !Number(h, UINT32_MAX, &height)) {
+      return false;
+    }
+    p->previews.push_back({mime, static_cast<uint32_t>(width), static_cast<uint32_t>(height)});
+  }
   // What remains are the child's log lines.
   for (std::string line; at < in.size();) {
     if (!Take(in, &at, kMaxText + 16, &line)) return false;
@@ -142,6 +164,7 @@ Probed ProbeInSandbox(const ProbeRequest& r, size_t orientations) {
   }
   sandbox::Spec spec;
   spec.keep = {r.fd};
+  spec.opensNothing = true;
   spec.limits.wallSeconds = kProbeSeconds;
   spec.limits.cpuSeconds = kProbeSeconds;
   spec.limits.addressSpace = KOVA_CHILD_ADDRESS_SPACE;

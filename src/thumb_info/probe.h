@@ -41,12 +41,18 @@ struct Probed {
   bool previewFound = false;
   std::string extension;
   std::string data;
+  // With the facts: every embedded preview, unless there are too many to list.
+  bool previewsListed = false;
+  std::vector<PreviewProps> previews;
 };
 
 // Reads `request` in a sandboxed child. A child that crashed, hung, or
 // answered what cannot be (an orientation outside `orientations`, an
 // oversized field) fails as an unreadable file does.
 Probed ProbeInSandbox(const ProbeRequest& request, size_t orientations);
+
+// The embedded previews of `image`, at most `max`; false when there are more.
+bool ListPreviews(Exiv2::Image& image, size_t max, std::vector<PreviewProps>* props);
 
 // The chosen embedded preview of `image`; false when none is chosen.
 bool ReadChosenPreview(Exiv2::Image& image, const std::function<int(const std::vector<PreviewProps>&)>& choose,

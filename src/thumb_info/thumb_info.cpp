@@ -85,6 +85,11 @@ ThumbInfo::~ThumbInfo() = default;
 
 void ThumbInfo::ExtractImgInfo(bool withPreview) { Read(true, withPreview); }
 
+int ThumbInfo::ChoosePreview(const std::vector<internal::PreviewProps>& props) const {
+  return quality_ ? internal::ChooseQualityPreview(props, width_, height_, dimension_)
+                  : internal::ChoosePreview(props, mimeType_, dimension_);
+}
+
 void ThumbInfo::Read(bool facts, bool preview) {
   if (IsSupportVideo(internal::BaseName(path_))) return;
 
@@ -95,9 +100,7 @@ void ThumbInfo::Read(bool facts, bool preview) {
     std::lock_guard<std::mutex> lock(exiv2_mutex_);
     const internal::ProbeRequest request{sourceFd_ ? *sourceFd_ : -1, path_, PinnedSource(), facts, preview,
                                          [this](const std::vector<internal::PreviewProps>& props) {
-                                           return quality_ ? internal::ChooseQualityPreview(props, width_, height_,
-                                                                                            dimension_)
-                                                           : internal::ChoosePreview(props, mimeType_, dimension_);
+                                           return ChoosePreview(props);
                                          },
                                          [this](Exiv2::Image& image) { return ResolveOrientationIndex(image); }};
     probed = internal::ProbeInSandbox(request, rotateFlopMappingList_.size());
@@ -110,6 +113,8 @@ void ThumbInfo::Read(bool facts, bool preview) {
     mimeType_ = probed.mime;
     width_ = probed.width;
     height_ = probed.height;
+    previews_.reset();
+    if (probed.previewsListed) previews_ = std::make_shared<std::vector<internal::PreviewProps>>(probed.previews);
   }
   if (!failed && preview) {
     exifPreviewTmpPath_.clear();

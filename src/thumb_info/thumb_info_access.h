@@ -60,7 +60,8 @@ class ThumbInfoAccess {
   // conversion needs it: an answer from the store forks no reader.
   static void ReadPreview(ThumbInfo* info) {
     DropPreview(info);
-    if (info->good_) info->Read(false, true);
+    // None of the previews the facts listed would be chosen: not read again.
+    if (info->good_ && (!info->previews_ || info->ChoosePreview(*info->previews_) >= 0)) info->Read(false, true);
   }
   // Removes the preview file an earlier request left unused.
   static void DropPreview(ThumbInfo* info) {

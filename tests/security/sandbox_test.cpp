@@ -1,6 +1,7 @@
 // What a body run by sandbox::Run can reach, as root and as a user: only
 // the files it was shown, no network, no way back to root; its processes
-// end with it, and what it left in a writable directory is cleaned.
+// end with it (a body that opens nothing starts none), and what it left in
+// a writable directory is cleaned.
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/in.h>
@@ -10,6 +11,8 @@
 #include <sys/wait.h>
 
 #include <gtest/gtest.h>
+
+#include <thread>
 
 #include "sandbox/sandbox.h"
 #include "support/attacker.h"
@@ -152,6 +155,43 @@ TEST_F(SandboxRootTest, EveryAttemptFailsAsRootAndAsAUser) {
   }
   EXPECT_FALSE(test::Exists(t_.mine + "/dropped") || test::Exists(t_.top / "dropped"));
   EXPECT_TRUE(test::Stat(work_.path()).st_uid == 0 && (test::Stat(work_.path()).st_mode & 07777) == 0700);
+
+  // A body that opens nothing by name: the same escapes fail, and it can
+  // start no process; it still reads its input, writes its output and
+  // runs threads, through what it was handed.
+  std::vector<Attempt> lean(attempts.begin(), attempts.end() - 2);
+  const int in = source_.get(), out = work_.fd();
+  lean.push_back({"fork", [] {
+    const pid_t pid = fork();
+    if (pid == 0) _exit(0);
+    return pid > 0 && waitpid(pid, nullptr, 0) == pid;
+  }});
+  lean.push_back({"exec", [] {
+    char* const argv[] = {nullptr};
+    return execve("/nonexistent", argv, argv) != 0 && errno != EPERM;
+  }});
+  lean.push_back({"see any file by name", [] { return access("/usr", F_OK) == 0 || access("/etc/passwd", F_OK) == 0; }});
+  lean.push_back({"not read its input", [in] { char b[16]; return pread(in, b, sizeof b, 0) != sizeof b; }});
+  lean.push_back({"not write its output", [out] {
+    return openat(out, "lean", O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600) < 0;
+  }});
+  lean.push_back({"not run a thread", [] {
+    bool ran = false;
+    std::thread([&] { ran = true; }).join();
+    return !ran;
+  }});
+  sandbox::Spec spec;
+  unsigned applied = 0;
+  spec.keep = {in, out};
+  spec.writable = {out};
+  spec.opensNothing = true;
+  spec.applied = &applied;
+  sandbox::Outcome outcome = sandbox::kNoChild;
+  EXPECT_EQ(Attack(spec, lean, &outcome), std::string(lean.size(), '0'));
+  EXPECT_EQ(outcome, sandbox::kExited);
+  EXPECT_EQ(applied, sandbox::kUnprivileged | sandbox::kNoCapabilities | sandbox::kNoNewPrivs |
+                         sandbox::kSyscallFilter | sandbox::kNamespaces | sandbox::kFileView | sandbox::kNoChildren);
+  EXPECT_TRUE(test::Exists(work_.path() + "/lean"));
 }
 
 TEST_F(SandboxRootTest, LeftoversDieAndWhatWasPlantedIsRemoved) {
@@ -316,10 +356,14 @@ TEST(SandboxAnswerTest, MalformedAnswersAndPinnedArguments) {
   good.previewFound = true;
   good.extension = ".jpg";
   good.data = "bytes";
+  good.previewsListed = true;
+  good.previews = {{"image/jpeg", 160, 120}, {"image/tiff", 1616, 1080}};
   const std::string encoded = internal::Encode(good);
   internal::Probed back;
   ASSERT_TRUE(internal::Decode(encoded, &back));
   EXPECT_TRUE(back.mime == good.mime && back.width == 10 && back.extension == ".jpg" && back.data == "bytes");
+  EXPECT_TRUE(back.previewsListed && back.previews.size() == 2 && back.previews[1].mimeType == "image/tiff" &&
+              back.previews[1].height == 1080);
   const auto with = [&](const std::function<void(internal::Probed*)>& change) {
     internal::Probed p = good;
     change(&p);
@@ -328,7 +372,10 @@ TEST(SandboxAnswerTest, MalformedAnswersAndPinnedArguments) {
   for (const std::string& bad : {encoded.substr(0, encoded.size() - 1), encoded + "x",
                                  with([](internal::Probed* p) { p->extension = "/../x"; }),
                                  with([](internal::Probed* p) { p->mime = std::string(200, 'm'); }),
-                                 with([](internal::Probed* p) { p->index = 65; }), std::string()}) {
+                                 with([](internal::Probed* p) { p->index = 65; }),
+                                 with([](internal::Probed* p) { p->previews.resize(17); }),
+                                 with([](internal::Probed* p) { p->previews[0].mimeType.resize(200, 'm'); }),
+                                 std::string()}) {
     EXPECT_FALSE(internal::Decode(bad, &back)) << bad.size();
   }
   const std::string me = "/proc/" + std::to_string(getpid()) + "/fd/";
