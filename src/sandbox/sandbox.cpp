@@ -444,6 +444,10 @@ bool EnterNamespaces(bool lean, bool* pid) {
     struct pollfd p = {keeperLife, POLLIN, 0};
     if (poll(&p, 1, 0) != 0) _exit(126);  // the keeper already died
     close(keeperLife);
+  } else if (lean) {
+    // No keeper: it dies with its caller, and not later than its alarm.
+    prctl(PR_SET_PDEATHSIG, SIGKILL, 0, 0, 0);
+    if (getppid() != caller) _exit(126);
   }
   for (const auto& c : copies) close(c.second);
   if (pidNamespace) applied |= kPidNamespace;
