@@ -5,7 +5,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cstring>
 #include <string>
 #include <vector>
 
@@ -25,14 +24,8 @@ JpegFacts ScanJpegApart(int fd) {
   spec.opensNothing = true;
   spec.limits.wallSeconds = 10;
   spec.limits.cpuSeconds = 10;
-  std::string reply;
-  int status = -1;
-  const sandbox::Outcome o = sandbox::Run(spec, [fd](int out) {
-    const JpegFacts f = ScanJpegFd(fd);
-    return safe_fs::WriteAll(out, &f, sizeof f) ? 0 : 1;
-  }, &reply, sizeof(JpegFacts), &status);
   JpegFacts facts;
-  if (o == sandbox::kExited && status == 0 && reply.size() == sizeof facts) memcpy(&facts, reply.data(), sizeof facts);
+  sandbox::RunForRecord<JpegFacts>(spec, [fd](JpegFacts* f) { return *f = ScanJpegFd(fd), true; }, &facts);
   return facts;
 }
 

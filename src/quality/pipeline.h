@@ -1,8 +1,8 @@
 // Quality mode in one process: every size of one source from one decode,
 // each made from the next larger and written once as a JPEG (a PNG, with
-// its alpha, for PNG sources), all inside one sandboxed child. Root plans the sizes, the child decodes, scales, turns
-// and encodes into a private work directory, and root checks each file it
-// names before storing it.
+// its alpha, for PNG sources), all inside one sandboxed child. Root plans
+// the sizes, the child decodes, scales, turns and encodes into a private
+// work directory, and root checks each file it names before storing it.
 #ifndef KOVATHUMB_QUALITY_PIPELINE_H_
 #define KOVATHUMB_QUALITY_PIPELINE_H_
 
@@ -68,7 +68,8 @@ struct PipelineSize {
 
 // Makes every size of `sizes` (largest first, each from the one before) in
 // the private directory open at `workDir`; marks those made after checking
-// each is a whole file of the type asked and of its planned size. False with `why` when none was.
+// each is a whole file of the type asked and of its planned size. False
+// with `why` when none was.
 bool RunPipeline(const PipelineSource& source, std::vector<PipelineSize>* sizes, int workDir,
                  std::string* why);
 

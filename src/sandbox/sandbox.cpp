@@ -686,5 +686,17 @@ Outcome Run(const Spec& spec, const std::function<int(int)>& body, std::string* 
   return kExited;
 }
 
+bool RunForRecord(const Spec& spec, const std::function<bool(void*)>& fill, void* out, size_t size) {
+  std::string reply;
+  int status = -1;
+  const Outcome o = Run(spec, [&](int fd) {
+    std::vector<unsigned char> record(size);  // zeroed, and aligned as new aligns
+    return fill(record.data()) && safe_fs::WriteAll(fd, record.data(), size) ? 0 : 1;
+  }, &reply, size, &status);
+  if (o != kExited || status != 0 || reply.size() != size) return false;
+  memcpy(out, reply.data(), size);
+  return true;
+}
+
 }  // namespace sandbox
 }  // namespace kovathumb

@@ -26,6 +26,7 @@
 #include <cstdint>
 #include <functional>
 #include <string>
+#include <type_traits>
 #include <vector>
 
 namespace kovathumb {
@@ -108,6 +109,17 @@ bool RunTool(const char* path, const char* const argv[], int out = -1, int err =
 // Runs `body` in an isolated child (see above). `reply` may be null.
 Outcome Run(const Spec& spec, const std::function<int(int replyFd)>& body, std::string* reply,
             size_t maxReply, int* status);
+
+// Run() for a body whose answer is one fixed-size record: `fill` fills a
+// zeroed one in the child, and it comes back as its bytes. True, with
+// `*out` set, when the child ended well and answered exactly one record;
+// `*out` is untouched otherwise. What comes back is untrusted data.
+bool RunForRecord(const Spec& spec, const std::function<bool(void* record)>& fill, void* out, size_t size);
+template <typename Record>
+bool RunForRecord(const Spec& spec, const std::function<bool(Record*)>& fill, Record* out) {
+  static_assert(std::is_trivially_copyable<Record>::value, "a record is sent as its bytes");
+  return RunForRecord(spec, [&](void* r) { return fill(static_cast<Record*>(r)); }, out, sizeof(Record));
+}
 
 }  // namespace sandbox
 }  // namespace kovathumb

@@ -52,8 +52,11 @@ void ThumbInfo::CheckAndGetHeif() {
   }
   // libheif reads the source in a sandboxed child (the module is loaded
   // here, where its files are); the answer is a fixed-size record.
-  KovathumbHeifResult result{};
-  int outcome = KOVATHUMB_HEIF_RUNTIME_ERROR;
+  struct Answer {
+    int outcome;
+    KovathumbHeifResult result;
+  } answer{KOVATHUMB_HEIF_RUNTIME_ERROR, {}};
+  KovathumbHeifResult& result = answer.result;
   if (sourceFd_) {
     sandbox::Spec spec;
     spec.visible = {*sourceFd_};
@@ -61,16 +64,9 @@ void ThumbInfo::CheckAndGetHeif() {
     spec.limits.cpuSeconds = 20;
     spec.limits.addressSpace = KOVA_CHILD_ADDRESS_SPACE;
     const std::string source = safe_fs::ToolPath(*sourceFd_);
-    std::string reply;
-    int status = -1;
-    const sandbox::Outcome o = sandbox::Run(spec, [&](int fd) {
-      KovathumbHeifResult r{};
-      const int got = probe(source.c_str(), &r);
-      return safe_fs::WriteAll(fd, &got, sizeof got) && safe_fs::WriteAll(fd, &r, sizeof r) ? 0 : 1;
-    }, &reply, sizeof outcome + sizeof result, &status);
-    if (o == sandbox::kExited && status == 0 && reply.size() == sizeof outcome + sizeof result) {
-      memcpy(&outcome, reply.data(), sizeof outcome);
-      memcpy(&result, reply.data() + sizeof outcome, sizeof result);
+    if (sandbox::RunForRecord<Answer>(spec, [&](Answer* a) {
+          return a->outcome = probe(source.c_str(), &a->result), true;
+        }, &answer)) {
       result.message[sizeof result.message - 1] = '\0';
     } else {
       snprintf(result.message, sizeof result.message, "the HEIF reader stopped");
@@ -79,10 +75,10 @@ void ThumbInfo::CheckAndGetHeif() {
     snprintf(result.message, sizeof result.message, "cannot read the source");
   }
   const bool readable = result.width != 0 && result.height != 0;
-  switch (outcome) {
+  switch (answer.outcome) {
     case KOVATHUMB_HEIF_ACCEPTED:
     case KOVATHUMB_HEIF_REJECTED: {
-      if (outcome == KOVATHUMB_HEIF_REJECTED && !(quality_ && readable)) break;
+      if (answer.outcome == KOVATHUMB_HEIF_REJECTED && !(quality_ && readable)) break;
       const size_t index =
           quality_ ? static_cast<size_t>(internal::HeifOrientationIndex(
                          result.exifOrientation, result.width, result.height, result.ispeWidth,

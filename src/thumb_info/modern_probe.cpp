@@ -14,7 +14,6 @@
 #include "quality/decoders.h"
 #include "quality/formats_module.h"
 #include "sandbox/sandbox.h"
-#include "util/safe_fs.h"
 #include "util/log.h"
 
 namespace kovathumb {
@@ -81,23 +80,18 @@ bool ThumbInfo::ProbeModern(bool readFacts) {
   spec.limits.wallSeconds = 20;
   spec.limits.cpuSeconds = 20;
   spec.limits.addressSpace = KOVA_CHILD_ADDRESS_SPACE;
-  std::string reply;
-  int status = -1;
-  const sandbox::Outcome o = sandbox::Run(spec, [&](int fd) {
-    KovathumbModernFacts r{};
-    const bool ok = probe(source, &r);
-    return safe_fs::WriteAll(fd, &ok, sizeof ok) && safe_fs::WriteAll(fd, &r, sizeof r) ? 0 : 1;
-  }, &reply, sizeof(bool) + sizeof(KovathumbModernFacts), &status);
-  KovathumbModernFacts facts{};
-  bool ok = false;
-  if (o == sandbox::kExited && status == 0 && reply.size() == sizeof ok + sizeof facts) {
-    ok = reply[0] == 1;
-    memcpy(&facts, reply.data() + sizeof ok, sizeof facts);
-    facts.message[sizeof facts.message - 1] = '\0';
+  struct Answer {
+    int ok;
+    KovathumbModernFacts facts;
+  } answer{};
+  if (sandbox::RunForRecord<Answer>(spec, [&](Answer* a) { return a->ok = probe(source, &a->facts), true; },
+                                    &answer)) {
+    answer.facts.message[sizeof answer.facts.message - 1] = '\0';
   } else {
-    snprintf(facts.message, sizeof facts.message, "the reader stopped");
+    snprintf(answer.facts.message, sizeof answer.facts.message, "the reader stopped");
   }
-  if (!ok) {
+  const KovathumbModernFacts& facts = answer.facts;
+  if (answer.ok != 1) {
     KT_LOG("%s: %s", path_.c_str(), facts.message);
     return false;
   }

@@ -51,11 +51,19 @@ int ChoosePreview(const std::vector<PreviewProps>& previews, const std::string& 
 
 namespace internal {
 
+namespace {
+std::vector<PreviewProps> PropsOf(const Exiv2::PreviewPropertiesList& list) {
+  std::vector<PreviewProps> props;
+  props.reserve(list.size());
+  for (const Exiv2::PreviewProperties& p : list) props.push_back({p.mimeType_, p.width_, p.height_});
+  return props;
+}
+}  // namespace
+
 bool ListPreviews(Exiv2::Image& image, size_t max, std::vector<PreviewProps>* props) {
   const Exiv2::PreviewPropertiesList list = Exiv2::PreviewManager(image).getPreviewProperties();
   if (list.size() > max) return false;
-  props->clear();
-  for (const Exiv2::PreviewProperties& p : list) props->push_back({p.mimeType_, p.width_, p.height_});
+  *props = PropsOf(list);
   return true;
 }
 
@@ -63,10 +71,7 @@ bool ReadChosenPreview(Exiv2::Image& image, const std::function<int(const std::v
                        std::string* extension, std::string* data) {
   Exiv2::PreviewManager manager(image);
   const Exiv2::PreviewPropertiesList list = manager.getPreviewProperties();
-  std::vector<PreviewProps> props;
-  props.reserve(list.size());
-  for (const Exiv2::PreviewProperties& p : list) props.push_back({p.mimeType_, p.width_, p.height_});
-  const int best = choose(props);
+  const int best = choose(PropsOf(list));
   if (best < 0) return false;
   Exiv2::PreviewImage preview = manager.getPreviewImage(list[static_cast<size_t>(best)]);
   *extension = preview.extension();
