@@ -253,6 +253,33 @@ TEST_F(JpegCodecTest, OneChildMakesEverySizeAndRootTakesOnlyWhatItChecked) {
   close(work);
 }
 
+// A fuzzed AVIF: its container says 64 x 48, its AV1 sequence header a frame
+// of gigabytes, which libdav1d allocates before it finds the tiles missing.
+TEST_F(JpegCodecTest, AStreamFarLargerThanItsContainerSaysMakesNothing) {
+  const std::string hex =
+      "000000001c667479706176696600000000617669666d6966316d696166000000ea6d657461000000000000002168646c"
+      "72000000000000000070696374000000000000000000000000000000000e7069746d00000000000100000022696c6f63"
+      "0000000044400001000100000000010e000100000000000000340000002369696e6600000000000100000015696e6665"
+      "020000000001000061763031000000006a697072700000004b6970636f000000136b6f6c726e636c7800020002000680"
+      "0000000c61763143814029000000001469737065800000000000004000000030000000107069786900000000030a0a0a"
+      "0000001769706d610000000000000001000104818203840000003c6d64617412000a095873f6ffffff02069032251b00"
+      "2082080400402ef84fd4be5808004f033d28ec571d8643a337bcfaa3dd029abbd8cd70";
+  std::string bytes;
+  for (size_t i = 0; i + 1 < hex.size(); i += 2) bytes += static_cast<char>(std::stoi(hex.substr(i, 2), nullptr, 16));
+  test::WriteFile(dir_ / "giant.avif", bytes);
+  PipelineSource source;
+  source.fd = Open("giant.avif");
+  source.mime = "image/avif";
+  source.width = 64;
+  source.height = 48;
+  const int work = open(dir_.path().c_str(), O_DIRECTORY | O_RDONLY | O_CLOEXEC);
+  std::vector<PipelineSize> sizes = {{"g.jpg", PlanThumb(64, 48, 0, {120, 120}, false), false}};
+  std::string why;
+  EXPECT_FALSE(RunPipeline(source, &sizes, work, &why));
+  EXPECT_FALSE(sizes[0].made || test::Exists(dir_ / "g.jpg"));
+  close(work);
+}
+
 // A PNG chunk: length, type, data, CRC.
 std::string Chunk(const std::string& type, const std::string& data) {
   const auto be32 = [](uint32_t v) { return std::string{char(v >> 24), char(v >> 16), char(v >> 8), char(v)}; };
