@@ -38,10 +38,8 @@ declare -A limits=([probe]="-timeout=20 -rss_limit_mb=2048" [cgi]="-timeout=20 -
 # allocation beyond it fails and the decoder reports an error. Under the
 # sanitizers no such limit is set, so ASan is made to fail it the same way
 # (an AV1 stream may declare a frame of gigabytes inside a 64 x 48 AVIF).
-declare -A asan=([webp]=:allocator_may_return_null=1:max_allocation_size_mb=512
-                 [heif]=:allocator_may_return_null=1:max_allocation_size_mb=512
-                 [jxl]=:allocator_may_return_null=1:max_allocation_size_mb=512
-                 [raw]=:allocator_may_return_null=1:max_allocation_size_mb=512)
+bounded=:allocator_may_return_null=1:max_allocation_size_mb=512
+declare -A asan=([webp]=$bounded [heif]=$bounded [jxl]=$bounded [raw]=$bounded)
 failed=()
 for h in "${harnesses[@]}"; do
   echo "fuzzing $h for ${secs}s"

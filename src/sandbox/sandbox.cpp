@@ -349,27 +349,30 @@ scmp_filter_ctx BuildFilter(bool lean) {
   return ctx;
 }
 
-// The filter compiled once per process, in the caller: each child then only
-// installs it (libseccomp's generation cost every child a fifth of a
-// millisecond, and its allocations a copy of the pages they touch). Empty
-// where it could not be built.
+// The filter as the kernel takes it; empty where it could not be built.
+std::vector<sock_filter> CompileFilter(bool lean) {
+  std::vector<sock_filter> code;
+  scmp_filter_ctx ctx = BuildFilter(lean);
+  if (ctx == nullptr) return code;
+  const int fd = memfd_create("filter", MFD_CLOEXEC);
+  struct stat st;
+  if (fd >= 0 && seccomp_export_bpf(ctx, fd) == 0 && fstat(fd, &st) == 0 && st.st_size > 0 &&
+      st.st_size % static_cast<off_t>(sizeof(sock_filter)) == 0 &&
+      static_cast<size_t>(st.st_size) <= BPF_MAXINSNS * sizeof(sock_filter)) {
+    code.resize(static_cast<size_t>(st.st_size) / sizeof(sock_filter));
+    if (pread(fd, code.data(), static_cast<size_t>(st.st_size), 0) != st.st_size) code.clear();
+  }
+  if (fd >= 0) close(fd);
+  seccomp_release(ctx);
+  return code;
+}
+
+// Both filters, compiled once per process by the caller before its first
+// fork: a child only installs one (libseccomp's generation cost every child
+// a fifth of a millisecond, and its allocations a copy of the pages they
+// touch).
 const std::vector<sock_filter>& CompiledFilter(bool lean) {
-  static const auto compile = [](bool forLean) {
-    std::vector<sock_filter> code;
-    scmp_filter_ctx ctx = BuildFilter(forLean);
-    if (ctx == nullptr) return code;
-    const int fd = memfd_create("filter", MFD_CLOEXEC);
-    struct stat st;
-    if (fd >= 0 && seccomp_export_bpf(ctx, fd) == 0 && fstat(fd, &st) == 0 && st.st_size > 0 &&
-        st.st_size % static_cast<off_t>(sizeof(sock_filter)) == 0 && st.st_size <= (BPF_MAXINSNS * 8)) {
-      code.resize(static_cast<size_t>(st.st_size) / sizeof(sock_filter));
-      if (pread(fd, code.data(), static_cast<size_t>(st.st_size), 0) != st.st_size) code.clear();
-    }
-    if (fd >= 0) close(fd);
-    seccomp_release(ctx);
-    return code;
-  };
-  static const std::vector<sock_filter> full = compile(false), leanCode = compile(true);
+  static const std::vector<sock_filter> full = CompileFilter(false), leanCode = CompileFilter(true);
   return lean ? leanCode : full;
 }
 
@@ -643,7 +646,7 @@ Outcome Run(const Spec& spec, const std::function<int(int)>& body, std::string* 
   const Account& account = SandboxAccount();
   const pid_t caller = getpid();
   const bool lean = spec.opensNothing && FilterAvailable();
-  CompiledFilter(lean);  // here, not in the child
+  CompiledFilter(false);  // both, here rather than in the child
   int fds[2];
   if (pipe2(fds, O_CLOEXEC) != 0) return kNoChild;
   std::vector<int> lend = spec.writable;
