@@ -187,6 +187,9 @@ F tools/front_end/send.cpp :: our front ends ask If-Modified-Since when If-None-
 F tools/kovathumb/workers.cpp :: a failed video screenshot leaves its EA directory behind
 - store::RemoveIfEmpty(ea.get(), pinned.Base());
 +
+F src/quality/decode_raw.cpp :: every LibRaw preview reader trusted
+- if (thumb_load_raw != nullptr) return false;
++ return true;
 F src/sandbox/sandbox.cpp :: a child installs none of the filter it was compiled
 - return prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program, 0, 0) == 0;
 + return true;

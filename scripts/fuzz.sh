@@ -48,7 +48,9 @@ for h in "${harnesses[@]}"; do
     -artifact_prefix="$found/$h-" "$B/corpus/$h" "$B/seeds/$h" 2>"$B/$h.log"; then
     grep -E "stat::number_of_executed_units|cov:" "$B/$h.log" | tail -2
   else
-    tail -40 "$B/$h.log"
+    # The sanitizer's report with its stack, not only the shadow map below it.
+    sed -n '/^==[0-9]*==ERROR/,/^SUMMARY/p' "$B/$h.log" | head -60
+    tail -5 "$B/$h.log"
     failed+=("$h")
   fi
 done

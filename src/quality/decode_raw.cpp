@@ -180,6 +180,24 @@ int FromFlip(int flip) {
   }
 }
 
+// LibRaw 0.20 reads a planar ("layer") preview by the length the file
+// declares into a buffer sized by its width and height (a fuzzed DNG wrote
+// 172,800 bytes into 76,800), and its Kodak preview decoders trust the file
+// as much: only its JPEG and plain bitmap readers are let run, and a bitmap
+// only when declared whole (a shorter one it gathers from strips, a path no
+// camera needs).
+class Raw : public LibRaw {
+ public:
+  Raw() : LibRaw(LIBRAW_OPTIONS_NONE) {}
+  bool PreviewReaderTrusted() const {
+    if (thumb_load_raw != nullptr) return false;
+    if (write_thumb == &Raw::jpeg_thumb || write_thumb == &Raw::ppm16_thumb) return true;
+    const libraw_thumbnail_t& t = imgdata.thumbnail;
+    const uint64_t whole = uint64_t{t.twidth} * t.theight * (libraw_internal_data.unpacker_data.thumb_misc >> 5 & 7);
+    return write_thumb == &Raw::ppm_thumb && (t.tlength == 0 || t.tlength >= whole);
+  }
+};
+
 bool ViaLibRaw(std::vector<uint8_t>& bytes, const DecodeRequest& request, Image* out, KovathumbModernFacts* facts,
                std::string* why) {
   // LibRaw 0.20's CR3 parser recurses through boxes without bound (a fuzzed
@@ -187,7 +205,7 @@ bool ViaLibRaw(std::vector<uint8_t>& bytes, const DecodeRequest& request, Image*
   if (bytes.size() >= 12 && memcmp(bytes.data() + 4, "ftypcrx ", 8) == 0) {
     return *why = "a CR3 whose previews cannot be read", false;
   }
-  std::unique_ptr<LibRaw> raw(new LibRaw(LIBRAW_OPTIONS_NONE));
+  std::unique_ptr<Raw> raw(new Raw);
   int rc = raw->open_buffer(bytes.data(), bytes.size());
   if (rc == LIBRAW_SUCCESS && facts != nullptr) {
     facts->width = static_cast<uint32_t>(raw->imgdata.sizes.width);
@@ -200,6 +218,7 @@ bool ViaLibRaw(std::vector<uint8_t>& bytes, const DecodeRequest& request, Image*
                                             request.maxPixels, why)) {
     return false;
   }
+  if (rc == LIBRAW_SUCCESS && !raw->PreviewReaderTrusted()) return *why = "LibRaw: a preview of a kind it misreads", false;
   if (rc == LIBRAW_SUCCESS && out != nullptr) rc = raw->unpack_thumb();
   if (rc != LIBRAW_SUCCESS) return *why = std::string("LibRaw: ") + libraw_strerror(rc), false;
   const libraw_thumbnail_t& t = raw->imgdata.thumbnail;

@@ -12,6 +12,7 @@
 #include "quality/decoders.h"
 #include "quality/pipeline.h"
 #include "quality/resample.h"
+#include "support/dng.h"
 #include "support/test_util.h"
 
 namespace kovathumb {
@@ -255,29 +256,32 @@ TEST_F(JpegCodecTest, OneChildMakesEverySizeAndRootTakesOnlyWhatItChecked) {
 
 // A fuzzed AVIF: its container says 64 x 48, its AV1 sequence header a frame
 // of gigabytes, which libdav1d allocates before it finds the tiles missing.
-TEST_F(JpegCodecTest, AStreamFarLargerThanItsContainerSaysMakesNothing) {
-  const std::string hex =
-      "000000001c667479706176696600000000617669666d6966316d696166000000ea6d657461000000000000002168646c"
-      "72000000000000000070696374000000000000000000000000000000000e7069746d00000000000100000022696c6f63"
-      "0000000044400001000100000000010e000100000000000000340000002369696e6600000000000100000015696e6665"
-      "020000000001000061763031000000006a697072700000004b6970636f000000136b6f6c726e636c7800020002000680"
-      "0000000c61763143814029000000001469737065800000000000004000000030000000107069786900000000030a0a0a"
-      "0000001769706d610000000000000001000104818203840000003c6d64617412000a095873f6ffffff02069032251b00"
-      "2082080400402ef84fd4be5808004f033d28ec571d8643a337bcfaa3dd029abbd8cd70";
-  std::string bytes;
-  for (size_t i = 0; i + 1 < hex.size(); i += 2) bytes += static_cast<char>(std::stoi(hex.substr(i, 2), nullptr, 16));
-  test::WriteFile(dir_ / "giant.avif", bytes);
-  PipelineSource source;
-  source.fd = Open("giant.avif");
-  source.mime = "image/avif";
-  source.width = 64;
-  source.height = 48;
-  const int work = open(dir_.path().c_str(), O_DIRECTORY | O_RDONLY | O_CLOEXEC);
-  std::vector<PipelineSize> sizes = {{"g.jpg", PlanThumb(64, 48, 0, {120, 120}, false), false}};
-  std::string why;
-  EXPECT_FALSE(RunPipeline(source, &sizes, work, &why));
-  EXPECT_FALSE(sizes[0].made || test::Exists(dir_ / "g.jpg"));
-  close(work);
+TEST_F(JpegCodecTest, RawPreviewsAreReadOnlyByReadersThatBoundWhatTheyWrite) {
+  // IFD0's 160 x 120 bitmap; declared planar (compression 0), LibRaw
+  // writes past its buffer.
+  const std::string bitmap = test::MakeDng(256, 192, "", 0, 0);
+  const size_t compression = bitmap.find(std::string("\x03\x01\x03\x00\x01\x00\x00\x00\x01\x00", 10));
+  ASSERT_NE(compression, std::string::npos);
+  std::string planar = bitmap;
+  planar[compression + 8] = 0;
+  close(Write("preview.jpg"));
+  const struct {
+    const char* name;
+    std::string bytes;
+    uint32_t width;  // 0: refused
+  } rows[] = {{"bitmap", bitmap, 160},
+              {"planar", planar, 0},
+              {"jpeg", test::MakeDng(256, 192, test::ReadFile(dir_ / "preview.jpg"), 401, 301), 401}};
+  const DecodeFn decode = DecoderFor("image/x-nikon-nef");
+  ASSERT_NE(decode, nullptr);
+  for (const auto& row : rows) {
+    test::WriteFile(dir_ / row.name, row.bytes);
+    DecodeRequest request;
+    Image image;
+    std::string why;
+    EXPECT_EQ(decode(Open(row.name), request, &image, &why), row.width != 0) << row.name << ": " << why;
+    EXPECT_EQ(image.width, row.width) << row.name;
+  }
 }
 
 // A PNG chunk: length, type, data, CRC.
