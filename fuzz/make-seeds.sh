@@ -37,7 +37,6 @@ cjxl -q 90 "$t/a.png" "$t/a.jxl" >/dev/null 2>&1 && dseed 0 "$t/a.jxl" jxl/lossy
 cjxl -d 0 "$t/alpha.png" "$t/b.jxl" >/dev/null 2>&1 && dseed 0 "$t/b.jxl" jxl/lossless-alpha
 corpus=${KOVATHUMB_CORPUS:-$(dirname "$0")/../../shared/corpus}
 for f in "$corpus"/raw/*.cr3; do [ -f "$f" ] && dseed 0 "$f" "raw/$(basename "$f")"; done
-"$make_dng" "$t/r.dng" "$t/a.jpg" 64 48 2>/dev/null && dseed 0 "$t/r.dng" raw/dng || true
 # The in-process JPEG path: a size byte, then baseline, progressive, grey and CMYK files.
 mkdir -p "$dir/jpeg"
 $C -size 64x48 gradient:red-blue -interlace JPEG "$t/p.jpg"
