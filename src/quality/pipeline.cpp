@@ -1,6 +1,7 @@
 #include "quality/pipeline.h"
 
 #include <errno.h>
+#include <malloc.h>
 #include <stdio.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -146,15 +147,25 @@ int MakeSizes(const PipelineSource& source, const std::vector<PipelineSize>& siz
   }
   Premultiply(&pixels);  // RGBA is scaled premultiplied, from size to size
   const bool turn = TurnSum(source.rotate, source.userRotate) % 4 != 0 || source.flop;
-  for (size_t i : order) {
+  for (size_t n = 0; n < order.size(); ++n) {
+    const size_t i = order[n];
     const ThumbPlan& plan = sizes[i].plan;
     // A raw whose main image is lost decodes to its largest preview: the
     // sizes it does not cover are not made, never enlarged.
     if (plan.scaled.width > pixels.width || plan.scaled.height > pixels.height) continue;
     Pixels scaled = Resize(pixels, plan.scaled.width, plan.scaled.height);
-    Pixels out = CropCentre(scaled, plan.cut.width, plan.cut.height);
-    if (turn) out = Orient(out, source.rotate, source.flop, source.userRotate);
-    Unpremultiply(&out);
+    // The source's pages go back before the encoder takes its own; a size
+    // that needs no change of its pixels is encoded as scaled, uncopied.
+    if (n + 1 == order.size()) std::vector<unsigned char>().swap(pixels.rgb);
+    const bool asScaled = plan.cut.width == scaled.width && plan.cut.height == scaled.height && !turn &&
+                          scaled.channels != 4;
+    Pixels changed;
+    if (!asScaled) {
+      changed = CropCentre(scaled, plan.cut.width, plan.cut.height);
+      if (turn) changed = Orient(changed, source.rotate, source.flop, source.userRotate);
+      Unpremultiply(&changed);
+    }
+    const Pixels& out = asScaled ? scaled : changed;
     uint64_t bytes = 0;
     const bool encoded = png ? EncodePng(out, workDir, sizes[i].file, &bytes, &why)
                              : EncodeJpeg(out, JpegParamsFor(out.width, out.height), workDir, sizes[i].file, &bytes, &why);
@@ -180,8 +191,15 @@ bool RunPipeline(const PipelineSource& source, std::vector<PipelineSize>* sizes,
   std::string reply;
   int status = -1;
   const sandbox::Outcome outcome = sandbox::Run(
-      spec, [&](int replyFd) { return MakeSizes(source, *sizes, workDir, replyFd); }, &reply, kMaxReply,
-      &status);
+      spec,
+      [&](int replyFd) {
+        // Pictures come from the heap and stay there when freed: the encoder
+        // reuses the decoder's pages rather than faulting in fresh ones.
+        mallopt(M_MMAP_THRESHOLD, 32 << 20);
+        mallopt(M_TRIM_THRESHOLD, 256 << 20);
+        return MakeSizes(source, *sizes, workDir, replyFd);
+      },
+      &reply, kMaxReply, &status);
   // Whatever the child says is checked against what was asked.
   std::istringstream lines(reply);
   std::string line;

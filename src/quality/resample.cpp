@@ -203,18 +203,15 @@ Pixels Resize(const Pixels& in, uint32_t w, uint32_t h) {
   const Pixels& src = kx == 1 && ky == 1 ? in
                       : (blocks = ch == 4 ? BlockAverage<4>(in, kx, ky) : BlockAverage<3>(in, kx, ky));
 
-  // Rows first, over whole rows at once (which vectorises), then columns on
-  // the fewer rows left.
+  // Each output row: the rows blended first, over a whole row at once
+  // (which vectorises), then its columns. One row in between, not a picture:
+  // every page a child touches first is a fault.
   const Taps ty = KernelTaps(src.height, h);
+  const Taps tx = KernelTaps(src.width, w);
   const size_t srcRow = size_t{src.width} * ch;
-  std::vector<uint8_t> mid(srcRow * h + 4);
+  std::vector<uint8_t> mid(srcRow + 4);
   std::vector<int32_t> acc(srcRow);
   std::vector<const uint8_t*> rows(static_cast<size_t>(ty.count));
-  for (uint32_t y = 0; y < h; ++y) {
-    for (int k = 0; k < ty.count; ++k) rows[static_cast<size_t>(k)] = &src.rgb[(ty.first[y] + k) * srcRow];
-    BlendRows(rows.data(), &ty.weights[size_t{y} * ty.count], ty.count, srcRow, acc.data(), &mid[y * srcRow]);
-  }
-  const Taps tx = KernelTaps(src.width, w);
   Pixels out;
   out.width = w;
   out.height = h;
@@ -222,7 +219,9 @@ Pixels Resize(const Pixels& in, uint32_t w, uint32_t h) {
   out.rgb.resize(size_t{w} * h * ch);
   std::vector<uint8_t> line(size_t{w} * ch + 4);
   for (uint32_t y = 0; y < h; ++y) {
-    BlendColumns(&mid[y * srcRow], tx, w, ch, line.data());
+    for (int k = 0; k < ty.count; ++k) rows[static_cast<size_t>(k)] = &src.rgb[(ty.first[y] + k) * srcRow];
+    BlendRows(rows.data(), &ty.weights[size_t{y} * ty.count], ty.count, srcRow, acc.data(), mid.data());
+    BlendColumns(mid.data(), tx, w, ch, line.data());
     memcpy(&out.rgb[size_t{y} * w * ch], line.data(), size_t{w} * ch);
   }
   return out;
