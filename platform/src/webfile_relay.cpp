@@ -1,6 +1,5 @@
 #include "kovaplatform/webfile_relay.h"
 
-#include <ctype.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <stdlib.h>
@@ -12,7 +11,11 @@
 
 #include <string>
 
+#include "http/fields.h"
+
 namespace {
+
+namespace http = kovathumb::http;
 
 bool IsHead() {
   const char* method = getenv("REQUEST_METHOD");
@@ -43,48 +46,6 @@ int SendError(int status, const char* reason) {
   return status;
 }
 
-std::string HttpDate(time_t t) {
-  struct tm tm;
-  gmtime_r(&t, &tm);
-  char buf[64];
-  strftime(buf, sizeof buf, "%a, %d %b %Y %H:%M:%S GMT", &tm);
-  return buf;
-}
-
-bool ParseHttpDate(const char* text, time_t* out) {
-  struct tm tm;
-  memset(&tm, 0, sizeof tm);
-  const char* end = strptime(text, "%a, %d %b %Y %H:%M:%S GMT", &tm);
-  if (end == nullptr) return false;
-  *out = timegm(&tm);
-  return true;
-}
-
-// Content-Disposition with an ASCII name and the exact one percent-encoded.
-std::string Disposition(const char* name) {
-  std::string ascii, encoded;
-  for (const char* p = name; p != nullptr && *p != '\0'; ++p) {
-    const unsigned char c = static_cast<unsigned char>(*p);
-    ascii += (c < 0x20 || c >= 0x7F || c == '"' || c == '\\') ? '_' : static_cast<char>(c);
-    if (isalnum(c) || strchr("!#$&+-.^_`|~", c) != nullptr) {
-      encoded += static_cast<char>(c);
-    } else {
-      char hex[4];
-      snprintf(hex, sizeof hex, "%%%02X", c);
-      encoded += hex;
-    }
-  }
-  return "Content-Disposition: inline; filename=\"" + ascii + "\"; filename*=UTF-8''" + encoded + "\r\n";
-}
-
-std::string SanitizeMime(const char* mime) {
-  std::string m = mime != nullptr && *mime != '\0' ? mime : "application/octet-stream";
-  for (char& c : m) {
-    if (c == '\r' || c == '\n') c = ' ';
-  }
-  return m;
-}
-
 std::string BaseName(const char* path) {
   const char* slash = strrchr(path, '/');
   return slash != nullptr ? slash + 1 : path;
@@ -110,38 +71,6 @@ std::string PresentedName(const char* path) {
     name.resize(name.size() - kDeleted.size());
   }
   return name;
-}
-
-// Whether the If-None-Match list holds `*` alone or exactly our tag (weak
-// or strong).
-bool TagMatches(const std::string& list, const std::string& etag) {
-  size_t at = 0;
-  while (at < list.size()) {
-    size_t end = list.find(',', at);
-    if (end == std::string::npos) end = list.size();
-    std::string tag = list.substr(at, end - at);
-    const size_t first = tag.find_first_not_of(" \t");
-    const size_t last = tag.find_last_not_of(" \t");
-    tag = first == std::string::npos ? std::string() : tag.substr(first, last - first + 1);
-    if (tag.compare(0, 2, "W/") == 0) tag.erase(0, 2);
-    if (tag == "*" || tag == etag) return true;
-    at = end + 1;
-  }
-  return false;
-}
-
-// Whether the client's validators match this file's.
-bool NotModified(const std::string& etag, time_t mtime) {
-  if (const char* inm = getenv("HTTP_IF_NONE_MATCH")) {
-    // If-None-Match takes precedence over If-Modified-Since.
-    return TagMatches(inm, etag);
-  }
-  time_t since;
-  if (const char* ims = getenv("HTTP_IF_MODIFIED_SINCE")) {
-    // A date in the future is no validator.
-    if (ParseHttpDate(ims, &since) && since <= time(nullptr)) return mtime <= since;
-  }
-  return false;
 }
 
 bool SendBody(int in, off_t size) {
@@ -211,19 +140,14 @@ int WebFileRelay::Output(const char* path, const char* mime) {
     release();
     return SendError(500, "Internal Server Error");
   }
-  char tag[64];
-  snprintf(tag, sizeof tag, "\"%llx-%llx.%lx\"", static_cast<unsigned long long>(st.st_size),
-           static_cast<unsigned long long>(st.st_mtim.tv_sec), static_cast<long>(st.st_mtim.tv_nsec));
-  const std::string etag = tag;
-  const std::string validators =
-      "Last-Modified: " + HttpDate(st.st_mtime) + "\r\nETag: " + etag + "\r\n";
-  if (NotModified(etag, st.st_mtime)) {
+  const std::string validators = http::ValidatorFields(st);
+  if (http::NotModified(st, getenv("HTTP_IF_NONE_MATCH"), getenv("HTTP_IF_MODIFIED_SINCE"), time(nullptr))) {
     release();
     return Send("Status: 304 Not Modified\r\n" + validators + "\r\n") ? 0 : 1;
   }
-  const std::string head = "Content-Type: " + SanitizeMime(mime) + "\r\nContent-Length: " +
+  const std::string head = "Content-Type: " + http::SafeType(mime) + "\r\nContent-Length: " +
                            std::to_string(static_cast<long long>(st.st_size)) + "\r\n" +
-                           Disposition(PresentedName(path).c_str()) + validators + "\r\n";
+                           http::Disposition(PresentedName(path).c_str()) + validators + "\r\n";
   bool ok = Send(head);
   if (ok && !IsHead()) ok = SendBody(fd, st.st_size);
   release();
@@ -240,7 +164,7 @@ int WebFileRelay::Output(FILE* stream, const char* name, const char* mime) {
   if (n == 0) {
     result = SendError(500, "Internal Server Error");
   } else {
-    bool ok = Send("Content-Type: " + SanitizeMime(mime) + "\r\n" + Disposition(name) + "\r\n");
+    bool ok = Send("Content-Type: " + http::SafeType(mime) + "\r\n" + http::Disposition(name) + "\r\n");
     if (ok && !IsHead()) {
       ok = WriteAll(fileno(stdout), buf, n);
       while (ok && (n = fread(buf, 1, sizeof buf, stream)) > 0) ok = WriteAll(fileno(stdout), buf, n);
