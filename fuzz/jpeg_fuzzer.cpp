@@ -14,6 +14,7 @@
 #include "quality/decoders.h"
 #include "quality/pipeline.h"
 #include "quality/resample.h"
+#include "support/test_util.h"
 
 using namespace kovathumb;
 using namespace kovathumb::internal;
@@ -26,13 +27,10 @@ constexpr bool kPng = true;
 constexpr bool kPng = false;
 #endif
 
+// Under scripts/fuzz.sh's private TMPDIR; removed at exit.
 const std::string& Dir() {
-  static const std::string dir = [] {
-    const char* tmp = getenv("TMPDIR");  // scripts/fuzz.sh gives a private one
-    std::string tmpl = std::string(tmp != nullptr ? tmp : "/tmp") + "/kovathumb_fuzz_XXXXXX";
-    return std::string(mkdtemp(&tmpl[0]));
-  }();
-  return dir;
+  static const kovathumb::test::TempDir dir;
+  return dir.path();
 }
 
 }  // namespace

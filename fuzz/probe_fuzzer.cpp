@@ -17,13 +17,10 @@ const char* const kNames[] = {"p.jpg", "p.png", "p.gif", "p.tif", "p.bmp",
                               "p.dng", "p.cr2", "p.nef", "p.heic", "p.HEIF"};
 const char* const kSizes[] = {"small", "big", "large", "original", "__CUSTOM_SIZE__"};
 
+// Under scripts/fuzz.sh's private TMPDIR; removed at exit.
 const std::string& Dir() {
-  static const std::string dir = [] {
-    const char* tmp = getenv("TMPDIR");  // scripts/fuzz.sh gives a private one
-    std::string tmpl = std::string(tmp != nullptr ? tmp : "/tmp") + "/kovathumb_fuzz_XXXXXX";
-    return std::string(mkdtemp(&tmpl[0]));
-  }();
-  return dir;
+  static const kovathumb::test::TempDir dir;
+  return dir.path();
 }
 
 }  // namespace
