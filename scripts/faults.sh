@@ -90,7 +90,7 @@ F src/http/fields.cpp :: If-Modified-Since is asked when If-None-Match does not 
 + if (ifNoneMatch != nullptr && TagMatches(ifNoneMatch, ETag(st))) return true;
 F src/http/fields.cpp :: a date in the future validates
 - since <= now &&
-+ since <= now + 1000000000 &&
++ since == since &&
 F src/libkovathumb/store.cpp :: an empty or broken result is stored
 - if (!IsStorable(in.get(), st, info_.GetOutputMimeType())) {
 + if (false) {
