@@ -5,6 +5,7 @@
 #include <syslog.h>
 
 #include <cstdlib>
+#include <exception>
 #include <exiv2/exiv2.hpp>
 
 #include "kovaplatform/kovaplatform.h"
@@ -56,6 +57,21 @@ bool Number(const std::string& s, uint64_t max, uint64_t* n) {
   return *n <= max;
 }
 
+// Exiv2 0.27's preview readers also throw standard exceptions of their own
+// (its overflow checks, its containers' bounds) on a crafted file: a preview
+// that cannot be read is no preview, and the image's facts stand. Its own
+// errors keep failing the probe, as they always have.
+template <typename F>
+bool OrNoPreview(const F& read) {
+  try {
+    return read();
+  } catch (const Exiv2::AnyError&) {
+    throw;
+  } catch (const std::exception&) {
+    return false;
+  }
+}
+
 Probed Read(const ProbeRequest& r) {
   Probed out;
   try {
@@ -71,15 +87,27 @@ Probed Read(const ProbeRequest& r) {
     out.mime = image->mimeType();
     out.width = static_cast<uint32_t>(image->pixelWidth());
     out.height = static_cast<uint32_t>(image->pixelHeight());
-    if (r.preview) out.previewFound = ReadChosenPreview(*image, r.choosePreview, &out.extension, &out.data);
+    if (r.preview) {
+      out.previewFound =
+          OrNoPreview([&] { return ReadChosenPreview(*image, r.choosePreview, &out.extension, &out.data); });
+      if (!out.previewFound) {
+        out.extension.clear();
+        out.data.clear();
+      }
+    }
     if (r.facts) {
       out.index = r.orientation(*image);
-      out.previewsListed = ListPreviews(*image, kMaxListed, &out.previews);
+      out.previewsListed = OrNoPreview([&] { return ListPreviews(*image, kMaxListed, &out.previews); });
     }
   } catch (const Exiv2::AnyError& e) {
     out = Probed();
     out.failed = true;
     out.code = e.code();
+    out.text = e.what();
+  } catch (const std::exception& e) {
+    out = Probed();
+    out.failed = true;
+    out.code = Exiv2::kerErrorMessage;
     out.text = e.what();
   }
   return out;

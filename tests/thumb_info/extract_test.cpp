@@ -104,6 +104,17 @@ TEST_F(ExtractTest, ErrorCodesFromRealFilesAndVideosUnread) {
     EXPECT_EQ(log.Count("(ExtractImgInfo) \"Exiv2 exception: E"), 1);
   }
   EXPECT_EQ(ExtractCode("/no/such.jpg"), 601);  // the constructor's stat
+  // A preview whose strip would end past 4 GiB: Exiv2 throws a standard
+  // overflow error, not one of its own; the image's facts stand, previewless.
+  std::string dng = test::MakeDng(256, 192, "", 0, 0);
+  const size_t strip = dng.find(std::string("\x17\x01\x04\x00\x01\x00\x00\x00", 8));
+  ASSERT_NE(strip, std::string::npos);
+  dng.replace(strip + 8, 4, "\xff\xff\xff\xff");
+  test::WriteFile(dir_ / "overflow.dng", dng);
+  for (bool preview : {false, true}) {
+    ThumbInfo info = Probe(dir_ / "overflow.dng", preview);
+    EXPECT_TRUE(info.IsGood() && info.GetWidth() == 256u && info.GetEXIFPreviewTmpPath().empty()) << preview;
+  }
   if (geteuid() != 0) return;  // readable by stat but not by open: 603
   test::MakeImage(dir_ / "locked.jpg", 8, 8);
   chmod((dir_ / "locked.jpg").c_str(), 0600);
