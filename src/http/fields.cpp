@@ -10,8 +10,8 @@ namespace kovathumb {
 namespace http {
 
 namespace {
+
 const char kDateFormat[] = "%a, %d %b %Y %H:%M:%S GMT";
-}  // namespace
 
 std::string Date(time_t t) {
   struct tm tm;
@@ -36,10 +36,6 @@ std::string ETag(const struct stat& st) {
   return tag;
 }
 
-std::string ValidatorFields(const struct stat& st) {
-  return "Last-Modified: " + Date(st.st_mtime) + "\r\nETag: " + ETag(st) + "\r\n";
-}
-
 bool TagMatches(const std::string& list, const std::string& etag) {
   for (size_t at = 0; at < list.size();) {
     size_t end = list.find(',', at);
@@ -52,6 +48,12 @@ bool TagMatches(const std::string& list, const std::string& etag) {
     at = end + 1;
   }
   return false;
+}
+
+}  // namespace
+
+std::string ValidatorFields(const struct stat& st) {
+  return "Last-Modified: " + Date(st.st_mtime) + "\r\nETag: " + ETag(st) + "\r\n";
 }
 
 bool NotModified(const struct stat& st, const char* ifNoneMatch, const char* ifModifiedSince, time_t now) {

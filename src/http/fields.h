@@ -23,20 +23,14 @@
 namespace kovathumb {
 namespace http {
 
-// An IMF-fixdate ("Sun, 06 Nov 1994 08:49:37 GMT").
-std::string Date(time_t t);
-// False unless `text` is an IMF-fixdate.
-bool ParseDate(const char* text, time_t* out);
-// A strong tag from the file's size and modification time (to the
-// nanosecond): a file rewritten within a second gets a new tag.
-std::string ETag(const struct stat& st);
-// "Last-Modified: …\r\nETag: …\r\n" for file `st`.
+// "Last-Modified: …\r\nETag: …\r\n" for file `st`: a strong tag from its
+// size and modification time to the nanosecond, so a file rewritten within a
+// second gets a new one.
 std::string ValidatorFields(const struct stat& st);
-// Whether If-None-Match `list` holds `*` or our tag, weak or strong.
-bool TagMatches(const std::string& list, const std::string& etag);
 // Whether a request's If-None-Match and If-Modified-Since (each null when
 // absent) let it be answered 304 at time `now`. If-None-Match, when given,
-// decides alone; a date after `now` is no validator.
+// decides alone, by `*` or our tag, weak or strong; a date after `now` is no
+// validator.
 bool NotModified(const struct stat& st, const char* ifNoneMatch, const char* ifModifiedSince, time_t now);
 // Content-Disposition, inline, with an ASCII name and the exact one
 // percent-encoded.

@@ -90,10 +90,6 @@ Probed Read(const ProbeRequest& r) {
     if (r.preview) {
       out.previewFound =
           OrNoPreview([&] { return ReadChosenPreview(*image, r.choosePreview, &out.extension, &out.data); });
-      if (!out.previewFound) {
-        out.extension.clear();
-        out.data.clear();
-      }
     }
     if (r.facts) {
       out.index = r.orientation(*image);
